@@ -1,0 +1,13 @@
+/* libvsk: the subscriber session store of the access router.
+ *
+ * The umbrella header: includes every public header of the library. */
+#ifndef VSK_VSK_H
+#define VSK_VSK_H
+
+#include "vsk/export.h"
+#include "vsk/status.h"
+#include "vsk/product_info.h"
+#include "vsk/store.h"
+#include "vsk/dyn_db.h"
+
+#endif /* VSK_VSK_H */
