@@ -9,5 +9,6 @@
 #include "vsk/product_info.h"
 #include "vsk/store.h"
 #include "vsk/dyn_db.h"
+#include "vsk/orvd.h"
 
 #endif /* VSK_VSK_H */
