@@ -74,6 +74,12 @@ int vsk_open_internal(bool create) {
   return 0;
 }
 
+int vsk_close_internal(void) {
+  const int result = vsk_db_close();
+  vsk::shared::DetachAll();
+  return result;
+}
+
 }  // extern "C"
 
 namespace vsk::shared {

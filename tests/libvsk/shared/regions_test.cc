@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <thread>
 
-#include "libvsk/shared/lifecycle.h"
 #include "shared_fixture.h"
 
 namespace vsk::test {
@@ -125,10 +124,12 @@ TEST_F(RegionsTest, ReopeningCreatorAndClientsFindContentsUnchanged) {
   EXPECT_TRUE(second.Ok()) << second;
 }
 
-TEST_F(RegionsTest, DetachingDropsEveryPointerButKeepsTheSemaphoreSet) {
+TEST_F(RegionsTest, CloseDropsEveryPointerButKeepsTheSemaphoreSet) {
   ASSERT_EQ(OpenAsCreator(), 0);
   vsk_unit_init(VSK_UNIT_POOL_UID_MAX, true, VSK_UNIT_POOL_UID);
-  vsk::shared::DetachAll();
+  vsk_session_id_t id = 0;
+  ASSERT_EQ(vsk_id_generate(&id), 0);
+  EXPECT_EQ(vsk_close_internal(), 0);  // no store was open: the store's close reports 0
   EXPECT_EQ(vsk_get_shm_ptr(0), nullptr);
   EXPECT_EQ(vsk_snap_get_shared_memory_ptr(), nullptr);
   EXPECT_EQ(vsk_db_status, nullptr);
@@ -142,6 +143,11 @@ TEST_F(RegionsTest, DetachingDropsEveryPointerButKeepsTheSemaphoreSet) {
   EXPECT_TRUE(traces().Lines().empty()) << traces().Dump();
   EXPECT_EQ(vsk_acquire_lock(VSK_LOCK_HEAP), 0);
   EXPECT_EQ(vsk_release_lock(VSK_LOCK_HEAP), 0);
+  // The objects outlive the close: opening again finds them, contents included.
+  ASSERT_EQ(vsk_open_internal(true), 0);
+  EXPECT_EQ(vsk_id_get_last(), 1u);
+  EXPECT_FALSE(traces().Contains("semaphore exist"));  // no semget this time
+  EXPECT_EQ(vsk_close_internal(), 0);
 }
 
 TEST_F(RegionsTest, AcquireWithoutASemaphoreSetFailsAtOnce) {
