@@ -9,7 +9,10 @@
 #include <filesystem>
 #include <thread>
 
+#include "libvsk/orvd_ctx.h"
+#include "libvsk/store/context.h"
 #include "shared_fixture.h"
+#include "vsk/store.h"
 
 namespace vsk::test {
 namespace {
@@ -148,6 +151,30 @@ TEST_F(RegionsTest, CloseDropsEveryPointerButKeepsTheSemaphoreSet) {
   EXPECT_EQ(vsk_id_get_last(), 1u);
   EXPECT_FALSE(traces().Contains("semaphore exist"));  // no semget this time
   EXPECT_EQ(vsk_close_internal(), 0);
+}
+
+TEST_F(RegionsTest, CloseShutsTheStoreFirstAndReturnsItsResult) {
+  for (bool panic : {false, true}) {
+    ChildResult r = RunInChild([panic] {
+      SetProgramName("orvd");
+      if (vsk_open_internal(true) != 0) return 1;
+      orvd_ctx link{};
+      vsk_db_set_master(true);
+      if (vsk_db_init(&link, true) != 0) return 2;
+      vsk_in_panic = panic;  // makes the store's close report a failure
+      int rc = vsk_close_internal();
+      if (rc != (panic ? -1 : 0)) return 3;
+      auto* ctx = vsk::store::Context();
+      if (ctx == nullptr || ctx->state != VSK_ENV_CLOSED || ctx->dbenv != nullptr) return 4;
+      // A failed store close still drops every pointer into shared memory.
+      if (vsk_get_shm_ptr(0) != nullptr || vsk_db_status != nullptr) return 5;
+      if (vsk_summary_counter != nullptr || vsk_snap_get_shared_memory_ptr() != nullptr) {
+        return 6;
+      }
+      return 0;
+    });
+    EXPECT_TRUE(r.Ok()) << r << (panic ? " (panic)" : "");
+  }
 }
 
 TEST_F(RegionsTest, AcquireWithoutASemaphoreSetFailsAtOnce) {
