@@ -123,12 +123,11 @@ int main() {
   std::printf("\nratios to the bare primitive (1 process / 2 processes)\n");
   std::printf("%-28s %16.2f %16.2f\n", "ids / semop pair", rate[0][0] / rate[3][0],
               rate[0][1] / rate[3][1]);
-  std::printf("%-28s %16.2f %16.2f\n", "units / (semop pair / 2)",
-              rate[2][0] / (rate[3][0] / 2), rate[2][1] / (rate[3][1] / 2));
+  std::printf("%-28s %16.2f %16.2f\n", "units / (semop pair / 2)", rate[2][0] / (rate[3][0] / 2),
+              rate[2][1] / (rate[3][1] / 2));
   std::printf("%-28s %16.2f %16.2f\n", "counters / atomic add", rate[1][0] / rate[4][0],
               rate[1][1] / rate[4][1]);
-  std::printf("(%d operations per process; a unit allocate+release takes two semop pairs)\n",
-              kOps);
+  std::printf("(%d operations per process; a unit allocate+release takes two semop pairs)\n", kOps);
 
   vsk_close_internal();
   RemoveObjects();

@@ -49,13 +49,13 @@ static_assert(sizeof(SummaryCounterRecord) == VSK_SUMMARY_COUNTER_SIZE);
 static_assert(sizeof(SummaryCounterRecord) == 196);
 
 struct MainSegment {
-  uint64_t last_session_id;                 // the last id handed out, 0 on a fresh segment
-  uint64_t reserved0;                       // stays zero
-  UnitPool<kIflPoolCapacity> ifl_pool;      // unit pool of type 0
-  UnitPool<kUidPoolCapacity> uid_pool;      // unit pool of type 1
-  SummaryCounterRecord summary_counters;    // the 49 counters
+  uint64_t last_session_id;               // the last id handed out, 0 on a fresh segment
+  uint64_t reserved0;                     // stays zero
+  UnitPool<kIflPoolCapacity> ifl_pool;    // unit pool of type 0
+  UnitPool<kUidPoolCapacity> uid_pool;    // unit pool of type 1
+  SummaryCounterRecord summary_counters;  // the 49 counters
   uint8_t reserved1[16];
-  uint32_t db_status;                       // the vsk_db_status word
+  uint32_t db_status;  // the vsk_db_status word
 };
 
 static_assert(offsetof(MainSegment, last_session_id) == VSK_SHM_LAST_SESSION_ID_OFFSET);
@@ -82,8 +82,6 @@ inline constexpr size_t kMainSize = VSK_SHM_MAIN_SIZE;
 inline constexpr size_t kSnapshotSize = VSK_SHM_SNAPSHOT_SIZE;
 
 // The attached main segment, or null.
-inline MainSegment* Main() {
-  return static_cast<MainSegment*>(vsk_get_shm_ptr(0));
-}
+inline MainSegment* Main() { return static_cast<MainSegment*>(vsk_get_shm_ptr(0)); }
 
 }  // namespace vsk::shared

@@ -8,6 +8,8 @@
 // the earlier steps: the caller runs vsk_close_internal, which copes with any subset.
 // Take-down drops the pointers in the reverse sense and never removes a System V object;
 // the semaphore id is kept and the interface table stays mapped.
+#include "libvsk/shared/lifecycle.h"
+
 #include <errno.h>
 
 #include <cstdio>
@@ -15,7 +17,6 @@
 #include <string>
 
 #include "libvsk/shared/layout.h"
-#include "libvsk/shared/lifecycle.h"
 #include "libvsk/trace.h"
 #include "platform/paths.h"
 #include "vsk/shared.h"
@@ -29,12 +30,11 @@ namespace vsk::shared {
 namespace {
 
 // Makes sure a key file exists ("a" creates it and leaves an existing one as it is).
-bool TouchKeyFile(const char* design_path) {
-  std::string path = platform::RootedPath(design_path);
+bool TouchKeyFile(const char* system_path) {
+  std::string path = platform::RootedPath(system_path);
   std::FILE* f = std::fopen(path.c_str(), "a");
   if (f == nullptr) {
-    VSK_TRACE("Failed to open shared memory key file %s, errno=%s", path.c_str(),
-              strerror(errno));
+    VSK_TRACE("Failed to open shared memory key file %s, errno=%s", path.c_str(), strerror(errno));
     return false;
   }
   std::fclose(f);

@@ -92,8 +92,7 @@ int vsk_lock_init(bool create) {
 int vsk_acquire_lock(int n) {
   int attempts = 0;
   if (SemaphoreOp(n, -1, &attempts) != 0) {
-    VSK_TRACE("VSK failed to acquire lock id %d, cnt %d, err %s", n, attempts,
-              strerror(errno));
+    VSK_TRACE("VSK failed to acquire lock id %d, cnt %d, err %s", n, attempts, strerror(errno));
     return -1;
   }
   if (attempts > 1) VSK_TRACE("INFO: VSK acquire lock cnt %d", attempts);
@@ -103,8 +102,7 @@ int vsk_acquire_lock(int n) {
 int vsk_release_lock(int n) {
   int attempts = 0;
   if (SemaphoreOp(n, +1, &attempts) != 0) {
-    VSK_TRACE("VSK failed to release lock id %d, cnt %d, err %s", n, attempts,
-              strerror(errno));
+    VSK_TRACE("VSK failed to release lock id %d, cnt %d, err %s", n, attempts, strerror(errno));
     return -1;
   }
   if (attempts > 1) VSK_TRACE("INFO: VSK release lock cnt %d", attempts);

@@ -55,8 +55,7 @@ int ChangeWithSum(uint32_t slot, uint32_t sum_slot, uint32_t delta, uint32_t* re
   return ChangeSlot(sum_slot, delta, record);
 }
 
-int ChangeConfigBits(const uint8_t* bitmap, int32_t length, uint32_t delta,
-                     uint32_t* record) {
+int ChangeConfigBits(const uint8_t* bitmap, int32_t length, uint32_t delta, uint32_t* record) {
   if (length <= 0 || bitmap == nullptr) return 0;
   int64_t bits = static_cast<int64_t>(length) * 8;
   if (bits > kMaxConfigBitsCounted - 1) bits = kMaxConfigBitsCounted;
@@ -104,18 +103,18 @@ uint32_t vsk_session_config_bit_to_summary_counter(int32_t bit) {
 }
 
 int vsk_summary_counter_increment_state(int32_t state, uint32_t* record) {
-  return ChangeWithSum(vsk_session_state_to_summary_counter(state),
-                       VSK_SUMMARY_COUNTER_STATE_SUM, kUp, record);
+  return ChangeWithSum(vsk_session_state_to_summary_counter(state), VSK_SUMMARY_COUNTER_STATE_SUM,
+                       kUp, record);
 }
 
 int vsk_summary_counter_decrement_state(int32_t state) {
-  return ChangeWithSum(vsk_session_state_to_summary_counter(state),
-                       VSK_SUMMARY_COUNTER_STATE_SUM, kDown, nullptr);
+  return ChangeWithSum(vsk_session_state_to_summary_counter(state), VSK_SUMMARY_COUNTER_STATE_SUM,
+                       kDown, nullptr);
 }
 
 int vsk_summary_counter_increment_type(uint32_t type, uint32_t* record) {
-  return ChangeWithSum(vsk_session_type_to_summary_counter(type), VSK_SUMMARY_COUNTER_TYPE_SUM,
-                       kUp, record);
+  return ChangeWithSum(vsk_session_type_to_summary_counter(type), VSK_SUMMARY_COUNTER_TYPE_SUM, kUp,
+                       record);
 }
 
 int vsk_summary_counter_decrement_type(uint32_t type) {
@@ -192,8 +191,7 @@ uint8_t vsk_subscribers_present(void) {
     return static_cast<uint8_t>(vsk_summary_counter[VSK_SUMMARY_COUNTER_TYPE_SUM] & 0xff);
   }
   if (vsk_summary_counter_open() != 0) return 0;
-  uint8_t present =
-      static_cast<uint8_t>(vsk_summary_counter[VSK_SUMMARY_COUNTER_TYPE_SUM] & 0xff);
+  uint8_t present = static_cast<uint8_t>(vsk_summary_counter[VSK_SUMMARY_COUNTER_TYPE_SUM] & 0xff);
   vsk_summary_counter_close();
   return present;
 }

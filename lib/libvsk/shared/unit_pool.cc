@@ -72,9 +72,7 @@ PoolView* CheckedPool(const char* fn, uint32_t type) {
 }
 
 // Result of an operation whose list work is done: gives semaphore 1 back.
-int Unlock(int result) {
-  return vsk_release_lock(VSK_LOCK_UNIT) == 0 ? result : VSK_UNIT_ERR_LOCK;
-}
+int Unlock(int result) { return vsk_release_lock(VSK_LOCK_UNIT) == 0 ? result : VSK_UNIT_ERR_LOCK; }
 
 }  // namespace
 }  // namespace vsk::shared
@@ -106,8 +104,8 @@ void vsk_unit_init(int32_t max, bool init, uint32_t type) {
   }
   PoolView& pool = unit_allocator[type];
   pool.header = header;
-  pool.entries = reinterpret_cast<int32_t*>(reinterpret_cast<uint8_t*>(header) +
-                                            sizeof(UnitPoolHeader));
+  pool.entries =
+      reinterpret_cast<int32_t*>(reinterpret_cast<uint8_t*>(header) + sizeof(UnitPoolHeader));
   pool.first_unit = geometry.first_unit;
   pool.capacity = geometry.capacity;
   if (!init) return;

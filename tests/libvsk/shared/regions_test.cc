@@ -276,8 +276,7 @@ TEST_F(RegionsTest, CachePositionUsesFactor1500CutTo16Bits) {
   struct Case {
     uint64_t id;
     uint16_t offset;
-  } cases[] = {{1, 0}, {2, 1500}, {44, 64500}, {45, 464}, {1501, 0}, {1502, 1500},
-               {0, 4996}};
+  } cases[] = {{1, 0}, {2, 1500}, {44, 64500}, {45, 464}, {1501, 0}, {1502, 1500}, {0, 4996}};
   for (const Case& c : cases) {
     vsk_session_ids_t ids{};
     ids.session_id = c.id;
