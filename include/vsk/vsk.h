@@ -10,5 +10,7 @@
 #include "vsk/store.h"
 #include "vsk/dyn_db.h"
 #include "vsk/orvd.h"
+#include "vsk/avl.h"
+
 
 #endif /* VSK_VSK_H */
