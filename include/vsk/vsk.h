@@ -10,7 +10,8 @@
 #include "vsk/store.h"
 #include "vsk/dyn_db.h"
 #include "vsk/orvd.h"
+#include "vsk/session.h"
+#include "vsk/shared.h"
 #include "vsk/avl.h"
-
 
 #endif /* VSK_VSK_H */
