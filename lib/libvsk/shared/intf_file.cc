@@ -166,4 +166,10 @@ SHGenAVLTree SessionTree(uint32_t root) {
   return tree;
 }
 
+void TestSeam::Forget() {
+  if (g_map.base != nullptr) munmap(g_map.base, static_cast<size_t>(g_map.mapped_size));
+  if (g_map.fd >= 0) close(g_map.fd);
+  g_map = Mapping{};
+}
+
 }  // namespace vsk::shared::intf

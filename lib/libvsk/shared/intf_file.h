@@ -74,11 +74,13 @@ vsk_status_t Finish(vsk_status_t status);
 void StoreInterfaceFunctions();
 SHGenAVLTree SessionTree(uint32_t root);
 
-// A test seam: the lock and unlock of a table operation with nothing in between, so that
-// a test process can die while holding the table.
+// Test seams. Lock/Unlock: a table operation's lock and unlock with nothing in between,
+// so that a test process can die holding the table. Forget: drops this process's mapping
+// and descriptor as if it had never run init (a forked child then maps like a client).
 struct TestSeam {
   static vsk_status_t Lock() { return intf::Lock(); }
   static vsk_status_t Unlock() { return intf::Unlock(); }
+  static void Forget();
 };
 
 }  // namespace vsk::shared::intf
