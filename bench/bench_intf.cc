@@ -46,7 +46,9 @@ void Check(int rc, const char* what) {
   }
 }
 
-std::string Name(long i) { return "ge-" + std::to_string(i / 4096) + "/0/" + std::to_string(i % 4096); }
+std::string Name(long i) {
+  return "ge-" + std::to_string(i / 4096) + "/0/" + std::to_string(i % 4096);
+}
 
 void InterfaceRates(long n) {
   Check(vsk_db_secondary_init(true), "init");
@@ -104,7 +106,8 @@ void SessionRates(long sessions, long uifls) {
     Check(vsk_db_interface_remove(names[s % uifls].c_str(), 2, s + 1), "remove session");
   }
   auto t4 = Clock::now();
-  std::string label = std::to_string(sessions) + " sessions on " + std::to_string(uifls) + " uifl: ";
+  std::string label =
+      std::to_string(sessions) + " sessions on " + std::to_string(uifls) + " uifl: ";
   Row((label + "add").c_str(), sessions, Seconds(t0, t1));
   Row((label + "first client").c_str(), sessions, Seconds(t1, t2));
   Row((label + "clients_by_uifl").c_str(), uifls, Seconds(t2, t3));
@@ -123,7 +126,8 @@ int main() {
   if (mkdtemp(tmpl) == nullptr) return 1;
   setenv("VSK_ROOT", tmpl, 1);
   namespace fs = std::filesystem;
-  for (const char* dir : {"/mfs/var/tmp/", vsk::platform::kStoreHome, vsk::platform::kInterfaceDir}) {
+  for (const char* dir :
+       {"/mfs/var/tmp/", vsk::platform::kStoreHome, vsk::platform::kInterfaceDir}) {
     vsk::platform::MakeDirs(vsk::platform::RootedPath(dir));
   }
   Check(vsk_open_internal(true), "open shared regions");

@@ -56,8 +56,7 @@ VSK_EXPORT vsk_status_t vsk_db_interface_set_state(const char *name, uint32_t st
 /* `count_out` is 0 before anything else; -7 when the name has no underlying clients. */
 VSK_EXPORT vsk_status_t vsk_db_get_num_clients_on_uifl(const char *name, uint32_t *count_out);
 /* The smallest session id on `name` as underlying interface; -7 if none. */
-VSK_EXPORT vsk_status_t vsk_db_get_first_client_on_uifl(const char *name,
-                                                        vsk_session_id_t *id_out);
+VSK_EXPORT vsk_status_t vsk_db_get_first_client_on_uifl(const char *name, vsk_session_id_t *id_out);
 /* The ids on `name`, ascending, in a malloc'ed array of *count_out ids that the caller
  * frees. -6 for a null output, -7 when none, -2 when the array can't be allocated. */
 VSK_EXPORT vsk_status_t vsk_db_get_clients_by_uifl(const char *name, uint32_t *count_out,

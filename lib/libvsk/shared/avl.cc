@@ -92,9 +92,18 @@ void RotateRightLeft(SHGenAVLTree* tree, SHGenAVLNode* parent, int dir) {
   m->left = OffsetOf(n);
   m->right = OffsetOf(r);
   switch (m->balance) {
-    case -1: n->balance = 0; r->balance = 1; break;
-    case 1: n->balance = -1; r->balance = 0; break;
-    default: n->balance = 0; r->balance = 0; break;
+    case -1:
+      n->balance = 0;
+      r->balance = 1;
+      break;
+    case 1:
+      n->balance = -1;
+      r->balance = 0;
+      break;
+    default:
+      n->balance = 0;
+      r->balance = 0;
+      break;
   }
   m->balance = 0;
   SetChild(tree, parent, dir, m);
@@ -110,9 +119,18 @@ void RotateLeftRight(SHGenAVLTree* tree, SHGenAVLNode* parent, int dir) {
   m->right = OffsetOf(n);
   m->left = OffsetOf(l);
   switch (m->balance) {
-    case -1: l->balance = 0; n->balance = 1; break;
-    case 1: l->balance = -1; n->balance = 0; break;
-    default: l->balance = 0; n->balance = 0; break;
+    case -1:
+      l->balance = 0;
+      n->balance = 1;
+      break;
+    case 1:
+      l->balance = -1;
+      n->balance = 0;
+      break;
+    default:
+      l->balance = 0;
+      n->balance = 0;
+      break;
   }
   m->balance = 0;
   SetChild(tree, parent, dir, m);
@@ -130,9 +148,7 @@ SHGenAVLNode* NodeAt(uint32_t offset) {
 }
 
 uint32_t OffsetOf(const SHGenAVLNode* node) {
-  return node == nullptr
-             ? 0
-             : static_cast<uint32_t>(reinterpret_cast<const char*>(node) - g_base);
+  return node == nullptr ? 0 : static_cast<uint32_t>(reinterpret_cast<const char*>(node) - g_base);
 }
 
 SHGenAVLCompareFn CompareOf(const SHGenAVLTree* tree) {
@@ -179,13 +195,11 @@ void SHGenAVLInit(SHGenAVLNode* node, uint32_t data) {
   node->left = 0;
 }
 
-int SHGenAVLTreeSetFunctions(SHGenAVLTree* tree, SHGenAVLCompareFn compare,
-                             SHGenAVLKeyOfFn key_of, SHGenAVLNextKeyFn next_key,
-                             SHGenAVLKeyOkFn key_ok) {
-  uint32_t ids[4] = {Register(Kind::kCompare, Erase(compare)),
-                     Register(Kind::kKeyOf, Erase(key_of)),
-                     Register(Kind::kNextKey, Erase(next_key)),
-                     Register(Kind::kKeyOk, Erase(key_ok))};
+int SHGenAVLTreeSetFunctions(SHGenAVLTree* tree, SHGenAVLCompareFn compare, SHGenAVLKeyOfFn key_of,
+                             SHGenAVLNextKeyFn next_key, SHGenAVLKeyOkFn key_ok) {
+  uint32_t ids[4] = {
+      Register(Kind::kCompare, Erase(compare)), Register(Kind::kKeyOf, Erase(key_of)),
+      Register(Kind::kNextKey, Erase(next_key)), Register(Kind::kKeyOk, Erase(key_ok))};
   bool full = (compare != nullptr && ids[0] == 0) || (key_of != nullptr && ids[1] == 0) ||
               (next_key != nullptr && ids[2] == 0) || (key_ok != nullptr && ids[3] == 0);
   if (full) std::memset(ids, 0, sizeof ids);

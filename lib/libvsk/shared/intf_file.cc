@@ -82,8 +82,8 @@ int GrowOrFollow(int32_t new_size) {
     return -1;
   }
   g_map.base = nullptr;
-  void* p = mmap(nullptr, static_cast<size_t>(new_size), PROT_READ | PROT_WRITE, MAP_SHARED,
-                 g_map.fd, 0);
+  void* p =
+      mmap(nullptr, static_cast<size_t>(new_size), PROT_READ | PROT_WRITE, MAP_SHARED, g_map.fd, 0);
   if (p == MAP_FAILED) {
     VSK_TRACE("Failed increasing memory map");
     return -1;
@@ -150,13 +150,10 @@ vsk_status_t Begin() {
   return VSK_OK;
 }
 
-vsk_status_t Finish(vsk_status_t status) {
-  return Unlock() == VSK_OK ? status : VSK_ERR_FATAL;
-}
+vsk_status_t Finish(vsk_status_t status) { return Unlock() == VSK_OK ? status : VSK_ERR_FATAL; }
 
 void StoreInterfaceFunctions() {
-  SHGenAVLTreeSetFunctions(&Header()->interfaces, CompareInterface, InterfaceKey, nullptr,
-                           nullptr);
+  SHGenAVLTreeSetFunctions(&Header()->interfaces, CompareInterface, InterfaceKey, nullptr, nullptr);
 }
 
 SHGenAVLTree SessionTree(uint32_t root) {

@@ -23,7 +23,7 @@ inline constexpr int kInitialPages = 10;
 inline constexpr uint32_t kNameSize = VSK_INTF_NAME_SIZE;
 
 struct FileHeader {
-  uint8_t initialized;       // 1 once `orvd` has formatted the file
+  uint8_t initialized;  // 1 once `orvd` has formatted the file
   uint8_t zero[3];
   uint32_t free_interfaces;  // head of the free interface records
   uint32_t free_sessions;    // head of the free session nodes
@@ -52,7 +52,7 @@ struct InterfaceRecord {
   int32_t ifl_count;       // clients with this as their own interface
   int32_t uifl_count;      // clients with this as underlying interface
   uint32_t reserved;
-  uint32_t state;          // meaning belongs to the callers
+  uint32_t state;  // meaning belongs to the callers
 };
 static_assert(sizeof(InterfaceRecord) == 100);
 static_assert(offsetof(InterfaceRecord, name) == 0);

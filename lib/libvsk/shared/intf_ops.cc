@@ -123,8 +123,7 @@ vsk_status_t vsk_db_interface_add(const char* name, uint32_t kind, vsk_session_i
   return Finish(AddSession(rec_offset, name, session_id));
 }
 
-vsk_status_t vsk_db_interface_remove(const char* name, uint32_t kind,
-                                     vsk_session_id_t session_id) {
+vsk_status_t vsk_db_interface_remove(const char* name, uint32_t kind, vsk_session_id_t session_id) {
   if (name == nullptr) return BadArgument(__func__);
   vsk_status_t rc = Begin();
   if (rc != VSK_OK) return rc;

@@ -1,6 +1,8 @@
 // The offset AVL tree through its C interface: shape after insertions and deletions,
 // order and balance invariants against an ordered reference, walks by key, and a block
 // that moves.
+#include "vsk/avl.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
@@ -9,7 +11,6 @@
 #include <vector>
 
 #include "support/harness.h"
-#include "vsk/avl.h"
 
 namespace vsk::test {
 namespace {
@@ -215,7 +216,8 @@ TEST_F(AvlTest, RandomOperationsKeepOrderAndBalance) {
   }
   ASSERT_EQ(SHGenAVLTreeFirstData(&tree_), ref.empty() ? 0 : OffsetOfSlot(*ref.begin()));
   // Empty it completely.
-  for (int32_t k : std::vector<int32_t>(ref.begin(), ref.end())) ASSERT_EQ(Delete(k), OffsetOfSlot(k));
+  for (int32_t k : std::vector<int32_t>(ref.begin(), ref.end()))
+    ASSERT_EQ(Delete(k), OffsetOfSlot(k));
   EXPECT_EQ(tree_.root, 0u);
 }
 

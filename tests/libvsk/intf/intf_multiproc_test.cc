@@ -18,9 +18,7 @@ constexpr int kGrowthNames = 1500;  // 150 KB of records: several growth steps
 std::string Name(int i) { return "ge-0/0/" + std::to_string(i); }
 
 // This process's store as a daemon in the ready state sees it.
-void StoreReady() {
-  vsk::store::ActivateContext()->state = VSK_ENV_READY;
-}
+void StoreReady() { vsk::store::ActivateContext()->state = VSK_ENV_READY; }
 
 TEST_F(IntfTest, GrowthInOneProcessIsFollowedByAnother) {
   ASSERT_EQ(vsk_db_interface_add("first", 2, 1, 1, 4), 0);
@@ -92,8 +90,8 @@ TEST_F(IntfTest, HolderKilledInsideTheTableIsDetectedEverywhereAndRepaired) {
 
   traces().Clear();
   ASSERT_EQ(vsk_failcheck(), 0) << traces().Dump();
-  EXPECT_TRUE(traces().Contains("*** LOCK was still open by pid " + std::to_string(dead) +
-                                ", recover"));
+  EXPECT_TRUE(
+      traces().Contains("*** LOCK was still open by pid " + std::to_string(dead) + ", recover"));
   EXPECT_TRUE(traces().Contains("INIT MEMORY"));
   EXPECT_TRUE(traces().Contains("Recover Secondary Table"));
   EXPECT_EQ(*vsk_db_status, static_cast<uint32_t>(VSK_DB_STATUS_READY));

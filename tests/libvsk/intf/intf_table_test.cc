@@ -31,7 +31,8 @@ TEST_F(IntfTest, OwnInterfaceCountedTwiceNeedsTwoRemoves) {
 }
 
 TEST_F(IntfTest, UnderlyingClientsKeptInIdOrder) {
-  for (vsk_session_id_t id : {30u, 10u, 20u}) ASSERT_EQ(vsk_db_interface_add("ae0", 2, id, 0, 0), 0);
+  for (vsk_session_id_t id : {30u, 10u, 20u})
+    ASSERT_EQ(vsk_db_interface_add("ae0", 2, id, 0, 0), 0);
   ASSERT_EQ(vsk_db_interface_add("ae0", 3, 0x100000000ull, 0, 0), 0);  // both bits
   EXPECT_EQ(NumClients("ae0"), 4);
   EXPECT_EQ(Clients("ae0"), (Ids{10, 20, 30, 0x100000000ull}));
