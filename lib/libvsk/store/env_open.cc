@@ -23,6 +23,7 @@
 #include "platform/paths.h"
 #include "platform/progname.h"
 #include "vsk/dyn_db.h"
+#include "vsk/shared.h"
 #include "vsk/store.h"
 
 namespace vsk::store {
@@ -224,7 +225,9 @@ vsk_status_t vsk_db_init(orvd_ctx* orvd_handle, bool is_orvd) {
     ctx->state = VSK_ENV_REPLICATING;
   }
 
-  // The unit pools open here, between replication and the tables.
+  // The unit pools: the creator formats both at every open; the master's rebuild lists them.
+  vsk_unit_init(VSK_UNIT_POOL_IFL_MAX, is_orvd, VSK_UNIT_POOL_IFL);
+  vsk_unit_init(VSK_UNIT_POOL_UID_MAX, is_orvd, VSK_UNIT_POOL_UID);
 
   // On the standby the creator and the replication daemon open no tables.
   if (!master && (is_orvd || std::strcmp(vsk::platform::ProgramName(), "lodexd") == 0)) {
