@@ -11,5 +11,7 @@
 #include "vsk/dyn_db.h"
 #include "vsk/evlib.h"
 #include "vsk/orvd.h"
+#include "vsk/session.h"
+#include "vsk/shared.h"
 
 #endif /* VSK_VSK_H */

@@ -1,0 +1,147 @@
+// The two System V segments: finding or creating them, attaching and detaching.
+//
+// Owns the process-local pointers to the main and snapshot segments. Called from the
+// daemon's single event context (vsk_open_internal / vsk_close_internal and the stand-alone
+// counter reader); nothing here is locked.
+//
+// Invariants:
+//  1. A segment is cleared only by the process that really created it (IPC_CREAT after a
+//     failed lookup). A creator that finds an existing segment keeps its contents byte for
+//     byte, so ids, pools and counters survive a daemon restart.
+//  2. A pointer is null exactly while this process has no attachment through it.
+//  3. The library never removes a segment.
+#include <errno.h>
+#include <sys/ipc.h>
+#include <sys/shm.h>
+
+#include <cstring>
+#include <string>
+
+#include "libvsk/shared/layout.h"
+#include "libvsk/trace.h"
+#include "platform/paths.h"
+#include "vsk/shared.h"
+
+namespace vsk::shared {
+namespace {
+
+uint8_t* g_main = nullptr;
+uint8_t* g_snapshot = nullptr;
+
+key_t KeyOf(int project) {
+  std::string key_file = platform::RootedPath(platform::kShmKeyFile);
+  return ftok(key_file.c_str(), project);
+}
+
+void* Attach(int id) {
+  void* base = shmat(id, nullptr, 0);
+  return base == reinterpret_cast<void*>(-1) ? nullptr : base;
+}
+
+}  // namespace
+}  // namespace vsk::shared
+
+using namespace vsk::shared;
+
+extern "C" {
+
+int vsk_shared_memory_init(bool create) {
+  key_t key = KeyOf(kMainProject);
+  if (key == -1) return -1;
+  bool created = false;
+  int id = shmget(key, kMainSize, 0666);
+  if (id != -1) {
+    VSK_TRACE("shared memory exist");
+  } else {
+    if (!create) {
+      VSK_TRACE("Failed to get shared memory");
+      return -1;
+    }
+    VSK_TRACE("shared memory does not exist");
+    id = shmget(key, kMainSize, IPC_CREAT | 0666);
+    if (id == -1) {
+      VSK_TRACE("Failed to create shared memory");
+      return -1;
+    }
+    created = true;
+  }
+  // A second call attaches again and overwrites the pointer: the process does not keep
+  // track of an earlier attachment.
+  g_main = static_cast<uint8_t*>(Attach(id));
+  if (g_main == nullptr) {
+    VSK_TRACE("Failed to attach shared memory");
+    return -1;
+  }
+  if (created) std::memset(g_main, 0, kMainSize);
+  return 0;
+}
+
+int vsk_snap_shared_memory_init(bool create) {
+  static const char kFn[] = "vsk_snap_shared_memory_init";
+  key_t key = KeyOf(kSnapshotProject);
+  if (key == -1) {
+    VSK_TRACE("%s:Failed to get shared memory key", kFn);
+    return -1;
+  }
+  bool created = false;
+  int id = shmget(key, kSnapshotSize, 0666);
+  if (id != -1) {
+    VSK_TRACE("%s: Snap shared memory exist", kFn);
+  } else {
+    if (!create) {
+      VSK_TRACE("Failed to get snapshot shared memory");
+      return -1;
+    }
+    id = shmget(key, kSnapshotSize, IPC_CREAT | 0666);
+    if (id == -1) {
+      VSK_TRACE("%s:Failed to get shared memory id %s", kFn, strerror(errno));
+      return -1;
+    }
+    created = true;
+  }
+  g_snapshot = static_cast<uint8_t*>(Attach(id));
+  if (g_snapshot == nullptr) {
+    VSK_TRACE("%s:Failed to attach shared memory", kFn);
+    return -1;
+  }
+  if (created) std::memset(g_snapshot, 0, kSnapshotSize);
+  return 0;
+}
+
+void* vsk_get_shm_ptr(int32_t offset) {
+  if (g_main == nullptr) return nullptr;
+  return g_main + offset;
+}
+
+void* vsk_snap_get_shared_memory_ptr(void) { return g_snapshot; }
+
+void vsk_detach_shm(void) {
+  if (g_main == nullptr) return;
+  int rc = shmdt(g_main);
+  if (rc != 0) VSK_TRACE("Failed to release shared memory %d", rc);
+  g_main = nullptr;
+}
+
+int vsk_snap_detach_shm(void) {
+  if (g_snapshot == nullptr) return 0;
+  int rc = shmdt(g_snapshot);
+  if (rc != 0) {
+    VSK_TRACE("%s:Failed to release shared memory: %d\n", "vsk_snap_detach_shm", rc);
+  }
+  g_snapshot = nullptr;
+  return 0;
+}
+
+// The factor 1500 (not the slot size 3000) and the unchecked cut to 16 bits are what the
+// readers of shm_offset expect; the cache computes its own slot offset independently.
+int vsk_get_shared_mem(vsk_session_ids_t* ids) {
+  if (ids == nullptr) {
+    VSK_TRACE("%s: null id block", "vsk_get_shared_mem");
+    return 0;
+  }
+  uint64_t slot = (ids->session_id - 1) % 1500;
+  ids->shm_offset = static_cast<uint16_t>(slot * 1500);
+  return 0;
+}
+
+}  // extern "C"
