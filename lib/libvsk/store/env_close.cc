@@ -15,6 +15,7 @@
 #include "libvsk/trace.h"
 #include "platform/lodex.h"
 #include "vsk/dyn_db.h"
+#include "vsk/shared.h"
 #include "vsk/store.h"
 
 namespace vsk::store {
@@ -109,9 +110,7 @@ void vsk_db_event_down(orvd_ctx* handle) {
   if (ctx == nullptr) return;
   ctx->state = VSK_ENV_DOWN;
   VSK_TRACE("VSK STATE DOWN");
-  // Everything of the library goes down here; until the shared regions' close exists in
-  // this build, that is the store.
-  vsk_db_close();
+  vsk_close_internal();
   orvd_ctx* link = handle != nullptr ? handle : ctx->orvd_handle;
   if (link != nullptr && link->db_env_change_cbk != nullptr) {
     DB_ENV* env = nullptr;  // null by now: tells the daemon to drop any cached handle
