@@ -13,5 +13,7 @@
 #include "vsk/orvd.h"
 #include "vsk/session.h"
 #include "vsk/shared.h"
+#include "vsk/avl.h"
+#include "vsk/intf.h"
 
 #endif /* VSK_VSK_H */

@@ -1,0 +1,203 @@
+// Mapping, rebuild and repair of the interface table.
+//
+// vsk_db_secondary_init runs in registration in every process: `orvd` makes the file anew
+// and empty, a client maps what is there. vsk_db_secondary_recover runs in `orvd` on the
+// master after the store opened, and from failcheck; it refills the table and the
+// derived counters from the store and moves the status word 2 -> 3. vsk_failcheck is
+// `orvd`'s repair after some process died holding the table.
+#include "libvsk/shared/intf_recover.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "libvsk/shared/intf_file.h"
+#include "libvsk/trace.h"
+#include "platform/paths.h"
+#include "vsk/intf.h"
+#include "vsk/shared.h"
+#include "vsk/store.h"
+
+using namespace vsk::shared::intf;
+
+namespace vsk::shared::intf {
+namespace {
+
+uint32_t* g_recovery_record = nullptr;
+
+void* MapFile(int fd, int32_t size) {
+  void* p = mmap(nullptr, static_cast<size_t>(size), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  return p == MAP_FAILED ? nullptr : p;
+}
+
+vsk_status_t InitClient() {
+  Mapping& m = Map();
+  std::string path = FilePath();
+  if (m.fd >= 0) close(m.fd);
+  m.fd = open(path.c_str(), O_RDWR);
+  if (m.fd < 0) {
+    VSK_TRACE("Failed to open file %s, %s", kFileName, strerror(errno));
+    m.base = nullptr;
+    return VSK_ERR_NOMEM;
+  }
+  // A file shorter than one step is being formatted by `orvd` (or is not ours): touching
+  // the mapping past its end would kill the process.
+  struct stat st {};
+  void* p = nullptr;
+  if (fstat(m.fd, &st) == 0 && st.st_size >= m.mapped_size) p = MapFile(m.fd, m.mapped_size);
+  if (p == nullptr) {
+    VSK_TRACE("Failed mmap");
+    close(m.fd);
+    m.fd = -1;
+    m.base = nullptr;
+    return VSK_ERR_NOMEM;
+  }
+  m.base = static_cast<char*>(p);
+  SHGenAVLInitBase(m.base);
+  if (Header()->file_size != m.mapped_size && GrowOrFollow(Header()->file_size) != 0) {
+    VSK_TRACE("VSK DB INIT failed, increase failed");
+    return VSK_ERR_NOMEM;
+  }
+  SHGenAVLInitBase(m.base);
+  return VSK_OK;
+}
+
+vsk_status_t InitOrvd() {
+  Mapping& m = Map();
+  if (m.base != nullptr) {
+    if (munmap(m.base, static_cast<size_t>(m.mapped_size)) != 0) {
+      VSK_TRACE("Failed to unmap memory, %s", strerror(errno));
+      return VSK_ERR_NOMEM;
+    }
+    m.base = nullptr;
+  }
+  if (m.fd >= 0) close(m.fd);
+  std::string path = FilePath();
+  platform::MakeDirs(platform::RootedPath(platform::kInterfaceDir));
+  m.fd = open(path.c_str(), O_RDWR | O_CREAT, kFileMode);
+  if (m.fd < 0) {
+    VSK_TRACE("Failed to open file %s, %s", kFileName, strerror(errno));
+    return VSK_ERR_NOMEM;
+  }
+  int32_t size = InitialSize();
+  if (ftruncate(m.fd, size) != 0) {
+    VSK_TRACE("Truncate failed");
+    if (unlink(path.c_str()) != 0) VSK_TRACE("Unlink failed");
+    return VSK_ERR_NOMEM;
+  }
+  void* p = MapFile(m.fd, size);
+  if (p == nullptr) {
+    VSK_TRACE("Failed mmap");
+    unlink(path.c_str());
+    return VSK_ERR_NOMEM;
+  }
+  m.base = static_cast<char*>(p);
+  VSK_TRACE("INIT MEMORY");
+  std::memset(m.base, 0, static_cast<size_t>(size));
+  FileHeader* h = Header();
+  h->initialized = 1;
+  h->file_size = size;
+  h->grow_size = static_cast<uint32_t>(size);
+  ResetHeader();
+  SHGenAVLInitBase(m.base);
+  return VSK_OK;
+}
+
+// Counters before the walk: an empty shared record is counted into directly; otherwise
+// the walk counts into a private record and readers keep the old values until the end.
+void PrepareCounters() {
+  g_recovery_record = nullptr;
+  if (vsk_summary_counter == nullptr) return;
+  if (vsk_summary_counter[VSK_SUMMARY_COUNTER_TYPE_SUM] == 0) {
+    std::memset(vsk_summary_counter, 0, VSK_SUMMARY_COUNTER_SIZE);
+    return;
+  }
+  g_recovery_record = static_cast<uint32_t*>(std::calloc(VSK_SUMMARY_COUNTER_SLOTS, 4));
+}
+
+void PutCountersInPlace() {
+  if (g_recovery_record == nullptr) return;
+  if (vsk_summary_counter != nullptr) {
+    std::memcpy(vsk_summary_counter, g_recovery_record, VSK_SUMMARY_COUNTER_SIZE);
+  }
+  std::free(g_recovery_record);
+  g_recovery_record = nullptr;
+}
+
+}  // namespace
+
+uint32_t* RecoveryCounterRecord() { return g_recovery_record; }
+
+}  // namespace vsk::shared::intf
+
+extern "C" {
+
+vsk_status_t vsk_db_secondary_init(bool is_orvd) {
+  Mapping& m = Map();
+  if (m.base != nullptr && !is_orvd) return VSK_OK;
+  m.mapped_size = InitialSize();
+  m.pid = getpid();
+  return is_orvd ? InitOrvd() : InitClient();
+}
+
+vsk_status_t vsk_db_secondary_recover(void) {
+  if (Map().base == nullptr) {
+    VSK_TRACE("Please init API before calling");
+    return VSK_ERR_FATAL;
+  }
+  if (vsk_db_status != nullptr) *vsk_db_status = VSK_DB_STATUS_RECOVERING;
+  VSK_TRACE("Recover Secondary Table");
+  ResetHeader();
+  // Join: with vsk_debug set, vsk_recover_debug_init() opens the recovery log here.
+  PrepareCounters();
+
+  // Join: the session walk, vsk_recover_sessions(vsk_recover_one_session, filter with
+  // flags 3), refills the table and counts into RecoveryCounterRecord(). Until it is
+  // built in, the table is rebuilt empty and the walk counts as done.
+  vsk_status_t walk = VSK_OK;
+
+  PutCountersInPlace();
+  if (walk != VSK_OK) {
+    VSK_TRACE("Failed to recover VSK secondary tables : %s", vsk_get_err_msg(walk));
+  } else {
+    vsk_unit_recovered(VSK_UNIT_POOL_IFL);
+  }
+
+  // Join: vsk_uid_recover() rebuilds the UID tables here. Until it is built in, that
+  // step counts as done.
+  vsk_status_t uid = VSK_OK;
+  if (uid != VSK_OK) {
+    VSK_TRACE("Failed to recover UID tables : %s", vsk_get_err_msg(uid));
+  } else {
+    vsk_unit_recovered(VSK_UNIT_POOL_UID);
+  }
+  // Join: with vsk_debug set, vsk_recover_debug_end() closes the recovery log here.
+
+  if (uid != VSK_OK) return uid;
+  if (vsk_db_status != nullptr) *vsk_db_status = VSK_DB_STATUS_READY;
+  return VSK_OK;
+}
+
+vsk_status_t vsk_db_secondary_failcheck(void) {
+  if (Map().base == nullptr) {
+    VSK_TRACE("Please init API before calling");
+    return VSK_ERR_FATAL;
+  }
+  if (vsk_acquire_lock(VSK_LOCK_HEAP) != 0) return VSK_ERR_FATAL;
+  int32_t holder = Header()->lock_pid;
+  if (holder != 0) VSK_TRACE("*** LOCK was still open by pid %d, recover", holder);
+  vsk_status_t rc = Unlock();
+  if (rc != VSK_OK) return rc;
+  if (holder == 0) return rc;
+  vsk_db_secondary_init(true);
+  return vsk_db_secondary_recover();
+}
+
+vsk_status_t vsk_failcheck(void) { return vsk_db_secondary_failcheck(); }
+
+}  // extern "C"
