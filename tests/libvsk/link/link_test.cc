@@ -1,5 +1,6 @@
 // The daemon link end to end: a real orvd process and real client processes in each of
 // the three modes (event, select, poll).
+#include <db.h>
 #include <sys/select.h>
 
 #include <chrono>
@@ -241,6 +242,41 @@ TEST_F(LinkTest, RecoveryCompleteGoesOnce) {
     orvd_unregister(&ctx);
     return 0;
   });
+  EXPECT_TRUE(r.Ok()) << r;
+}
+
+TEST_F(LinkTest, RecoveringStoreAnswerLeavesBerkeleyDbUntouched) {
+  ASSERT_TRUE(orvd_.Start());
+  Child client;
+  client.Start([](Child::Channel& ch) {
+    evContext ev{};
+    orvd_ctx_t* ctx = MakeClient(Mode::kPoll, &ev);
+    if (orvd_register(ctx) != 0) return 10;
+    ch.Ready();
+    if (!ch.WaitGo()) return 11;  // the environment has panicked under orvd
+    GlobalTraces().Clear();
+    vsk_db_check();
+    if (GlobalTraces().Count("VSK env is invalid: session database is recovering") != 1) {
+      return 12;
+    }
+    // The store went down in panic: nothing of Berkeley DB was closed.
+    if (GlobalTraces().Count("Attempting to close VSK while DOWN") < 1) return 13;
+    if (GlobalTraces().CountContaining("closed") != 0) return 14;
+    return 0;
+  });
+  ASSERT_TRUE(client.WaitReady());
+  // Another process panics the environment; orvd's watch finds it and tells its clients.
+  ASSERT_TRUE(RunInChild([] {
+                orvd_ctx_t* ctx = MakeClient(Mode::kPoll, nullptr);
+                if (orvd_register(ctx) != 0) return 1;
+                struct __db_env* env = nullptr;
+                vsk_db_get_dbenv(&env);
+                reinterpret_cast<DB_ENV*>(env)->set_flags(env, DB_PANIC_ENVIRONMENT, 1);
+                return 0;
+              }).Ok());
+  std::this_thread::sleep_for(std::chrono::milliseconds(800));
+  client.Go();
+  ChildResult r = client.Wait();
   EXPECT_TRUE(r.Ok()) << r;
 }
 
