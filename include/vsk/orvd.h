@@ -9,6 +9,7 @@
 #include <stdbool.h>
 #include <stdint.h>
 
+#include "vsk/evlib.h"
 #include "vsk/export.h"
 #include "vsk/status.h"
 
@@ -42,6 +43,75 @@ typedef void (*orvd_issu_done_cbk_t)(void *cookie);
 typedef void (*orvd_issu_switchover_cbk_t)(void *cookie, bool *ready,
                                            vsk_issu_cbk_block_t *block);
 typedef void (*orvd_issu_abort_cbk_t)(void *cookie, vsk_issu_cbk_block_t *block);
+
+/* ---- the handle and its options ----------------------------------------------------
+ * Every setter returns 0, or VSK_ERR_ORVD_FATAL (-25) for a null handle, a handle that
+ * has registered already, or a null required argument; nothing changes then. */
+
+/* The process's handle, cleared; fd -1, connect timeout 1000 ms. Installs the trace
+ * forwarder in vsk_trace_cbk. A second call before orvd_unregister breaks an insist and
+ * returns the existing handle. Null when out of memory. */
+VSK_EXPORT orvd_ctx_t *orvd_init_handle(void);
+
+/* Select mode: the daemon's loop watches the socket (register_fn/deregister_fn hand it
+ * over and take it back) and calls orvd_select_fd_read when it is readable. */
+VSK_EXPORT int orvd_set_reg_type_select(orvd_ctx_t *ctx, void *cookie,
+                                        orvd_select_fn_t register_fn,
+                                        orvd_select_fn_t deregister_fn);
+/* Event mode: the link and its 5-second re-registration timer ride on `event_ctx`'s
+ * loop. The context must not be null or empty; it is copied. */
+VSK_EXPORT int orvd_set_reg_type_event(orvd_ctx_t *ctx, const evContext *event_ctx);
+/* Poll mode: vsk_db_check services the link. */
+VSK_EXPORT int orvd_set_reg_type_poll(orvd_ctx_t *ctx);
+/* How long orvd_register waits for orvd's answer, in milliseconds. */
+VSK_EXPORT int orvd_set_connect_timeout(orvd_ctx_t *ctx, uint32_t ms);
+/* The daemon's trace sink; until set, the library prints nothing anywhere. */
+VSK_EXPORT int orvd_set_trace_callback(orvd_ctx_t *ctx, void *cookie, orvd_trace_fn_t fn);
+/* Told of each new environment handle, and of null when the store goes down. */
+VSK_EXPORT int orvd_set_db_env_change_callback(orvd_ctx_t *ctx, orvd_db_env_change_cbk_t fn);
+
+/* ISSU options; each also marks the daemon as taking part in upgrades, which makes the
+ * prepare callback required at orvd_register. */
+VSK_EXPORT int orvd_set_issu_idle_cbk(orvd_ctx_t *ctx, orvd_issu_idle_cbk_t fn);
+VSK_EXPORT int orvd_set_issu_prepare_cbk(orvd_ctx_t *ctx, orvd_issu_prepare_cbk_t fn,
+                                         orvd_issu_done_cbk_t done_fn);
+VSK_EXPORT int orvd_set_issu_switchover_cbk(orvd_ctx_t *ctx, orvd_issu_switchover_cbk_t fn,
+                                            orvd_issu_done_cbk_t done_fn);
+VSK_EXPORT int orvd_set_issu_abort_cbk(orvd_ctx_t *ctx, orvd_issu_abort_cbk_t fn);
+VSK_EXPORT int orvd_set_issu_cookie(orvd_ctx_t *ctx, void *cookie);
+
+/* ---- registration -------------------------------------------------------------------- */
+
+/* Opens the library for this process: shared regions, (in a client) the link to orvd,
+ * the store and the interface table. Statuses: 0; -25 (bad handle, ISSU without a prepare
+ * callback, link failure, refused); -17 (platform without the store); -19 (client on the
+ * master before orvd finished its recovery); -26 (nobody listens on orvd's socket); or
+ * the status with which the store failed to open. */
+VSK_EXPORT vsk_status_t orvd_register(orvd_ctx_t *ctx);
+/* A client's way back after a loss; keeps the role of the first registration. */
+VSK_EXPORT vsk_status_t orvd_reregister(orvd_ctx_t *ctx);
+/* Ends everything, frees the handle and clears *ctx_slot. Returns the close's status. */
+VSK_EXPORT vsk_status_t orvd_unregister(orvd_ctx_t **ctx_slot);
+/* True when a handle exists and orvd_register has finished on it. */
+VSK_EXPORT bool orvd_is_registered(void);
+
+/* Closes the link; with take_down also takes the store down in this process; with
+ * start_timer (event mode) arms the re-registration timer. */
+VSK_EXPORT void orvd_reg_cleanup(orvd_ctx_t *ctx, bool take_down, bool start_timer);
+
+/* Select mode: the socket is readable. Does nothing for a null handle or closed link. */
+VSK_EXPORT void orvd_select_fd_read(orvd_ctx_t *ctx);
+/* Poll mode: takes in whatever orvd has sent, without waiting. */
+VSK_EXPORT void orvd_poll_check(orvd_ctx_t *ctx);
+
+/* Tells orvd once per handle that the daemon's own recovery has finished. */
+VSK_EXPORT vsk_status_t orvd_send_recovery_complete(orvd_ctx_t *ctx);
+/* Asks orvd to push replication. REQUIRES: ctx not null. */
+VSK_EXPORT vsk_status_t orvd_send_replication_request(orvd_ctx_t *ctx);
+
+/* The daemon's ISSU state and the chassis daemon's, as last known. No null check. */
+VSK_EXPORT uint32_t orvd_get_daemon_issu_state(orvd_ctx_t *ctx);
+VSK_EXPORT uint32_t orvd_get_platd_issu_state(orvd_ctx_t *ctx);
 
 VSK_END_DECLS
 

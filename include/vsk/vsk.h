@@ -9,6 +9,7 @@
 #include "vsk/product_info.h"
 #include "vsk/store.h"
 #include "vsk/dyn_db.h"
+#include "vsk/evlib.h"
 #include "vsk/orvd.h"
 #include "vsk/session.h"
 #include "vsk/shared.h"

@@ -8,11 +8,13 @@
 
 #include "libvsk/store/context.h"
 #include "libvsk/trace.h"
+#include "vsk/orvd.h"
 #include "vsk/store.h"
 
 extern "C" {
 
-// 0 when the store is usable; -1 before registration or when the store is not ready.
+// 0 when the store is usable (possibly after re-registering); -1 before registration,
+// -27 during the switchover phase of an upgrade, or the status of the re-registration.
 vsk_status_t vsk_db_check(void) {
   using namespace vsk::store;
   StoreContext* ctx = Context();
@@ -20,11 +22,17 @@ vsk_status_t vsk_db_check(void) {
     VSK_TRACE("orvd_register should be called before using vsk");
     return VSK_ERR_FATAL;
   }
-  // The daemon link's upgrade-phase gate and its poll-mode read join here.
+  orvd_ctx* handle = ctx->orvd_handle;
+  // Session operations stop while the chassis finishes an upgrade's switchover; the
+  // link is not read then.
+  if (orvd_get_platd_issu_state(handle) == 6) return VSK_ERR_ISSU;
+  // A poll-mode daemon has its link serviced here; a message may change the state.
+  orvd_poll_check(handle);
   if (ctx->state == VSK_ENV_READY) return VSK_OK;
   VSK_TRACE("db env state is invalid %d, re-init", ctx->state);
-  // The daemon link's cleanup and re-registration join here.
-  return VSK_ERR_FATAL;
+  // Repair in passing: close the link and the store (no timer), then join again.
+  orvd_reg_cleanup(handle, true, false);
+  return orvd_reregister(handle);
 }
 
 // REQUIRES: `ctx` cleared by the caller or holding a finished transaction.

@@ -70,8 +70,13 @@ inline int StoreState() {
 }
 
 // Brings the store up in this process as `orvd` (creator) or as a client daemon.
+// A link handle is given as the daemon link leaves it: no socket, the process's role.
 inline vsk_status_t InitAs(orvd_ctx* link, bool orvd, bool master) {
   SetProgramName(orvd ? "orvd" : "vsk-client");
+  if (link != nullptr) {
+    link->fd = -1;
+    link->is_orvd = orvd;
+  }
   vsk_db_set_master(master);
   return vsk_db_init(link, orvd);
 }

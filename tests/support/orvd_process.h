@@ -1,0 +1,92 @@
+// A real orvd process for tests: started from the built binary under the test's root,
+// waited for until it serves its socket, stopped with SIGTERM. Also the client table it
+// publishes, and a daemon-link client run in one process.
+#pragma once
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "platform/paths.h"
+
+namespace vsk::test {
+
+struct OrvdTableRow {
+  int pid = 0;
+  int role = 0;
+  int recovery_complete = 0;
+  unsigned issu_state = 0;
+  int connected = 0;
+  unsigned replication_requests = 0;
+};
+
+class OrvdProcess {
+ public:
+  ~OrvdProcess() { Stop(SIGKILL); }
+
+  // Starts orvd and waits until it listens. False if it ended or timed out first.
+  bool Start(std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
+    std::string socket = platform::RootedPath(platform::kOrvdSocket);
+    std::string table = platform::RootedPath("/var/run/orvd_clients");
+    unlink(table.c_str());
+    pid_ = fork();
+    if (pid_ == 0) {
+      execl(VSK_BINARY_DIR "/daemons/orvd", "orvd", "--foreground", "--stderr",
+            static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    auto end = std::chrono::steady_clock::now() + timeout;
+    struct stat st;
+    while (std::chrono::steady_clock::now() < end) {
+      if (stat(table.c_str(), &st) == 0 && stat(socket.c_str(), &st) == 0) return true;
+      int status;
+      if (waitpid(pid_, &status, WNOHANG) == pid_) {
+        pid_ = -1;
+        return false;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+
+  // Sends `sig` and waits. Returns the exit code, or -1 if killed or not running.
+  int Stop(int sig = SIGTERM) {
+    if (pid_ <= 0) return -1;
+    kill(pid_, sig);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  pid_t pid() const { return pid_; }
+
+  static std::map<std::string, OrvdTableRow> Table() {
+    std::map<std::string, OrvdTableRow> rows;
+    std::ifstream in(platform::RootedPath("/var/run/orvd_clients"));
+    std::string line;
+    while (std::getline(in, line)) {
+      std::istringstream row(line);
+      std::string name;
+      OrvdTableRow r;
+      if (row >> name >> r.pid >> r.role >> r.recovery_complete >> r.issu_state >>
+          r.connected >> r.replication_requests) {
+        rows[name] = r;
+      }
+    }
+    return rows;
+  }
+
+ private:
+  pid_t pid_ = -1;
+};
+
+}  // namespace vsk::test
