@@ -10,5 +10,8 @@
 #include "vsk/store.h"
 #include "vsk/dyn_db.h"
 #include "vsk/orvd.h"
+#include "vsk/patricia.h"
+#include "vsk/attr.h"
+#include "vsk/tables.h"
 
 #endif /* VSK_VSK_H */
