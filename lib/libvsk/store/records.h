@@ -5,8 +5,9 @@
 // write a section only when all of it fits. Decoders follow the value-decoder shape of the
 // generic engine (out, data, size, mask, mask_len) and return the offset reached (equal to
 // `size` on success), -1 for a malformed record, -2 for no memory, -20 for a record
-// filtered out by `mask` (the object stays in *out for the caller to release). On -1 and
-// -2 *out is either null or an object the caller must release with free_raw false.
+// filtered out by `mask`. A value decoder takes the buffer in every case: when *out is
+// non-null afterwards the object holds it in `raw` and the caller releases the object with
+// free_raw true (also on failure); when *out is null the decoder has freed it.
 //
 // Callers: the table operations of this folder, the session cache and the tests.
 #pragma once

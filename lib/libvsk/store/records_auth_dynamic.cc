@@ -52,7 +52,10 @@ int DecodeSingleSection(void* out, void* data, uint32_t size, uint32_t want_tag,
                         bool check_version, DecodeFn decode, ReleaseFn release) {
   auto** slot = static_cast<Rec**>(out);
   auto* rec = static_cast<Rec*>(std::calloc(1, sizeof(Rec)));
-  if (rec == nullptr) return VSK_ERR_NOMEM;
+  if (rec == nullptr) {
+    std::free(data);  // the decoder owns the buffer in every case
+    return VSK_ERR_NOMEM;
+  }
   *slot = rec;
   rec->raw = data;
   const auto* bytes = static_cast<const uint8_t*>(data);
@@ -67,7 +70,7 @@ int DecodeSingleSection(void* out, void* data, uint32_t size, uint32_t want_tag,
     if (tag != want_tag) return static_cast<int>(pos);
     int r = decode(rec, bytes + pos + 8, length);
     if (r != 0) {
-      release(rec, false);
+      release(rec, true);
       *slot = nullptr;
       return r;
     }
@@ -99,7 +102,10 @@ int DecodeDynamicRecord(void* out, void* data, uint32_t size, const uint8_t*, ui
 int DecodeAppData(void* out, void* data, uint32_t size, const uint8_t*, uint16_t) {
   auto** slot = static_cast<vsk_app_data_t**>(out);
   auto* rec = static_cast<vsk_app_data_t*>(std::calloc(1, sizeof(vsk_app_data_t)));
-  if (rec == nullptr) return VSK_ERR_NOMEM;
+  if (rec == nullptr) {
+    std::free(data);  // the decoder owns the buffer in every case
+    return VSK_ERR_NOMEM;
+  }
   *slot = rec;
   rec->raw = data;
   rec->data = data;
@@ -132,11 +138,12 @@ uint32_t EncodeAppPriKey(const void* key, void* buffer, uint32_t room) {
 
 int DecodeSessionKey(void* out, void* data, uint32_t size) {
   auto** slot = static_cast<vsk_session_key_t**>(out);
+  // A key decoder takes its buffer only when it succeeds.
+  if (size < 8) return -1;
   auto* key = static_cast<vsk_session_key_t*>(std::calloc(1, sizeof(vsk_session_key_t)));
   if (key == nullptr) return VSK_ERR_NOMEM;
   *slot = key;
   key->raw = data;
-  if (size < 8) return -1;
   key->id = GetAt<uint64_t>(static_cast<const uint8_t*>(data));
   return static_cast<int>(size);
 }

@@ -70,7 +70,10 @@ int DecodeClientRecord(void* out, void* data, uint32_t size, const uint8_t* mask
                        uint16_t mask_len) {
   auto** slot = static_cast<vsk_client_session_t**>(out);
   auto* rec = static_cast<vsk_client_session_t*>(std::calloc(1, sizeof(vsk_client_session_t)));
-  if (rec == nullptr) return VSK_ERR_NOMEM;
+  if (rec == nullptr) {
+    std::free(data);  // the decoder owns the buffer in every case
+    return VSK_ERR_NOMEM;
+  }
   *slot = rec;
   rec->raw = data;
   const auto* bytes = static_cast<const uint8_t*>(data);
@@ -89,7 +92,7 @@ int DecodeClientRecord(void* out, void* data, uint32_t size, const uint8_t* mask
       case VSK_SECTION_CLIENT_ATTRS: {
         int r = vsk::attr::DecodeAttrEntries(bytes + pos, length, &rec->attrs);
         if (r != 0) {
-          vsk_db_release_client_session(rec, false);
+          vsk_db_release_client_session(rec, true);
           *slot = nullptr;
           return r;
         }
@@ -100,7 +103,7 @@ int DecodeClientRecord(void* out, void* data, uint32_t size, const uint8_t* mask
         if (left < 3) return -1;
         const uint16_t count = GetAt<uint16_t>(bytes + pos);
         if (count != 0 && 8u * count > left - 2) {
-          vsk_db_release_client_session(rec, false);
+          vsk_db_release_client_session(rec, true);
           *slot = nullptr;
           return -1;
         }

@@ -45,7 +45,10 @@ int DecodeServiceRecord(void* out, void* data, uint32_t size, const uint8_t* mas
   auto** slot = static_cast<vsk_service_session_t**>(out);
   auto* rec =
       static_cast<vsk_service_session_t*>(std::calloc(1, sizeof(vsk_service_session_t)));
-  if (rec == nullptr) return VSK_ERR_NOMEM;
+  if (rec == nullptr) {
+    std::free(data);  // the decoder owns the buffer in every case
+    return VSK_ERR_NOMEM;
+  }
   *slot = rec;
   rec->raw = data;
   auto* bytes = static_cast<uint8_t*>(data);
@@ -65,7 +68,7 @@ int DecodeServiceRecord(void* out, void* data, uint32_t size, const uint8_t* mas
         int r = vsk::attr::DecodeAttrEntries(bytes + pos, length, &rec->attrs);
         if (r != 0) {
           // Cleared here too, so that no caller can release the object a second time.
-          vsk_db_release_service_session(rec, false);
+          vsk_db_release_service_session(rec, true);
           *slot = nullptr;
           return r;
         }

@@ -41,9 +41,7 @@ vsk_status_t Decode(int (*fn)(void*, void*, uint32_t, const uint8_t*, uint16_t),
   if (!bytes.empty()) std::memcpy(raw, bytes.data(), bytes.size());
   *out = nullptr;
   int r = fn(out, raw, static_cast<uint32_t>(bytes.size()), mask, mask_len);
-  vsk_status_t st = DecoderStatus(r, static_cast<uint32_t>(bytes.size()));
-  if (*out == nullptr) std::free(raw);
-  return st;
+  return DecoderStatus(r, static_cast<uint32_t>(bytes.size()));
 }
 
 struct AttrListBuilder {
