@@ -13,5 +13,6 @@
 #include "vsk/patricia.h"
 #include "vsk/attr.h"
 #include "vsk/tables.h"
+#include "vsk/snapshot.h"
 
 #endif /* VSK_VSK_H */

@@ -7,6 +7,7 @@
 
 #include "support/harness.h"
 #include "vsk/attr.h"
+#include "vsk/snapshot.h"
 
 namespace vsk::test {
 namespace {
@@ -230,6 +231,43 @@ TEST_F(DynTreeTest, DynamicUpdateRules) {
   DynUpdates noval;
   noval.Add("filter", 1, VSK_ATTR_ACTION_ADD_OR_APPEND, nullptr);
   EXPECT_EQ(vsk_update_session_dynamic(tree_, noval.list(), 0, false), -6);
+}
+
+}  // namespace
+}  // namespace vsk::test
+
+namespace vsk::test {
+namespace {
+
+class ArrayReadTest : public VskTest {};
+
+TEST_F(ArrayReadTest, HelpersOnTheHandle) {
+  vsk_snapshot_handle h;
+  std::memset(&h, 0, sizeof h);
+  EXPECT_EQ(vsk_get_next_array("xfilter", &h), 0) << "no array being read";
+  h.array_attr_name = strdup("filter");
+  h.array_attr_value = strdup("in");
+  h.last_attr_name = strdup("rate");
+  EXPECT_EQ(vsk_get_next_array("xfilter", &h), 1) << "the first character is skipped";
+  EXPECT_EQ(vsk_get_next_array("filter", &h), 0);
+  EXPECT_EQ(vsk_get_next_array(nullptr, &h), 0);
+  h.entry_count = 3;
+  h.entry_index = 1;
+  EXPECT_FALSE(vsk_done_reading_all_array_entries(&h));
+  h.entry_index = 2;
+  EXPECT_TRUE(vsk_done_reading_all_array_entries(&h));
+  h.level = 4;
+  h.array_id = 9;
+  h.level_cursor[9] = reinterpret_cast<vsk_array_index_node_t*>(&h);
+  h.array_done = 1;
+  EXPECT_EQ(vsk_get_next_array("xfilter", &h), 0) << "an ended array is cleaned up";
+  EXPECT_EQ(h.array_attr_name, nullptr);
+  EXPECT_EQ(h.last_attr_name, nullptr);
+  EXPECT_EQ(h.level, 0u);
+  EXPECT_EQ(h.array_id, 0);
+  EXPECT_EQ(h.entry_count, 0);
+  EXPECT_EQ(h.level_cursor[9], nullptr);
+  EXPECT_EQ(h.array_done, 0);
 }
 
 }  // namespace
