@@ -15,5 +15,9 @@
 #include "vsk/shared.h"
 #include "vsk/avl.h"
 #include "vsk/intf.h"
+#include "vsk/patricia.h"
+#include "vsk/attr.h"
+#include "vsk/tables.h"
+#include "vsk/snapshot.h"
 
 #endif /* VSK_VSK_H */

@@ -1,0 +1,88 @@
+// Release of decoded records and keys, and the cleared objects of the *_empty calls.
+// None of these fails; every one accepts null. `free_raw` is false for objects whose
+// buffer was taken over elsewhere or that were built in memory.
+#include <cstdlib>
+
+#include "libvsk/attr/attr_codec.h"
+#include "vsk/tables.h"
+
+extern "C" {
+
+void vsk_db_release_session_attrs(vsk_attr_list_t** slot, bool free_values) {
+  if (slot == nullptr) return;
+  vsk::attr::FreeAttrList(*slot, free_values);
+  *slot = nullptr;
+}
+
+void vsk_db_release_client_session(vsk_client_session_t* rec, bool free_raw) {
+  if (rec == nullptr) return;
+  vsk_db_release_session_attrs(&rec->attrs, rec->free_attr_values != 0);
+  std::free(rec->config_bits);
+  if (rec->free_service_ids) std::free(rec->service_ids);
+  if (free_raw) std::free(rec->raw);
+  std::free(rec);
+}
+
+void vsk_db_release_service_session(vsk_service_session_t* rec, bool free_raw) {
+  if (rec == nullptr) return;
+  vsk_db_release_session_attrs(&rec->attrs, false);
+  if (free_raw) std::free(rec->raw);
+  std::free(rec);
+}
+
+void vsk_db_release_auth_info(vsk_auth_info_t* rec, bool free_raw) {
+  if (rec == nullptr) return;
+  vsk_db_release_session_attrs(&rec->attrs, rec->free_attr_values != 0);
+  if (free_raw) std::free(rec->raw);
+  std::free(rec);
+}
+
+void vsk_db_release_dynamic_config(vsk_dynamic_config_t* rec, bool free_raw) {
+  if (rec == nullptr) return;
+  vsk::attr::FreeDynList(rec->attrs, rec->free_attr_values != 0);
+  rec->attrs = nullptr;
+  if (free_raw) std::free(rec->raw);
+  std::free(rec);
+}
+
+void vsk_db_release_app_pri_data(vsk_app_data_t* rec, bool free_raw) {
+  if (rec == nullptr) return;
+  if (free_raw) std::free(rec->raw);
+  std::free(rec);
+}
+
+void vsk_db_release_key_session_id(vsk_session_key_t* key, bool free_raw) {
+  if (key == nullptr) return;
+  if (free_raw) std::free(key->raw);
+  std::free(key);
+}
+
+void vsk_db_release_key_app_pri_id(vsk_session_key_t* key, bool free_raw) {
+  vsk_db_release_key_session_id(key, free_raw);
+}
+
+void vsk_db_release_key_app_def_id(vsk_app_def_key_t* key, bool free_raw) {
+  if (key == nullptr || key->key == nullptr) return;
+  // The key buffer is shaped like a decoded object: its last word holds the raw buffer.
+  auto* buffer = static_cast<vsk_session_key_t*>(key->key);
+  if (free_raw) std::free(buffer->raw);
+  std::free(buffer);
+  key->key = nullptr;
+}
+
+vsk_status_t vsk_db_client_session_empty(vsk_client_session_t** out) {
+  *out = static_cast<vsk_client_session_t*>(std::calloc(1, sizeof(vsk_client_session_t)));
+  return *out != nullptr ? VSK_OK : VSK_ERR_NOMEM;
+}
+
+vsk_status_t vsk_db_auth_info_empty(vsk_auth_info_t** out) {
+  *out = static_cast<vsk_auth_info_t*>(std::calloc(1, sizeof(vsk_auth_info_t)));
+  return *out != nullptr ? VSK_OK : VSK_ERR_NOMEM;
+}
+
+vsk_status_t vsk_db_dynamic_config_empty(vsk_dynamic_config_t** out) {
+  *out = static_cast<vsk_dynamic_config_t*>(std::calloc(1, sizeof(vsk_dynamic_config_t)));
+  return *out != nullptr ? VSK_OK : VSK_ERR_NOMEM;
+}
+
+}  // extern "C"
