@@ -168,8 +168,9 @@ vsk_status_t OpenTables(StoreContext* ctx) {
     vsk_status_t st = vsk_db_app_define(id, vsk_app_defined[id].name);
     if (st != VSK_OK) {
       VSK_TRACE("Failed to init application defined table id %d, ret %d", id, st);
-      // The standby's missing table keeps its own status, like the fixed tables'.
-      return st == VSK_ERR_REP_NOT_STARTED ? st : VSK_ERR_FATAL;
+      // Unlike the fixed tables, any failure here is fatal to the open, the standby's
+      // missing table included (vsk_db_app_define has already moved the state to 3).
+      return VSK_ERR_FATAL;
     }
   }
   ctx->state = VSK_ENV_TABLES_OPEN;
