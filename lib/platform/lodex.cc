@@ -7,6 +7,7 @@
 #include <sched.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -184,10 +185,19 @@ int lodex_send(DB_ENV*, const DBT* control, const DBT* rec, const DB_LSN* lsnp, 
   const uint32_t rsize = SizeOf(rec);
   const uint64_t total = Align8(uint64_t{sizeof(LodexRecordHeader)} + csize + rsize);
 
-  int err = EBUSY;
-  for (int i = 0; i < kLodexSendLockTries && err == EBUSY; ++i) {
-    err = Recover(q, pthread_mutex_trylock(&q->lock));
-    if (err == EBUSY) sched_yield();
+  int err = Recover(q, pthread_mutex_trylock(&q->lock));
+  if (err == EBUSY) {
+    // Bounded: a commit may wait out another sender's copy, never a stopped holder.
+    timespec start{};
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    while (err == EBUSY) {
+      sched_yield();
+      err = Recover(q, pthread_mutex_trylock(&q->lock));
+      timespec now{};
+      clock_gettime(CLOCK_MONOTONIC, &now);
+      long waited = (now.tv_sec - start.tv_sec) * 1'000'000'000L + (now.tv_nsec - start.tv_nsec);
+      if (err == EBUSY && waited >= kLodexSendLockWaitNs) break;
+    }
   }
   if (err != 0) {
     // Counted without the lock: this word is only ever added to, atomically.
