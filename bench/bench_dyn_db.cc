@@ -31,6 +31,7 @@
 #include <string>
 #include <vector>
 
+#include "libvsk/shared/root_objects.h"
 #include "libvsk/orvd_ctx.h"
 #include "libvsk/shared/layout.h"
 #include "libvsk/store/context.h"
@@ -186,19 +187,6 @@ uint64_t Commits(DB_ENV* env) {
   return n;
 }
 
-// The library's System V objects under the root in force, by the library's own keys.
-void RemoveSysvObjects() {
-  std::string key_file = vsk::platform::RootedPath(vsk::platform::kShmKeyFile);
-  for (int project : {vsk::shared::kMainProject, vsk::shared::kSnapshotProject}) {
-    int id = shmget(ftok(key_file.c_str(), project), 0, 0);
-    if (id != -1) shmctl(id, IPC_RMID, nullptr);
-  }
-  int queue = shmget(vsk::platform::LodexKey(), 0, 0);
-  if (queue != -1) shmctl(queue, IPC_RMID, nullptr);
-  int set = semget(vsk::platform::SemaphoreKey(), 0, 0);
-  if (set != -1) semctl(set, 0, IPC_RMID);
-}
-
 // Opens the shared state and the store as the creating daemon on the master. The status,
 // or -1 when the shared regions could not be opened.
 vsk_status_t OpenStore() {
@@ -311,7 +299,7 @@ int main() {
   }
   vsk_close_internal();
   vsk_db_reset_orvd_handle();
-  RemoveSysvObjects();
+  vsk::shared::RemoveAllRootObjects();
   std::error_code ec;
   std::filesystem::remove_all(root, ec);
   return code;

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "libvsk/shared/root_objects.h"
 #include "platform/paths.h"
 #include "vsk/intf.h"
 #include "vsk/shared.h"
@@ -131,8 +132,6 @@ int main() {
     vsk::platform::MakeDirs(vsk::platform::RootedPath(dir));
   }
   Check(vsk_open_internal(true), "open shared regions");
-  std::string key_file = vsk::platform::RootedPath(vsk::platform::kShmKeyFile);
-  key_t sem_key = vsk::platform::SemaphoreKey();
   vsk_set_trace_cbk(&WatchGrowth);
 
   std::printf("%-44s %9s %12s %10s\n", "operation", "count", "ops/s", "us/op");
@@ -148,12 +147,7 @@ int main() {
   SessionRates(256000, 1000);
 
   vsk_set_trace_cbk(nullptr);
-  for (int project : {8888, 8999}) {
-    int id = shmget(ftok(key_file.c_str(), project), 0, 0);
-    if (id >= 0) shmctl(id, IPC_RMID, nullptr);
-  }
-  int sem = semget(sem_key, 0, 0);
-  if (sem >= 0) semctl(sem, 0, IPC_RMID);
+  vsk::shared::RemoveAllRootObjects();
   std::error_code ec;
   fs::remove_all(tmpl, ec);
   return 0;

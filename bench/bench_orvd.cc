@@ -18,6 +18,7 @@
 #include <string>
 #include <thread>
 
+#include "libvsk/shared/root_objects.h"
 #include "platform/paths.h"
 #include "vsk/vsk.h"
 
@@ -63,20 +64,6 @@ bool WaitReady(double* ms) {
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
   return false;
-}
-
-void RemoveSysv(const std::string& root) {
-  for (const char* f : {"/mfs/var/tmp/vsk_shmem", "/mfs/var/tmp/lodex_shmem"}) {
-    std::string path = root + f;
-    for (int proj : {8888 & 0xff, 8999 & 0xff, 8888, 8999}) {
-      key_t key = ftok(path.c_str(), proj);
-      if (key == -1) continue;
-      int shm = shmget(key, 0, 0);
-      if (shm >= 0) shmctl(shm, IPC_RMID, nullptr);
-      int sem = semget(key, 0, 0);
-      if (sem >= 0) semctl(sem, 0, IPC_RMID);
-    }
-  }
 }
 
 }  // namespace
@@ -133,7 +120,7 @@ int main() {
 
   kill(orvd, SIGTERM);
   waitpid(orvd, nullptr, 0);
-  RemoveSysv(root);
+  vsk::shared::RemoveAllRootObjects();
   std::filesystem::remove_all(root);
 
   std::printf("| measure | value |\n|---|---|\n");

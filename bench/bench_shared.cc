@@ -19,6 +19,7 @@
 #include <functional>
 #include <string>
 
+#include "libvsk/shared/root_objects.h"
 #include "platform/paths.h"
 #include "vsk/shared.h"
 
@@ -59,16 +60,6 @@ double Rate(int procs, const std::function<bool()>& op) {
   return ok ? procs * kOps / secs : 0;
 }
 
-void RemoveObjects() {
-  std::string key_file = vsk::platform::RootedPath(vsk::platform::kShmKeyFile);
-  for (int project : {8888, 8999}) {
-    int id = shmget(ftok(key_file.c_str(), project), 0, 0);
-    if (id != -1) shmctl(id, IPC_RMID, nullptr);
-  }
-  int set = semget(vsk::platform::SemaphoreKey(), 0, 0);
-  if (set != -1) semctl(set, 0, IPC_RMID);
-}
-
 }  // namespace
 
 int main() {
@@ -79,7 +70,7 @@ int main() {
   vsk::platform::MakeDirs(root + "/mfs/var/tmp/");
   if (vsk_open_internal(true) != 0) {
     std::fprintf(stderr, "cannot open the shared regions\n");
-    RemoveObjects();
+    vsk::shared::RemoveAllRootObjects();
     std::filesystem::remove_all(root);
     return 1;
   }
@@ -130,7 +121,7 @@ int main() {
   std::printf("(%d operations per process; a unit allocate+release takes two semop pairs)\n", kOps);
 
   vsk_close_internal();
-  RemoveObjects();
+  vsk::shared::RemoveAllRootObjects();
   std::filesystem::remove_all(root);
   return 0;
 }

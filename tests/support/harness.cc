@@ -18,9 +18,11 @@
 #include <sstream>
 #include <thread>
 
+#include "libvsk/shared/root_objects.h"
 #include "platform/paths.h"
 #include "platform/product_info.h"
 #include "vsk/status.h"
+#include "vsk/store.h"
 
 extern "C" char* __progname;
 
@@ -225,56 +227,21 @@ ChildResult Child::Wait(std::chrono::milliseconds timeout) {
 
 // ---- System V clean-up ----------------------------------------------------------------
 
-namespace {
-
-// The low 24 bits that ftok() derives from a file, whatever the project number.
-bool KeySignature(const std::string& file, key_t* sig) {
-  struct stat st;
-  if (stat(file.c_str(), &st) != 0) return false;
-  *sig = static_cast<key_t>((st.st_ino & 0xffff) | ((st.st_dev & 0xff) << 16));
-  return true;
-}
-
-// Ids of the objects listed in /proc/sysvipc/<kind> whose key matches a signature.
-std::vector<int> MatchingIds(const char* kind, const std::vector<key_t>& sigs) {
-  std::vector<int> ids;
-  std::ifstream in(std::string("/proc/sysvipc/") + kind);
-  std::string line;
-  std::getline(in, line);  // header
-  while (std::getline(in, line)) {
-    std::istringstream row(line);
-    long long key = 0;
-    int id = -1;
-    if (!(row >> key >> id) || key == IPC_PRIVATE) continue;
-    for (key_t s : sigs) {
-      if ((static_cast<key_t>(key) & 0xffffff) == s) ids.push_back(id);
-    }
-  }
-  return ids;
-}
-
-}  // namespace
-
 int RemoveSysvObjectsFor(const std::vector<std::string>& key_files) {
-  std::vector<key_t> sigs;
-  for (const auto& f : key_files) {
-    key_t s;
-    if (KeySignature(f, &s)) sigs.push_back(s);
-  }
-  if (sigs.empty()) return 0;
   int removed = 0;
-  for (int id : MatchingIds("shm", sigs)) removed += shmctl(id, IPC_RMID, nullptr) == 0;
-  for (int id : MatchingIds("sem", sigs)) removed += semctl(id, 0, IPC_RMID) == 0;
+  for (const auto& [key, id] : shared::ObjectsKeyedBy("shm", key_files)) {
+    removed += shmctl(id, IPC_RMID, nullptr) == 0;
+  }
+  for (const auto& [key, id] : shared::ObjectsKeyedBy("sem", key_files)) {
+    removed += semctl(id, 0, IPC_RMID) == 0;
+  }
   return removed;
 }
 
 // ---- fixture --------------------------------------------------------------------------
 
 namespace {
-std::vector<std::string> KeyFiles() {
-  return {platform::RootedPath(platform::kShmKeyFile),
-          platform::RootedPath(platform::kLodexKeyFile)};
-}
+std::vector<std::string> KeyFiles() { return shared::RootKeyFiles(); }
 }  // namespace
 
 void VskTest::SetUp() {
@@ -300,6 +267,9 @@ void VskTest::SetUp() {
 
 void VskTest::TearDown() {
   vsk_set_trace_cbk(nullptr);
+  // The store keeps the daemon's link handle across a close; a test's handle dies with
+  // the test, so a later test in the same process must not find it.
+  vsk_db_reset_orvd_handle();
   RemoveSysvObjectsFor(KeyFiles());
   std::error_code ec;
   std::filesystem::remove_all(root_, ec);

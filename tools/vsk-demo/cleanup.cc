@@ -21,40 +21,20 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "demo.h"
-#include "libvsk/shared/layout.h"
-#include "platform/lodex.h"
+#include "libvsk/shared/root_objects.h"
 #include "platform/paths.h"
 #include "transcript.h"
 
 namespace vsk::demo {
 namespace {
 
-struct Object {
-  const char* what;
-  bool semaphore;  // a semaphore set, else a segment
-  key_t key;       // -1 when its key file is missing
-};
+using shared::RootObject;
 
-std::vector<Object> RootObjects() {
-  std::string shm_file = platform::RootedPath(platform::kShmKeyFile);
-  return {
-      {"main segment", false, ftok(shm_file.c_str(), shared::kMainProject)},
-      {"snapshot segment", false, ftok(shm_file.c_str(), shared::kSnapshotProject)},
-      {"semaphore set", true, platform::SemaphoreKey()},
-      {"replication queue segment", false, platform::LodexKey()},
-  };
-}
-
-// Finds the object; -1 with errno ENOENT when there is none.
-int Lookup(const Object& o) { return o.semaphore ? semget(o.key, 0, 0) : shmget(o.key, 0, 0); }
-
-std::string Describe(const Object& o, int id) {
+std::string Describe(const RootObject& o, int id) {
   char text[96];
   if (o.semaphore) {
     semid_ds ds{};
@@ -74,51 +54,24 @@ std::string Describe(const Object& o, int id) {
   return text;
 }
 
-// The low 24 bits that ftok() takes from a file, whatever the project number.
-bool Signature(const std::string& file, key_t* sig) {
-  struct stat st {};
-  if (stat(file.c_str(), &st) != 0) return false;
-  *sig = static_cast<key_t>((st.st_ino & 0xffff) | ((st.st_dev & 0xff) << 16));
-  return true;
-}
-
-// Objects in /proc/sysvipc/<kind> (ipcs' own source) whose key has a signature of `sigs`.
-std::vector<std::pair<key_t, int>> Matching(const char* kind, const std::vector<key_t>& sigs) {
-  std::vector<std::pair<key_t, int>> found;
-  std::ifstream in(std::string("/proc/sysvipc/") + kind);
-  std::string line;
-  std::getline(in, line);  // the header
-  while (std::getline(in, line)) {
-    std::istringstream row(line);
-    long long key = 0;
-    int id = -1;
-    if (!(row >> key >> id) || key == IPC_PRIVATE) continue;
-    for (key_t s : sigs) {
-      if ((static_cast<key_t>(key) & 0xffffff) == s) {
-        found.emplace_back(static_cast<key_t>(key), id);
-      }
-    }
-  }
-  return found;
-}
-
 }  // namespace
 
 int RemoveRootObjects(const std::string& root) {
-  std::vector<key_t> sigs;
-  for (const char* f : {platform::kShmKeyFile, platform::kLodexKeyFile}) {
-    key_t s;
-    if (Signature(platform::RootedPath(f), &s)) sigs.push_back(s);
+  const std::vector<std::string> key_files = shared::RootKeyFiles();
+  bool any_key_file = false;
+  for (const auto& f : key_files) {
+    struct stat st {};
+    any_key_file = any_key_file || stat(f.c_str(), &st) == 0;
   }
-  if (sigs.empty()) {
+  if (!any_key_file) {
     Say("no key file under %s: the library cannot have made any object for it", root.c_str());
     return 0;
   }
   bool failed = false;
   int removed = 0;
-  for (const Object& o : RootObjects()) {
+  for (const RootObject& o : shared::RootObjects()) {
     if (o.key == -1) continue;  // its key file is missing, so the object cannot exist
-    int id = Lookup(o);
+    int id = shared::LookupRootObject(o);
     if (id == -1) {
       if (errno != ENOENT) {
         Say("%-26s key 0x%08x: cannot look it up: %s", o.what, static_cast<unsigned>(o.key),
@@ -128,7 +81,7 @@ int RemoveRootObjects(const std::string& root) {
       continue;
     }
     std::string detail = Describe(o, id);
-    int rc = o.semaphore ? semctl(id, 0, IPC_RMID) : shmctl(id, IPC_RMID, nullptr);
+    int rc = shared::RemoveRootObject(o, id);
     if (rc != 0) {
       Say("%-26s key 0x%08x id %d: removal failed: %s", o.what, static_cast<unsigned>(o.key), id,
           std::strerror(errno));
@@ -145,15 +98,15 @@ int RemoveRootObjects(const std::string& root) {
   // only the key files' signature (another project number) is not the library's: it is
   // shown and left alone.
   std::vector<key_t> ours;
-  for (const Object& o : RootObjects()) {
+  for (const RootObject& o : shared::RootObjects()) {
     ours.push_back(o.key);
-    if (o.key != -1 && Lookup(o) != -1) {
+    if (shared::LookupRootObject(o) != -1) {
       Say("still present: %s key 0x%08x", o.what, static_cast<unsigned>(o.key));
       failed = true;
     }
   }
   for (const char* kind : {"shm", "sem"}) {
-    for (const auto& [key, id] : Matching(kind, sigs)) {
+    for (const auto& [key, id] : shared::ObjectsKeyedBy(kind, key_files)) {
       if (std::find(ours.begin(), ours.end(), key) != ours.end()) continue;  // told above
       Say("left alone: %s key 0x%08x id %d shares the key files' signature but no key of the "
           "library",

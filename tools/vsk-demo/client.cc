@@ -46,7 +46,7 @@ int RunClient(vsk_session_id_t session_id) {
   ok = Check("vsk_db_check", vsk_db_check());
   if (ok) {
     Say("act 1's raw rows, read from this process:");
-    ok = ReadBackRawRows();
+    ok = DefineRawTable() == VSK_OK && ReadBackRawRows();
   }
   if (ok) {
     Say("act 1's client session, read from this process:");

@@ -122,7 +122,8 @@ bool RunCreator(vsk_session_id_t* session_id) {
   }
   Say("store state %d (%s)", store::Context()->state, StateName(store::Context()->state));
 
-  Say("raw rows into \"client-session-db\", one transaction:");
+  Say("raw rows into an application-defined table, one transaction:");
+  if (DefineRawTable() != VSK_OK) return false;
   if (PutRawRows(kRawRows, static_cast<int>(std::size(kRawRows))) != VSK_OK) return false;
   Say("raw rows read back:");
   if (!ReadBackRawRows()) return false;

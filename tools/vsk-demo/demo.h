@@ -10,7 +10,8 @@
 
 namespace vsk::demo {
 
-// Raw rows of "client-session-db": an 8-byte id key and text bytes as the value (no
+// Raw rows of an application-defined table (the daemons' own tables, which hold no
+// sessions): a 12-byte key, the row's id and a tag, and text bytes as the value (no
 // terminator is stored). Their ids lie far above the ids the shared generator hands out
 // to a fresh root, so they never meet the real session of act 1.
 struct RawRow {
@@ -33,8 +34,14 @@ inline constexpr char kUserName[] = "alice@isp.example";
 inline constexpr char kInterfaceName[] = "demo0.1073741824";
 inline constexpr uint32_t kClientType = 1;
 
+// The application-defined table of the raw rows, by table id and name. Each process that
+// reads or writes it defines it once (the first definition of an id stands).
+inline constexpr int16_t kRawTableId = 1;
+inline constexpr char kRawTableName[] = "vsk-demo-raw-rows";
+vsk_status_t DefineRawTable();
+
 // Writes and reads a raw row through the generic table layer (dyn_db_put / dyn_db_get) on
-// the process's open "client-session-db". Reads return the value's bytes.
+// the process's raw-row table. Reads return the value's bytes.
 vsk_status_t PutRawRows(const RawRow* rows, int count);
 vsk_status_t GetRawRow(uint64_t id, std::string* value);
 // Reads every row of kRawRows back and prints each; false (after printing why) on the

@@ -1,8 +1,8 @@
 // The demo's rows: raw rows through the generic table layer, and the client session
 // through the session tables, written by act 1 and read back by both acts.
 //
-// REQUIRES of every function here: the store is open in this process (state 7), so that
-// the store context holds the "client-session-db" handle.
+// REQUIRES of every function here: the store is open in this process (state 7); the raw
+// rows also need DefineRawTable() to have succeeded.
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
@@ -19,10 +19,17 @@
 namespace vsk::demo {
 namespace {
 
-// Two-pass encoders of the raw rows: the size needed, the bytes only if they fit.
+// Two-pass encoders of the raw rows: the size needed, the bytes only if they fit. The key
+// is the table's 12 bytes: the id, then a tag.
+constexpr char kKeyTag[4] = {'d', 'e', 'm', 'o'};
+constexpr uint32_t kKeySize = sizeof(uint64_t) + sizeof(kKeyTag);
+
 uint32_t EncodeId(const void* object, void* buffer, uint32_t room) {
-  if (room >= sizeof(uint64_t)) std::memcpy(buffer, object, sizeof(uint64_t));
-  return sizeof(uint64_t);
+  if (room >= kKeySize) {
+    std::memcpy(buffer, object, sizeof(uint64_t));
+    std::memcpy(static_cast<char*>(buffer) + sizeof(uint64_t), kKeyTag, sizeof(kKeyTag));
+  }
+  return kKeySize;
 }
 
 uint32_t EncodeText(const void* object, void* buffer, uint32_t room) {
@@ -47,9 +54,9 @@ int DecodeRaw(void* out, void* data, uint32_t size, const uint8_t*, uint16_t) {
   return static_cast<int>(size);
 }
 
-DB* ClientTable() {
+DB* RawTable() {
   store::StoreContext* ctx = store::Context();
-  return ctx != nullptr ? ctx->client_session_db : nullptr;
+  return ctx != nullptr ? ctx->app_defined_db[kRawTableId] : nullptr;
 }
 
 std::string AttrText(const vsk_attr_list_t* attrs, uint16_t type) {
@@ -67,8 +74,20 @@ bool AttrWord(const vsk_attr_list_t* attrs, uint16_t type, uint32_t* word) {
 
 }  // namespace
 
+vsk_status_t DefineRawTable() {
+  vsk_status_t st = vsk_db_app_define(kRawTableId, kRawTableName);
+  Check("vsk_db_app_define(" + std::to_string(kRawTableId) + ", \"" + kRawTableName + "\")",
+        st);
+  if (st == VSK_OK && vsk_app_defined[kRawTableId].key_len != kKeySize) {
+    Fail("table id %d has keys of %u bytes, the rows need %u", kRawTableId,
+         vsk_app_defined[kRawTableId].key_len, kKeySize);
+    return VSK_ERR_INVALID_PARAM;
+  }
+  return st;
+}
+
 vsk_status_t PutRawRows(const RawRow* rows, int count) {
-  DB* db = ClientTable();
+  DB* db = RawTable();
   if (db == nullptr) return VSK_ERR_NOT_STARTED;
   vsk_db_txn_t txn{};
   vsk_status_t st = vsk_db_start_txn(&txn);
@@ -86,7 +105,7 @@ vsk_status_t PutRawRows(const RawRow* rows, int count) {
 }
 
 vsk_status_t GetRawRow(uint64_t id, std::string* value) {
-  DB* db = ClientTable();
+  DB* db = RawTable();
   if (db == nullptr) return VSK_ERR_NOT_STARTED;
   RawValue out;
   vsk_status_t st = dyn_db_get(db, nullptr, &id, EncodeId, &out, DecodeRaw, 0, nullptr, 0);
