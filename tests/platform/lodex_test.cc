@@ -144,17 +144,22 @@ TEST_F(LodexTest, AFullQueueDropsAndCountsWithoutBlocking) {
   EXPECT_EQ(r.control, "after");
 }
 
-TEST_F(LodexTest, ABusyLockDropsInsteadOfWaiting) {
-  ASSERT_EQ(lodex_init(nullptr, 4096), 0) << lodex_get_err_msg();
-  Child holder;
-  holder.Start([](Child::Channel& ch) {
+// Starts a process that takes the queue's lock, says so, and on Go() lets it go (or not).
+void StartLockHolder(Child& holder, bool unlock) {
+  holder.Start([unlock](Child::Channel& ch) {
     LodexQueueHeader* q = MapQueue();
     if (q == nullptr || pthread_mutex_lock(&q->lock) != 0) return 1;
     ch.Ready();
     ch.WaitGo();
-    pthread_mutex_unlock(&q->lock);
+    if (unlock) pthread_mutex_unlock(&q->lock);
     return 0;
   });
+}
+
+TEST_F(LodexTest, ABusyLockDropsInsteadOfWaiting) {
+  ASSERT_EQ(lodex_init(nullptr, 4096), 0) << lodex_get_err_msg();
+  Child holder;
+  StartLockHolder(holder, true);
   ASSERT_TRUE(holder.WaitReady());
   ASSERT_EQ(Send("busy", "payload"), 0);
   holder.Go();
@@ -171,13 +176,7 @@ TEST_F(LodexTest, AHolderKilledWithTheLockLeavesAUsableQueue) {
   ASSERT_EQ(lodex_init(nullptr, 4096), 0) << lodex_get_err_msg();
   ASSERT_EQ(Send("before", "death"), 0);
   Child holder;
-  holder.Start([](Child::Channel& ch) {
-    LodexQueueHeader* q = MapQueue();
-    if (q == nullptr || pthread_mutex_lock(&q->lock) != 0) return 1;
-    ch.Ready();
-    ch.WaitGo();
-    return 0;
-  });
+  StartLockHolder(holder, false);
   ASSERT_TRUE(holder.WaitReady());
   holder.Kill(SIGKILL);
   holder.Wait();
