@@ -13,6 +13,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include "vsk/tables.h"
@@ -84,6 +85,27 @@ inline T GetAt(const uint8_t* p) {
 inline void PutSectionHeader(uint8_t* p, uint32_t tag, uint32_t length) {
   PutAt<uint32_t>(p, tag);
   PutAt<uint32_t>(p + 4, length);
+}
+
+// Sections shared by the client and service records. The config-bit section's length
+// field is always 8, whatever the true size; no section is written for zero bits.
+void WriteConfigBitsSection(RecordWriter& w, const uint8_t* bits, uint16_t bits_len);
+void WriteAttrsSection(RecordWriter& w, uint32_t tag, const vsk_attr_list_t* attrs);
+void WriteIdSection(RecordWriter& w, uint32_t tag, uint64_t id);
+
+// The start of every structured decoder: a zeroed object in *out that holds `data` as
+// its raw form. Null (and `data` freed, as the decoder owns it in every case) when the
+// object cannot be had.
+template <typename Rec>
+Rec* StartDecoded(void* out, void* data) {
+  auto* rec = static_cast<Rec*>(std::calloc(1, sizeof(Rec)));
+  if (rec == nullptr) {
+    std::free(data);
+    return nullptr;
+  }
+  *static_cast<Rec**>(out) = rec;
+  rec->raw = data;
+  return rec;
 }
 
 // Shared by the client and service decoders: does a record with these bits pass `mask`?

@@ -51,13 +51,8 @@ template <typename Rec, typename DecodeFn, typename ReleaseFn>
 int DecodeSingleSection(void* out, void* data, uint32_t size, uint32_t want_tag,
                         bool check_version, DecodeFn decode, ReleaseFn release) {
   auto** slot = static_cast<Rec**>(out);
-  auto* rec = static_cast<Rec*>(std::calloc(1, sizeof(Rec)));
-  if (rec == nullptr) {
-    std::free(data);  // the decoder owns the buffer in every case
-    return VSK_ERR_NOMEM;
-  }
-  *slot = rec;
-  rec->raw = data;
+  Rec* rec = StartDecoded<Rec>(out, data);
+  if (rec == nullptr) return VSK_ERR_NOMEM;
   const auto* bytes = static_cast<const uint8_t*>(data);
   if (size < 2) return 2;
   if (check_version && GetAt<uint16_t>(bytes) != VSK_RECORD_VERSION) return -1;

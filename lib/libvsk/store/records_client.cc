@@ -27,6 +27,34 @@ bool ConfigBitsPass(const uint8_t* bits, uint16_t bits_len, const uint8_t* mask,
   return false;
 }
 
+void WriteConfigBitsSection(RecordWriter& w, const uint8_t* bits, uint16_t bits_len) {
+  if (bits_len == 0) return;
+  if (uint8_t* p = w.Reserve(8u + 2u + bits_len)) {
+    PutSectionHeader(p, VSK_SECTION_CONFIG_BITS, 8);  // fixed, whatever the true size
+    PutAt<uint16_t>(p + 8, bits_len);
+    if (bits != nullptr) {
+      std::memcpy(p + 10, bits, bits_len);
+    } else {
+      std::memset(p + 10, 0, bits_len);
+    }
+  }
+}
+
+void WriteAttrsSection(RecordWriter& w, uint32_t tag, const vsk_attr_list_t* attrs) {
+  const uint32_t size = vsk::attr::AttrEntriesSize(attrs);
+  if (uint8_t* p = w.Reserve(8 + size)) {
+    PutSectionHeader(p, tag, size);
+    vsk::attr::WriteAttrEntries(attrs, p + 8);
+  }
+}
+
+void WriteIdSection(RecordWriter& w, uint32_t tag, uint64_t id) {
+  if (uint8_t* p = w.Reserve(16)) {
+    PutSectionHeader(p, tag, 8);
+    PutAt<uint64_t>(p + 8, id);
+  }
+}
+
 uint32_t EncodeClientRecord(const void* object, void* buffer, uint32_t room) {
   const auto* rec = static_cast<const vsk_client_session_t*>(object);
   RecordWriter w(buffer, room);
@@ -43,39 +71,17 @@ uint32_t EncodeClientRecord(const void* object, void* buffer, uint32_t room) {
       }
     }
   }
-  if (rec->config_bits_len != 0) {
-    if (uint8_t* p = w.Reserve(8u + 2u + rec->config_bits_len)) {
-      PutSectionHeader(p, VSK_SECTION_CONFIG_BITS, 8);  // fixed, whatever the true size
-      PutAt<uint16_t>(p + 8, rec->config_bits_len);
-      if (rec->config_bits != nullptr) {
-        std::memcpy(p + 10, rec->config_bits, rec->config_bits_len);
-      } else {
-        std::memset(p + 10, 0, rec->config_bits_len);
-      }
-    }
-  }
-  const uint32_t attrs = vsk::attr::AttrEntriesSize(rec->attrs);
-  if (uint8_t* p = w.Reserve(8 + attrs)) {
-    PutSectionHeader(p, VSK_SECTION_CLIENT_ATTRS, attrs);
-    vsk::attr::WriteAttrEntries(rec->attrs, p + 8);
-  }
-  if (uint8_t* p = w.Reserve(16)) {
-    PutSectionHeader(p, VSK_SECTION_DYNAMIC_ID, 8);
-    PutAt<uint64_t>(p + 8, rec->dynamic_id);
-  }
+  WriteConfigBitsSection(w, rec->config_bits, rec->config_bits_len);
+  WriteAttrsSection(w, VSK_SECTION_CLIENT_ATTRS, rec->attrs);
+  WriteIdSection(w, VSK_SECTION_DYNAMIC_ID, rec->dynamic_id);
   return w.total();
 }
 
 int DecodeClientRecord(void* out, void* data, uint32_t size, const uint8_t* mask,
                        uint16_t mask_len) {
   auto** slot = static_cast<vsk_client_session_t**>(out);
-  auto* rec = static_cast<vsk_client_session_t*>(std::calloc(1, sizeof(vsk_client_session_t)));
-  if (rec == nullptr) {
-    std::free(data);  // the decoder owns the buffer in every case
-    return VSK_ERR_NOMEM;
-  }
-  *slot = rec;
-  rec->raw = data;
+  auto* rec = StartDecoded<vsk_client_session_t>(out, data);
+  if (rec == nullptr) return VSK_ERR_NOMEM;
   const auto* bytes = static_cast<const uint8_t*>(data);
   if (size < 2) return 2;
   if (GetAt<uint16_t>(bytes) != VSK_RECORD_VERSION) return -1;

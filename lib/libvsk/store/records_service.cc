@@ -17,40 +17,17 @@ uint32_t EncodeServiceRecord(const void* object, void* buffer, uint32_t room) {
   const auto* rec = static_cast<const vsk_service_session_t*>(object);
   RecordWriter w(buffer, room);
   if (uint8_t* p = w.Reserve(2)) PutAt<uint16_t>(p, VSK_RECORD_VERSION);
-  if (rec->config_bits_len != 0) {
-    if (uint8_t* p = w.Reserve(8u + 2u + rec->config_bits_len)) {
-      PutSectionHeader(p, VSK_SECTION_CONFIG_BITS, 8);
-      PutAt<uint16_t>(p + 8, rec->config_bits_len);
-      if (rec->config_bits != nullptr) {
-        std::memcpy(p + 10, rec->config_bits, rec->config_bits_len);
-      } else {
-        std::memset(p + 10, 0, rec->config_bits_len);
-      }
-    }
-  }
-  const uint32_t attrs = vsk::attr::AttrEntriesSize(rec->attrs);
-  if (uint8_t* p = w.Reserve(8 + attrs)) {
-    PutSectionHeader(p, VSK_SECTION_SERVICE_ATTRS, attrs);
-    vsk::attr::WriteAttrEntries(rec->attrs, p + 8);
-  }
-  if (uint8_t* p = w.Reserve(16)) {
-    PutSectionHeader(p, VSK_SECTION_CLIENT_ID, 8);
-    PutAt<uint64_t>(p + 8, rec->client_id);
-  }
+  WriteConfigBitsSection(w, rec->config_bits, rec->config_bits_len);
+  WriteAttrsSection(w, VSK_SECTION_SERVICE_ATTRS, rec->attrs);
+  WriteIdSection(w, VSK_SECTION_CLIENT_ID, rec->client_id);
   return w.total();
 }
 
 int DecodeServiceRecord(void* out, void* data, uint32_t size, const uint8_t* mask,
                         uint16_t mask_len) {
   auto** slot = static_cast<vsk_service_session_t**>(out);
-  auto* rec =
-      static_cast<vsk_service_session_t*>(std::calloc(1, sizeof(vsk_service_session_t)));
-  if (rec == nullptr) {
-    std::free(data);  // the decoder owns the buffer in every case
-    return VSK_ERR_NOMEM;
-  }
-  *slot = rec;
-  rec->raw = data;
+  auto* rec = StartDecoded<vsk_service_session_t>(out, data);
+  if (rec == nullptr) return VSK_ERR_NOMEM;
   auto* bytes = static_cast<uint8_t*>(data);
   if (size < 2) return 2;
   if (GetAt<uint16_t>(bytes) != VSK_RECORD_VERSION) return -1;
