@@ -75,7 +75,15 @@ extern "C" {
 
 int evCreate(evContext* ctx) {
   if (ctx == nullptr) return Fail(EINVAL);
-  event_base* base = event_base_new();
+  // Timers must never fire before their interval: the default monotonic clock is the
+  // coarse one (a tick of several milliseconds), and the time cached for a loop round
+  // would date a timer started inside a callback from the round's start.
+  event_config* config = event_config_new();
+  if (config == nullptr) return Fail(ENOMEM);
+  event_config_set_flag(config, EVENT_BASE_FLAG_PRECISE_TIMER);
+  event_config_set_flag(config, EVENT_BASE_FLAG_NO_CACHE_TIME);
+  event_base* base = event_base_new_with_config(config);
+  event_config_free(config);
   if (base == nullptr) return Fail(ENOMEM);
   auto* c = new (std::nothrow) Context{base, true, {}};
   if (c == nullptr) {

@@ -1,5 +1,6 @@
 // Timers on a real libevent loop: one-shot firing after the interval, the running flag,
 // restart from the callback, destruction of an armed leaf, and the routing engine's role.
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <vector>
@@ -69,8 +70,9 @@ TEST_F(WtimerTest, OneShotFiresOnceAfterItsInterval) {
   EXPECT_TRUE(wtimer_running(leaf));
 
   RunFor(60);
-  EXPECT_TRUE(f.at.empty()) << "fired before its interval";
-  EXPECT_TRUE(wtimer_running(leaf));
+  // A loaded machine may have let the whole interval pass by now; never less of it.
+  for (auto at : f.at) EXPECT_GE(at - start, std::chrono::milliseconds(119));
+  EXPECT_EQ(wtimer_running(leaf), f.at.empty());
 
   RunFor(400);
   ASSERT_EQ(f.at.size(), 1u) << "one start, one firing";
@@ -96,29 +98,60 @@ TEST_F(WtimerTest, CallbackMayStartItsLeafAgain) {
   wtimer_destroy(leaf);
 }
 
+// Never early: short intervals started at random points of the clock's tick each fire
+// no sooner than asked (a coarse clock would date many of them from its last tick).
+TEST_F(WtimerTest, ShortIntervalsNeverFireEarly) {
+  Firing f;
+  wtimer_leaf_t* leaf = wtimer_create_leaf(root_, 0, OnFire, &f);
+  wtimer_interval_t iv{0, 3u * 1000u * 1000u};
+  int early = 0;
+  std::chrono::nanoseconds worst{std::chrono::milliseconds(3)};
+  for (int i = 0; i < 60; ++i) {
+    // Start at a different phase of the clock's tick each time.
+    auto until = Clock::now() + std::chrono::microseconds(170 * (i % 23));
+    while (Clock::now() < until) {
+    }
+    f.at.clear();
+    auto start = Clock::now();
+    ASSERT_EQ(wtimer_start_oneshot_precise(leaf, &iv, 0), 0);
+    ASSERT_EQ(evMainLoop(ctx_), 0);
+    ASSERT_EQ(f.at.size(), 1u);
+    auto took = f.at[0] - start;
+    if (took < std::chrono::milliseconds(3)) {
+      ++early;
+      worst = std::min<std::chrono::nanoseconds>(worst, took);
+    }
+  }
+  EXPECT_EQ(early, 0) << "earliest firing after " << worst.count() << " ns of 3 ms";
+  wtimer_destroy(leaf);
+}
+
 TEST_F(WtimerTest, StartingARunningLeafRestartsItsInterval) {
   Firing f;
   wtimer_leaf_t* leaf = wtimer_create_leaf(root_, 0, OnFire, &f);
-  wtimer_interval_t iv{0, 100u * 1000u * 1000u};
+  // Intervals far above the scheduling delays of a loaded machine.
+  wtimer_interval_t iv{0, 400u * 1000u * 1000u};
   ASSERT_EQ(wtimer_start_oneshot_precise(leaf, &iv, 0), 0);
-  RunFor(60);
+  RunFor(50);
+  ASSERT_TRUE(f.at.empty());
   auto restart = Clock::now();
   ASSERT_EQ(wtimer_start_oneshot_precise(leaf, &iv, 0), 0);
-  RunFor(300);
+  RunFor(900);
   ASSERT_EQ(f.at.size(), 1u);
-  EXPECT_GE(f.at[0] - restart, std::chrono::milliseconds(99));
+  EXPECT_GE(f.at[0] - restart, std::chrono::milliseconds(399));
   wtimer_destroy(leaf);
 }
 
 TEST_F(WtimerTest, DestroyedLeafNeverFires) {
   Firing f;
   wtimer_leaf_t* leaf = wtimer_create_leaf(root_, 0, OnFire, &f);
-  wtimer_interval_t iv{0, 10u * 1000u * 1000u};
+  wtimer_interval_t iv{2, 0};
   ASSERT_EQ(wtimer_start_oneshot_precise(leaf, &iv, 0), 0);
   EXPECT_EQ(wtimer_destroy(leaf), 0);
   auto start = Clock::now();
   ASSERT_EQ(evMainLoop(ctx_), 0) << "nothing is left on the loop";
-  EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(5));
+  // The loop returns at once instead of waiting out the interval.
+  EXPECT_LT(Clock::now() - start, std::chrono::seconds(1));
   EXPECT_TRUE(f.at.empty());
   EXPECT_EQ(wtimer_destroy(nullptr), 0);
 }
@@ -142,7 +175,7 @@ TEST_F(WtimerTest, WholeSecondsAndBadArguments) {
   ASSERT_EQ(evMainLoop(ctx_), 0);
   ASSERT_EQ(f.at.size(), 1u);
   EXPECT_GE(f.at[0] - start, std::chrono::milliseconds(999));
-  EXPECT_LT(f.at[0] - start, std::chrono::milliseconds(1500));
+  EXPECT_LT(f.at[0] - start, std::chrono::milliseconds(1900));
   wtimer_destroy(leaf);
 }
 
