@@ -85,6 +85,22 @@ class OrvdProcess {
     return rows;
   }
 
+  // orvd publishes its table after it has handled a message; a reader in another process
+  // waits for the row to reach the state it expects. Returns the last row seen.
+  template <typename Pred>
+  static OrvdTableRow WaitForRow(const std::string& name, Pred done,
+                                 std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+    auto end = std::chrono::steady_clock::now() + timeout;
+    OrvdTableRow row{};
+    for (;;) {
+      auto rows = Table();
+      auto it = rows.find(name);
+      row = it != rows.end() ? it->second : OrvdTableRow{};
+      if ((it != rows.end() && done(row)) || std::chrono::steady_clock::now() >= end) return row;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
+
  private:
   pid_t pid_ = -1;
 };

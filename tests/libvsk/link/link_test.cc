@@ -96,10 +96,11 @@ TEST_F(LinkTest, RegistersInEachMode) {
     ChildResult r = RunInChild([mode] { return RegisterRoundTrip(mode); });
     EXPECT_TRUE(r.Ok()) << "mode " << static_cast<int>(mode) << ": " << r;
   }
-  auto table = OrvdProcess::Table();
-  ASSERT_EQ(table.count("vsk-client"), 1u);
-  EXPECT_EQ(table["vsk-client"].role, 0) << "the last one left";
-  EXPECT_EQ(table["vsk-client"].connected, 0);
+  auto left = OrvdProcess::WaitForRow(
+      "vsk-client", [](const OrvdTableRow& r) { return r.role == 0 && r.connected == 0; });
+  ASSERT_EQ(OrvdProcess::Table().count("vsk-client"), 1u);
+  EXPECT_EQ(left.role, 0) << "the last one left";
+  EXPECT_EQ(left.connected, 0);
 }
 
 TEST_F(LinkTest, ClientOnMasterWaitsForOrvdsRecovery) {
@@ -233,9 +234,9 @@ TEST_F(LinkTest, RecoveryCompleteGoesOnce) {
     if (orvd_send_recovery_complete(ctx) != 0) return 4;
     if (GlobalTraces().Count("Send recovery complete to ORVD") != 1) return 5;
     if (orvd_send_replication_request(ctx) != 0) return 6;
-    // Let orvd read both before the table is looked at.
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    auto row = OrvdProcess::Table()["vsk-client"];
+    auto row = OrvdProcess::WaitForRow("vsk-client", [](const OrvdTableRow& r) {
+      return r.recovery_complete == 1 && r.replication_requests == 1;
+    });
     if (row.recovery_complete != 1 || row.connected != 1 || row.replication_requests != 1) {
       return 7;
     }
