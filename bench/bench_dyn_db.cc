@@ -190,10 +190,7 @@ uint64_t Commits(DB_ENV* env) {
 // Opens the shared state and the store as the creating daemon on the master. The status,
 // or -1 when the shared regions could not be opened.
 vsk_status_t OpenStore() {
-  for (const char* dir : {"/mfs/var/tmp/", vsk::platform::kStoreHome, vsk::platform::kInterfaceDir,
-                          "/var/run/", "/var/log/"}) {
-    if (!vsk::platform::MakeDirs(vsk::platform::RootedPath(dir))) return VSK_ERR_FATAL;
-  }
+  if (!vsk::platform::MakeSystemDirs()) return VSK_ERR_FATAL;
   __progname = g_creator_name;
   if (vsk_open_internal(true) != 0) return VSK_ERR_FATAL;
   g_link.fd = -1;

@@ -127,10 +127,7 @@ int main() {
   if (mkdtemp(tmpl) == nullptr) return 1;
   setenv("VSK_ROOT", tmpl, 1);
   namespace fs = std::filesystem;
-  for (const char* dir :
-       {"/mfs/var/tmp/", vsk::platform::kStoreHome, vsk::platform::kInterfaceDir}) {
-    vsk::platform::MakeDirs(vsk::platform::RootedPath(dir));
-  }
+  vsk::platform::MakeSystemDirs();
   Check(vsk_open_internal(true), "open shared regions");
   vsk_set_trace_cbk(&WatchGrowth);
 

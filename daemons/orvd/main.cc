@@ -104,15 +104,10 @@ void OnSignal(evutil_socket_t sig, short, void*) {
 }
 
 bool MakeDirectories() {
-  for (const char* dir : {"/mfs/var/tmp/", vsk::platform::kStoreHome,
-                          vsk::platform::kInterfaceDir, "/var/run/", "/var/log/"}) {
-    std::string path = vsk::platform::RootedPath(dir);
-    if (!vsk::platform::MakeDirs(path)) {
-      Log("cannot create %s: %s", path.c_str(), std::strerror(errno));
-      return false;
-    }
-  }
-  return true;
+  std::string failed;
+  if (vsk::platform::MakeSystemDirs(&failed)) return true;
+  Log("cannot create %s: %s", failed.c_str(), std::strerror(errno));
+  return false;
 }
 
 int Usage() {

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <fstream>
 
+#include "libvsk/orvd_client/clients_table.h"
 #include "libvsk/orvd_client/wire.h"
 #include "platform/paths.h"
 #include "vsk/status.h"
@@ -22,7 +23,6 @@ namespace {
 
 using namespace vsk::orvd;
 
-constexpr const char kTableFile[] = "/var/run/orvd_clients";
 
 }  // namespace
 
@@ -275,15 +275,17 @@ void Server::Housekeeping() {
 }
 
 void Server::WriteTable() const {
-  std::string path = vsk::platform::RootedPath(kTableFile);
+  std::string path = vsk::platform::RootedPath(vsk::orvd::kClientsTableFile);
   std::string tmp = path + ".tmp";
   {
     std::ofstream out(tmp, std::ios::trunc);
     if (!out) return;
     for (const auto& [name, e] : table_) {
-      out << name << ' ' << e.pid << ' ' << static_cast<int>(e.role) << ' '
-          << e.recovery_complete << ' ' << e.issu_state << ' ' << e.connected << ' '
-          << e.replication_requests << '\n';
+      vsk::orvd::WriteClientsRow(
+          out, name,
+          {static_cast<int>(e.pid), static_cast<int>(e.role), e.recovery_complete ? 1 : 0,
+           static_cast<unsigned>(e.issu_state), e.connected ? 1 : 0,
+           static_cast<unsigned>(e.replication_requests)});
     }
   }
   std::rename(tmp.c_str(), path.c_str());  // readers never see half a table

@@ -12,8 +12,8 @@
 //     a full ORVD_MSG_REGISTER_ACK;
 //  4. when orvd's store goes down every registered client gets a negative
 //     acknowledgement carrying the store's status.
-// The table is written to "/var/run/orvd_clients" (rooted) after each change, one line per
-// daemon: name pid role recovery_complete issu_state connected replication_requests.
+// The table is published after each change in the format of
+// libvsk/orvd_client/clients_table.h.
 #pragma once
 
 #include <sys/types.h>

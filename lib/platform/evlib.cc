@@ -75,9 +75,9 @@ extern "C" {
 
 int evCreate(evContext* ctx) {
   if (ctx == nullptr) return Fail(EINVAL);
-  // Timers must never fire before their interval: the default monotonic clock is the
-  // coarse one (a tick of several milliseconds), and the time cached for a loop round
-  // would date a timer started inside a callback from the round's start.
+  // Timers must never fire before their interval. libevent may otherwise pick the coarse
+  // monotonic clock (on kernels whose tick is 1 ms) and date a timer from the time it
+  // cached for the loop round rather than from its start.
   event_config* config = event_config_new();
   if (config == nullptr) return Fail(ENOMEM);
   event_config_set_flag(config, EVENT_BASE_FLAG_PRECISE_TIMER);

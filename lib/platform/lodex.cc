@@ -85,6 +85,25 @@ int Recover(LodexQueueHeader* q, int err) {
   return err;
 }
 
+int64_t MonotonicNs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+// The lock of a send: another sender's copy is waited out, a stopped holder is not (after
+// kLodexSendLockWaitNs the result is EBUSY).
+int LockForSend(LodexQueueHeader* q) {
+  int err = Recover(q, pthread_mutex_trylock(&q->lock));
+  if (err != EBUSY) return err;
+  const int64_t deadline = MonotonicNs() + kLodexSendLockWaitNs;
+  do {
+    sched_yield();
+    err = Recover(q, pthread_mutex_trylock(&q->lock));
+  } while (err == EBUSY && MonotonicNs() < deadline);
+  return err;
+}
+
 void CopyIn(const Attachment& a, uint64_t pos, const void* src, uint32_t n) {
   uint64_t cap = a.queue->capacity;
   uint64_t at = pos % cap;
@@ -185,20 +204,7 @@ int lodex_send(DB_ENV*, const DBT* control, const DBT* rec, const DB_LSN* lsnp, 
   const uint32_t rsize = SizeOf(rec);
   const uint64_t total = Align8(uint64_t{sizeof(LodexRecordHeader)} + csize + rsize);
 
-  int err = Recover(q, pthread_mutex_trylock(&q->lock));
-  if (err == EBUSY) {
-    // Bounded: a commit may wait out another sender's copy, never a stopped holder.
-    timespec start{};
-    clock_gettime(CLOCK_MONOTONIC, &start);
-    while (err == EBUSY) {
-      sched_yield();
-      err = Recover(q, pthread_mutex_trylock(&q->lock));
-      timespec now{};
-      clock_gettime(CLOCK_MONOTONIC, &now);
-      long waited = (now.tv_sec - start.tv_sec) * 1'000'000'000L + (now.tv_nsec - start.tv_nsec);
-      if (err == EBUSY && waited >= kLodexSendLockWaitNs) break;
-    }
-  }
+  int err = LockForSend(q);
   if (err != 0) {
     // Counted without the lock: this word is only ever added to, atomically.
     std::atomic_ref<uint64_t>(q->dropped_busy).fetch_add(1, std::memory_order_relaxed);

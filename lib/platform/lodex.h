@@ -8,8 +8,8 @@
 //
 // Senders are Berkeley DB's transport callback, called inside commits. A send must never
 // block nor fail a commit: a message that does not fit, or that finds the queue's lock
-// still busy after kLodexSendLockWaitNs, is dropped and counted in the header. Replication repairs a gap
-// by asking again; a stalled commit could not be repaired.
+// still busy after kLodexSendLockWaitNs, is dropped and counted in the header.
+// Replication repairs a gap by asking again; a stalled commit could not be repaired.
 //
 // Invariants of the ring (all positions are byte counts that only grow):
 //  1. head <= tail <= head + capacity.
@@ -39,7 +39,7 @@ inline constexpr int kLodexProject = 0x4c;
 inline constexpr uint32_t kLodexMagic = 0x4c4f4458;  // "LODX"
 // How long a send tries for the queue's lock before it drops its message. Holders keep
 // the lock for one copy of a message, so this only runs out when a holder is stopped.
-inline constexpr long kLodexSendLockWaitNs = 500'000;
+inline constexpr int64_t kLodexSendLockWaitNs = 500'000;
 
 struct LodexQueueHeader {
   uint32_t magic;          // kLodexMagic once initialised

@@ -57,4 +57,15 @@ bool MakeDirs(const std::string& path) {
   return true;
 }
 
+bool MakeSystemDirs(std::string* failed) {
+  for (const char* dir : kSystemDirs) {
+    std::string path = RootedPath(dir);
+    if (!MakeDirs(path)) {
+      if (failed != nullptr) *failed = path;
+      return false;
+    }
+  }
+  return true;
+}
+
 }  // namespace vsk::platform

@@ -43,4 +43,11 @@ key_t SemaphoreKey();
 // Creates `path` (already rooted) and its parents, mode 0755. True on success.
 bool MakeDirs(const std::string& path);
 
+// The directories of the system's files, which orvd makes at its start.
+inline constexpr const char* kSystemDirs[] = {"/mfs/var/tmp/", kStoreHome, kInterfaceDir,
+                                              "/var/run/", "/var/log/"};
+// Makes every directory of kSystemDirs under the root in force. False at the first that
+// cannot be made, with its path in *failed when given (errno tells why).
+bool MakeSystemDirs(std::string* failed = nullptr);
+
 }  // namespace vsk::platform

@@ -86,13 +86,9 @@ TEST_F(OrvdTest, AnswersARegistrationWithAFullAcknowledgement) {
   // Two messages in one write are both taken.
   uint32_t two[2] = {ORVD_MSG_RECOVERY_COMPLETE, ORVD_MSG_REPLICATION_REQUEST};
   ASSERT_EQ(send(fd, two, sizeof two, 0), static_cast<ssize_t>(sizeof two));
-  auto end = Clock::now() + std::chrono::seconds(5);
-  OrvdTableRow row;
-  while (Clock::now() < end) {
-    row = OrvdProcess::Table()["rawd"];
-    if (row.recovery_complete && row.replication_requests == 1) break;
-    usleep(20000);
-  }
+  OrvdTableRow row = OrvdProcess::WaitForRow("rawd", [](const OrvdTableRow& r) {
+    return r.recovery_complete && r.replication_requests == 1;
+  });
   EXPECT_EQ(row.pid, getpid());
   EXPECT_EQ(row.role, 3);
   EXPECT_EQ(row.recovery_complete, 1);

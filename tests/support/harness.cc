@@ -240,9 +240,6 @@ int RemoveSysvObjectsFor(const std::vector<std::string>& key_files) {
 
 // ---- fixture --------------------------------------------------------------------------
 
-namespace {
-std::vector<std::string> KeyFiles() { return shared::RootKeyFiles(); }
-}  // namespace
 
 void VskTest::SetUp() {
   const char* old = getenv("VSK_ROOT");
@@ -252,12 +249,10 @@ void VskTest::SetUp() {
   ASSERT_NE(mkdtemp(tmpl), nullptr) << strerror(errno);
   root_ = tmpl;
   setenv("VSK_ROOT", root_.c_str(), 1);
-  for (const char* dir : {"/mfs/var/tmp/", platform::kStoreHome, platform::kInterfaceDir,
-                          "/var/run/", "/var/log/"}) {
-    ASSERT_TRUE(platform::MakeDirs(Path(dir))) << dir;
-  }
-  for (const auto& f : KeyFiles()) std::ofstream(f, std::ios::app).close();
-  RemoveSysvObjectsFor(KeyFiles());  // a stale object of a reused inode
+  std::string failed;
+  ASSERT_TRUE(platform::MakeSystemDirs(&failed)) << failed;
+  for (const auto& f : shared::RootKeyFiles()) std::ofstream(f, std::ios::app).close();
+  RemoveSysvObjectsFor(shared::RootKeyFiles());  // a stale object of a reused inode
   platform::ResetProductInfo();
   saved_progname_ = __progname;
   AsClient();
@@ -270,7 +265,7 @@ void VskTest::TearDown() {
   // The store keeps the daemon's link handle across a close; a test's handle dies with
   // the test, so a later test in the same process must not find it.
   vsk_db_reset_orvd_handle();
-  RemoveSysvObjectsFor(KeyFiles());
+  RemoveSysvObjectsFor(shared::RootKeyFiles());
   std::error_code ec;
   std::filesystem::remove_all(root_, ec);
   if (had_root_) {

@@ -9,24 +9,16 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
 #include <map>
-#include <sstream>
 #include <string>
 #include <thread>
 
+#include "libvsk/orvd_client/clients_table.h"
 #include "platform/paths.h"
 
 namespace vsk::test {
 
-struct OrvdTableRow {
-  int pid = 0;
-  int role = 0;
-  int recovery_complete = 0;
-  unsigned issu_state = 0;
-  int connected = 0;
-  unsigned replication_requests = 0;
-};
+using OrvdTableRow = orvd::ClientsRow;
 
 class OrvdProcess {
  public:
@@ -35,7 +27,7 @@ class OrvdProcess {
   // Starts orvd and waits until it listens. False if it ended or timed out first.
   bool Start(std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
     std::string socket = platform::RootedPath(platform::kOrvdSocket);
-    std::string table = platform::RootedPath("/var/run/orvd_clients");
+    std::string table = platform::RootedPath(orvd::kClientsTableFile);
     unlink(table.c_str());
     pid_ = fork();
     if (pid_ == 0) {
@@ -69,36 +61,15 @@ class OrvdProcess {
 
   pid_t pid() const { return pid_; }
 
-  static std::map<std::string, OrvdTableRow> Table() {
-    std::map<std::string, OrvdTableRow> rows;
-    std::ifstream in(platform::RootedPath("/var/run/orvd_clients"));
-    std::string line;
-    while (std::getline(in, line)) {
-      std::istringstream row(line);
-      std::string name;
-      OrvdTableRow r;
-      if (row >> name >> r.pid >> r.role >> r.recovery_complete >> r.issu_state >>
-          r.connected >> r.replication_requests) {
-        rows[name] = r;
-      }
-    }
-    return rows;
-  }
+  static std::map<std::string, OrvdTableRow> Table() { return orvd::ReadClientsTable(); }
 
-  // orvd publishes its table after it has handled a message; a reader in another process
-  // waits for the row to reach the state it expects. Returns the last row seen.
+  // orvd publishes its table a moment after it has handled a message: waits for the row
+  // to reach the state the caller expects. Returns the last row seen.
   template <typename Pred>
-  static OrvdTableRow WaitForRow(const std::string& name, Pred done,
-                                 std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
-    auto end = std::chrono::steady_clock::now() + timeout;
-    OrvdTableRow row{};
-    for (;;) {
-      auto rows = Table();
-      auto it = rows.find(name);
-      row = it != rows.end() ? it->second : OrvdTableRow{};
-      if ((it != rows.end() && done(row)) || std::chrono::steady_clock::now() >= end) return row;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+  static OrvdTableRow WaitForRow(const std::string& name, Pred done) {
+    OrvdTableRow row;
+    orvd::WaitForClientsRow(name, done, &row);
+    return row;
   }
 
  private:

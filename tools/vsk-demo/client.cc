@@ -17,7 +17,7 @@ namespace vsk::demo {
 namespace {
 
 // This process's row, still connected and marked as recovered.
-bool Recovered(const OrvdRow& row) {
+bool Recovered(const orvd::ClientsRow& row) {
   return row.pid == getpid() && row.connected == 1 && row.recovery_complete == 1;
 }
 
@@ -55,8 +55,8 @@ int RunClient(vsk_session_id_t session_id) {
   if (ok) ok = Check("orvd_send_recovery_complete", orvd_send_recovery_complete(ctx));
   if (ok) {
     Say("orvd's table of daemons lists this process:");
-    OrvdRow row;
-    ok = WaitForOrvdRow(platform::ProgramName(), Recovered, &row);
+    orvd::ClientsRow row;
+    ok = orvd::WaitForClientsRow(platform::ProgramName(), Recovered, &row);
     if (ok) {
       SayOrvdRow(platform::ProgramName(), row);
     } else {

@@ -20,7 +20,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 
@@ -36,7 +35,6 @@ using Clock = std::chrono::steady_clock;
 constexpr auto kOrvdReadyLimit = std::chrono::seconds(30);
 constexpr auto kClientLimit = std::chrono::seconds(60);
 constexpr auto kOrvdStopLimit = std::chrono::seconds(20);
-constexpr char kTableFile[] = "/var/run/orvd_clients";
 constexpr char kOrvdLog[] = "/var/log/orvd.log";
 
 // A child process; killed and reaped if still running when it goes out of scope.
@@ -131,7 +129,7 @@ bool StartOrvd(ChildProcess& orvd, const std::string& path) {
     return Fail("no orvd program at %s (%s); build the target orvd", path.c_str(),
                 std::strerror(errno));
   }
-  std::string table = platform::RootedPath(kTableFile);
+  std::string table = platform::RootedPath(orvd::kClientsTableFile);
   std::string socket = platform::RootedPath(platform::kOrvdSocket);
   unlink(table.c_str());  // a table left by an earlier orvd would look like readiness
   const char* const argv[] = {"orvd", "--foreground", "--stderr", nullptr};
@@ -176,33 +174,7 @@ bool RunClientProcess(const std::string& self, vsk_session_id_t session_id) {
 
 }  // namespace
 
-bool ReadOrvdRow(const std::string& name, OrvdRow* row) {
-  std::ifstream in(platform::RootedPath(kTableFile));
-  std::string line;
-  while (std::getline(in, line)) {
-    std::istringstream fields(line);
-    std::string n;
-    OrvdRow r;
-    if (fields >> n >> r.pid >> r.role >> r.recovery_complete >> r.issu_state >> r.connected >>
-            r.replication_requests &&
-        n == name) {
-      *row = r;
-      return true;
-    }
-  }
-  return false;
-}
-
-bool WaitForOrvdRow(const std::string& name, bool (*want)(const OrvdRow&), OrvdRow* row) {
-  auto end = Clock::now() + std::chrono::seconds(3);
-  do {
-    if (ReadOrvdRow(name, row) && want(*row)) return true;
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  } while (Clock::now() < end);
-  return false;
-}
-
-void SayOrvdRow(const std::string& name, const OrvdRow& row) {
+void SayOrvdRow(const std::string& name, const orvd::ClientsRow& row) {
   const char* role = row.role == 3 ? "master" : row.role == 1 ? "standby" : "left";
   Say("  %s: pid %d, role %d (%s), recovery complete %d, connected %d", name.c_str(), row.pid,
       row.role, role, row.recovery_complete, row.connected);
@@ -218,9 +190,9 @@ bool RunDaemons(const std::string& self, vsk_session_id_t session_id) {
     PrintOrvdLog();
     return false;
   }
-  OrvdRow row;
-  auto gone = [](const OrvdRow& r) { return r.role == 0 && r.connected == 0; };
-  if (!WaitForOrvdRow(kClientName, gone, &row)) {
+  orvd::ClientsRow row;
+  auto gone = [](const orvd::ClientsRow& r) { return r.role == 0 && r.connected == 0; };
+  if (!orvd::WaitForClientsRow(kClientName, gone, &row)) {
     return Fail("orvd's table does not show the client as gone");
   }
   Say("orvd's table of daemons after the client left:");

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "libvsk/orvd_client/clients_table.h"
 #include "vsk/session.h"
 #include "vsk/status.h"
 
@@ -64,21 +65,8 @@ int RunClient(vsk_session_id_t session_id);
 // left. 0 when nothing of the root remains, 1 otherwise (with the reason printed).
 int RemoveRootObjects(const std::string& root);
 
-// One row of orvd's published table of daemons.
-struct OrvdRow {
-  int pid = 0;
-  int role = 0;  // 3 master, 1 standby, 0 left
-  int recovery_complete = 0;
-  unsigned issu_state = 0;
-  int connected = 0;
-  unsigned replication_requests = 0;
-};
-// The row of daemon `name`; false when the table or the row is missing.
-bool ReadOrvdRow(const std::string& name, OrvdRow* row);
-// orvd rewrites its table when it has taken a message in, a moment after the sender moved
-// on: waits up to 3 s for the row of `name` to satisfy `want`. False if it never did.
-bool WaitForOrvdRow(const std::string& name, bool (*want)(const OrvdRow&), OrvdRow* row);
-void SayOrvdRow(const std::string& name, const OrvdRow& row);
+// Prints one row of orvd's published table of daemons.
+void SayOrvdRow(const std::string& name, const orvd::ClientsRow& row);
 
 // Name of an environment state, for the transcript.
 const char* StateName(int state);

@@ -69,13 +69,9 @@ bool UseRoot(const char* dir, std::string* root) {
 
 // The directories that orvd makes at its start; act 1 stands in for orvd.
 bool MakeRootDirectories() {
-  for (const char* dir :
-       {"/mfs/var/tmp/", platform::kStoreHome, platform::kInterfaceDir, "/var/run/", "/var/log/"}) {
-    if (!platform::MakeDirs(platform::RootedPath(dir))) {
-      return Fail("cannot create %s: %s", platform::RootedPath(dir).c_str(), std::strerror(errno));
-    }
-  }
-  return true;
+  std::string failed;
+  if (platform::MakeSystemDirs(&failed)) return true;
+  return Fail("cannot create %s: %s", failed.c_str(), std::strerror(errno));
 }
 
 int RunDemo() {

@@ -133,28 +133,6 @@ TEST_F(DynDbTest, DecoderResultsBecomeStatusesAndTheBufferStaysWithTheObject) {
   EXPECT_EQ(none.raw, nullptr);
 }
 
-TEST_F(DynDbTest, WritesInsideATransactionVanishOnAbort) {
-  Bytes kept = Key(8, 'a');
-  Bytes dropped = Key(8, 'b');
-  vsk_db_txn_t txn{};
-  ASSERT_EQ(vsk_db_start_txn(&txn), VSK_OK);
-  ASSERT_EQ(dyn_db_put(raw_, txn.txn, &kept, Bytes::Encode, &kept, Bytes::Encode, 0), VSK_OK);
-  ASSERT_EQ(vsk_db_end_txn(&txn), VSK_OK);
-
-  ASSERT_EQ(vsk_db_start_txn(&txn), VSK_OK);
-  ASSERT_EQ(dyn_db_put(raw_, txn.txn, &dropped, Bytes::Encode, &dropped, Bytes::Encode, 0),
-            VSK_OK);
-  ASSERT_EQ(dyn_db_del(raw_, txn.txn, &kept, Bytes::Encode, 0), VSK_OK);
-  vsk_db_abort_txn(&txn, VSK_ERR_FATAL);
-
-  EXPECT_EQ(dyn_db_exists(raw_, nullptr, &kept, Bytes::Encode, 0), VSK_OK);
-  EXPECT_EQ(dyn_db_exists(raw_, nullptr, &dropped, Bytes::Encode, 0), VSK_ERR_NOT_FOUND);
-  // DB_NOOVERWRITE comes back as the store's "exists" status, not as a raw value.
-  EXPECT_EQ(dyn_db_put(raw_, nullptr, &kept, Bytes::Encode, &kept, Bytes::Encode, DB_NOOVERWRITE),
-            get_vsk_err(DB_KEYEXIST));
-  EXPECT_LT(get_vsk_err(DB_KEYEXIST), 0);
-}
-
 TEST_F(DynDbTest, CursorWalksInKeyOrderAndDecoderRefusalsFreeWhatTheyDidNotTake) {
   for (char c : std::string("dbca")) ASSERT_EQ(Put(Key(4, c), Bytes{std::string(3, c)}), VSK_OK);
 
