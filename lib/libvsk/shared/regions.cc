@@ -10,6 +10,8 @@
 //     byte, so ids, pools and counters survive a daemon restart.
 //  2. A pointer is null exactly while this process has no attachment through it.
 //  3. The library never removes a segment.
+//  4. Segments are made 0666, or 0660 for one group when the creator runs with
+//     VSK_IPC_GROUP (platform/ipc_access.h); the creator also narrows segments it finds.
 #include <errno.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -19,6 +21,7 @@
 
 #include "libvsk/shared/layout.h"
 #include "libvsk/trace.h"
+#include "platform/ipc_access.h"
 #include "platform/paths.h"
 #include "vsk/shared.h"
 
@@ -31,6 +34,23 @@ uint8_t* g_snapshot = nullptr;
 key_t KeyOf(int project) {
   std::string key_file = platform::RootedPath(platform::kShmKeyFile);
   return ftok(key_file.c_str(), project);
+}
+
+// The creator's access rule, or a trace and false when VSK_IPC_GROUP names no group.
+bool CreatorAccess(bool create, platform::IpcAccess* access) {
+  if (!create) return true;
+  *access = platform::CreatorIpcAccess();
+  if (access->error.empty()) return true;
+  VSK_TRACE("%s", access->error.c_str());
+  return false;
+}
+
+// Narrows a segment the creator made or found to the installation's group.
+bool Restrict(int id, const platform::IpcAccess& access) {
+  if (platform::ApplyShmAccess(id, access)) return true;
+  VSK_TRACE("Failed to restrict shared memory to group %u: %s",
+            static_cast<unsigned>(access.gid), strerror(errno));
+  return false;
 }
 
 void* Attach(int id) {
@@ -48,6 +68,8 @@ extern "C" {
 int vsk_shared_memory_init(bool create) {
   key_t key = KeyOf(kMainProject);
   if (key == -1) return -1;
+  vsk::platform::IpcAccess access;
+  if (!CreatorAccess(create, &access)) return -1;
   bool created = false;
   int id = shmget(key, kMainSize, 0666);
   if (id != -1) {
@@ -58,13 +80,14 @@ int vsk_shared_memory_init(bool create) {
       return -1;
     }
     VSK_TRACE("shared memory does not exist");
-    id = shmget(key, kMainSize, IPC_CREAT | 0666);
+    id = shmget(key, kMainSize, IPC_CREAT | access.mode);
     if (id == -1) {
       VSK_TRACE("Failed to create shared memory");
       return -1;
     }
     created = true;
   }
+  if (create && !Restrict(id, access)) return -1;
   // A second call attaches again and overwrites the pointer: the process does not keep
   // track of an earlier attachment.
   g_main = static_cast<uint8_t*>(Attach(id));
@@ -83,6 +106,8 @@ int vsk_snap_shared_memory_init(bool create) {
     VSK_TRACE("%s:Failed to get shared memory key", kFn);
     return -1;
   }
+  vsk::platform::IpcAccess access;
+  if (!CreatorAccess(create, &access)) return -1;
   bool created = false;
   int id = shmget(key, kSnapshotSize, 0666);
   if (id != -1) {
@@ -92,13 +117,14 @@ int vsk_snap_shared_memory_init(bool create) {
       VSK_TRACE("Failed to get snapshot shared memory");
       return -1;
     }
-    id = shmget(key, kSnapshotSize, IPC_CREAT | 0666);
+    id = shmget(key, kSnapshotSize, IPC_CREAT | access.mode);
     if (id == -1) {
       VSK_TRACE("%s:Failed to get shared memory id %s", kFn, strerror(errno));
       return -1;
     }
     created = true;
   }
+  if (create && !Restrict(id, access)) return -1;
   g_snapshot = static_cast<uint8_t*>(Attach(id));
   if (g_snapshot == nullptr) {
     VSK_TRACE("%s:Failed to attach shared memory", kFn);

@@ -39,6 +39,11 @@ DynDbCounters DynDbProbe::Read() { return counters_; }
 
 void DynDbProbe::Reset() { counters_ = {}; }
 
+vsk_status_t BadArgument(const char* fn, const char* what) {
+  VSK_TRACE("%s: bad argument %s", fn, what);
+  return VSK_ERR_INVALID_PARAM;
+}
+
 int CompareSessionIdKeys(DB*, const DBT* a, const DBT* b) noexcept {
   uint64_t x = SessionIdOfKey(a);
   uint64_t y = SessionIdOfKey(b);
@@ -51,6 +56,7 @@ int CompareSessionIdKeys(DB*, const DBT* a, const DBT* b) noexcept {
 
 }  // namespace vsk::store
 
+using vsk::store::BadArgument;
 using vsk::store::DecoderFailure;
 using vsk::store::Encoded;
 using vsk::store::kReadKeyLocalMax;
@@ -81,6 +87,10 @@ DBT KeyDbt(void* data, uint32_t size) {
 extern "C" {
 
 int dyn_db_open(DB** out, DB_ENV* env, const char* name, uint32_t extra_flags, bool master) {
+  if (out == nullptr || name == nullptr) {
+    BadArgument("dyn_db_open", out == nullptr ? "handle slot" : "name");
+    return EINVAL;
+  }
   int ret = db_create(out, env, 0);
   if (ret != 0) {
     VSK_TRACE("Failed to create db %s: %s\n", name, db_strerror(ret));
@@ -125,6 +135,8 @@ int dyn_db_close(DB* db) {
 
 vsk_status_t dyn_db_exists(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
                            uint32_t flags) {
+  if (db == nullptr) return BadArgument("dyn_db_exists", "table");
+  if (key_encoder == nullptr) return BadArgument("dyn_db_exists", "key encoder");
   Encoded<kWriteKeyRoom> k;
   if (!EncodeWriteKey(k, key, key_encoder)) return VSK_ERR_NOMEM;
   DBT kd = KeyDbt(k.data(), k.size());
@@ -133,6 +145,8 @@ vsk_status_t dyn_db_exists(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t k
 
 vsk_status_t dyn_db_del(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
                         uint32_t flags) {
+  if (db == nullptr) return BadArgument("dyn_db_del", "table");
+  if (key_encoder == nullptr) return BadArgument("dyn_db_del", "key encoder");
   Encoded<kWriteKeyRoom> k;
   if (!EncodeWriteKey(k, key, key_encoder)) return VSK_ERR_NOMEM;
   DBT kd = KeyDbt(k.data(), k.size());
@@ -141,6 +155,10 @@ vsk_status_t dyn_db_del(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_
 
 vsk_status_t dyn_db_put(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
                         const void* value, vsk_encoder_t value_encoder, uint32_t flags) {
+  if (db == nullptr) return BadArgument("dyn_db_put", "table");
+  if (key_encoder == nullptr || value_encoder == nullptr) {
+    return BadArgument("dyn_db_put", "encoder");
+  }
   Encoded<kWriteKeyRoom> k;
   if (!EncodeWriteKey(k, key, key_encoder)) return VSK_ERR_NOMEM;
   Encoded<kValueRoom> v;
@@ -160,6 +178,8 @@ vsk_status_t dyn_db_put(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_
 vsk_status_t dyn_db_get(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
                         void* out, vsk_value_decoder_t decoder, uint32_t flags,
                         const uint8_t* mask, uint16_t mask_len) {
+  if (db == nullptr) return BadArgument("dyn_db_get", "table");
+  if (key_encoder == nullptr || decoder == nullptr) return BadArgument("dyn_db_get", "codec");
   // The room is that of a write, but anything above 8 bytes goes to the heap.
   Encoded<kWriteKeyRoom> k;
   if (!k.Encode([&](void* buf, uint32_t room) { return key_encoder(key, buf, room); },

@@ -50,6 +50,8 @@ extern "C" {
 vsk_status_t dyn_vsk_get(DB* db, DB_TXN* txn, const void* key, vsk_key_encoder4_t key_encoder,
                          void* key_out, vsk_key_decoder_t key_decoder, void* out,
                          vsk_value_decoder_t decoder, uint32_t flags) {
+  if (db == nullptr) return vsk::store::BadArgument("dyn_vsk_get", "table");
+  if (key_encoder == nullptr) return vsk::store::BadArgument("dyn_vsk_get", "key encoder");
   Encoded<kLookupKeyRoom> k;
   if (!EncodeLookupKey(k, key, key_encoder)) return VSK_ERR_NOMEM;
   DBT skey{};
@@ -86,6 +88,7 @@ vsk_status_t dyn_vsk_get(DB* db, DB_TXN* txn, const void* key, vsk_key_encoder4_
 }
 
 vsk_status_t dyn_db_set_cursor(DBC* cursor, const void* key, uint32_t length) {
+  if (cursor == nullptr) return vsk::store::BadArgument("dyn_db_set_cursor", "cursor");
   DBT kd{};
   kd.data = const_cast<void*>(key);
   kd.size = length;
@@ -102,6 +105,10 @@ vsk_status_t dyn_db_get_cursor(DBC* cursor, const void* key, vsk_key_encoder4_t 
                                vsk_value_decoder_t decoder, void* secondary_out,
                                vsk_secondary_decoder_t secondary_decoder, uint32_t operation,
                                const uint8_t* mask, uint16_t mask_len) {
+  if (cursor == nullptr) return vsk::store::BadArgument("dyn_db_get_cursor", "cursor");
+  if (key != nullptr && key_encoder == nullptr) {
+    return vsk::store::BadArgument("dyn_db_get_cursor", "key encoder");
+  }
   Encoded<kLookupKeyRoom> k;
   DBT kd{};
   kd.flags = DB_DBT_MALLOC;

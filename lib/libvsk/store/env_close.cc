@@ -12,6 +12,7 @@
 
 #include "libvsk/orvd_ctx.h"
 #include "libvsk/store/env_internal.h"
+#include "libvsk/store/txn_registry.h"
 #include "libvsk/trace.h"
 #include "platform/lodex.h"
 #include "vsk/dyn_db.h"
@@ -92,6 +93,8 @@ int vsk_db_close(void) {
     }
   }
 
+  // Every transaction handle went with the environment (or is unusable in a panic).
+  ForgetAllTxns();
   orvd_ctx* keep = ctx->orvd_handle;
   *ctx = StoreContext{};
   ctx->orvd_handle = keep;

@@ -89,6 +89,10 @@ bool SetParameters(StoreContext* ctx, bool is_orvd, EnvSetup& setup) {
          (!is_orvd || setup.Step(env->set_thread_count(env, kThreadCount),
                                  "Failed to set thread count: %s")) &&
          setup.Step(env->set_thread_id(env, ThreadIdCallback), "Failed to set thread id: %s") &&
+         // Beyond the listed parameters: without a liveness test in every joiner the
+         // thread slots of dead processes are never reused, and after some 12,700
+         // process lifetimes no process can join until a recovery.
+         setup.Step(env->set_isalive(env, IsAliveCallback), "Failed to set is_alive: %s") &&
          setup.Step(env->set_lg_bsize(env, kLogBufferBytes), "Failed to set log buffer: %s") &&
          setup.Step(env->set_lg_regionmax(env, kLogRegionBytes), "Failed to set log region: %s") &&
          setup.Step(env->set_cachesize(env, 0, kCacheBytes, 0), "Failed to set cache size : %s") &&

@@ -3,13 +3,36 @@
 //
 // The owner of a transaction retries; these helpers never do. vsk_db_abort_txn leaves a
 // transaction alone on -11: the environment is recovering and its handles must not be
-// used.
+// used. A block that is null, or that holds a handle this process did not begin through
+// that same block (a copy, or a stale block whose transaction has ended), gets -6 and a
+// trace instead of reaching Berkeley DB.
 #include <db.h>
 
 #include "libvsk/store/context.h"
+#include "libvsk/store/txn_registry.h"
 #include "libvsk/trace.h"
 #include "vsk/orvd.h"
 #include "vsk/store.h"
+
+namespace vsk::store {
+namespace {
+
+// A block that may be ended: non-null, and holding either nothing or a live handle that
+// it began. A foreign or stale handle is dropped from the block, since no call may use it.
+bool UsableBlock(vsk_db_txn_t* ctx, const char* fn) {
+  if (ctx == nullptr) {
+    VSK_TRACE("%s: null transaction block", fn);
+    return false;
+  }
+  if (ctx->txn == nullptr || TxnOwnedBy(ctx->txn, ctx)) return true;
+  VSK_TRACE("%s: transaction %p is not open in this block (copied, or already ended)", fn,
+            static_cast<void*>(ctx->txn));
+  ctx->txn = nullptr;
+  return false;
+}
+
+}  // namespace
+}  // namespace vsk::store
 
 extern "C" {
 
@@ -37,6 +60,10 @@ vsk_status_t vsk_db_check(void) {
 
 // REQUIRES: `ctx` cleared by the caller or holding a finished transaction.
 vsk_status_t vsk_db_start_txn(vsk_db_txn_t* ctx) {
+  if (ctx == nullptr) {
+    VSK_TRACE("%s: null transaction block", "vsk_db_start_txn");
+    return VSK_ERR_INVALID_PARAM;
+  }
   vsk_status_t st = vsk_db_check();
   if (st != VSK_OK) return st;
   DB_TXN* parent = ctx->parent != nullptr ? ctx->parent->txn : nullptr;
@@ -45,14 +72,19 @@ vsk_status_t vsk_db_start_txn(vsk_db_txn_t* ctx) {
   if (ret != 0) {
     VSK_TRACE("Failed to start transaction: %s", db_strerror(ret));
     ctx->txn = nullptr;
+  } else {
+    vsk::store::RegisterTxn(ctx->txn, ctx, parent);
   }
   return get_vsk_err(ret);
 }
 
 // REQUIRES: a transaction in `ctx->txn`. The handle is gone afterwards whatever the result.
 vsk_status_t vsk_db_end_txn(vsk_db_txn_t* ctx) {
+  if (!vsk::store::UsableBlock(ctx, "vsk_db_end_txn")) return VSK_ERR_INVALID_PARAM;
   if (ctx->txn == nullptr) return VSK_OK;
-  int ret = ctx->txn->commit(ctx->txn, 0);
+  DB_TXN* txn = ctx->txn;
+  vsk::store::ForgetTxn(txn);
+  int ret = txn->commit(txn, 0);
   if (ret != 0) VSK_TRACE("Failed to end transaction: %s\n", db_strerror(ret));
   ctx->txn = nullptr;
   return get_vsk_err(ret);
@@ -60,8 +92,11 @@ vsk_status_t vsk_db_end_txn(vsk_db_txn_t* ctx) {
 
 vsk_status_t vsk_db_abort_txn(vsk_db_txn_t* ctx, vsk_status_t status) {
   if (status == VSK_ERR_RECOVERING) return VSK_ERR_RECOVERING;
+  if (!vsk::store::UsableBlock(ctx, "vsk_db_abort_txn")) return VSK_ERR_INVALID_PARAM;
   if (ctx->txn == nullptr) return VSK_OK;
-  int ret = ctx->txn->abort(ctx->txn);
+  DB_TXN* txn = ctx->txn;
+  vsk::store::ForgetTxn(txn);
+  int ret = txn->abort(txn);
   if (ret != 0) VSK_TRACE("Failed to abort transaction: %s\n", db_strerror(ret));
   ctx->txn = nullptr;
   return get_vsk_err(ret);

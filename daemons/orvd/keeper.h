@@ -1,0 +1,90 @@
+// The store's owner inside orvd: opens the library as orvd, keeps the environment healthy
+// (with the maintenance worker), repairs the interface table, and drives a recovery when
+// the store cannot go on.
+//
+// Phases and what moves between them:
+//
+//   Serving --(failchk: a process died inside the store | the worker is stuck |
+//              orvd's own store is not ready)--> Draining --(every told client has
+//              closed its link | kDrainGrace)--> Reopening --(the library opens with
+//              recovery)--> Serving;  Reopening retries every kReopenRetry.
+//
+// Starting a recovery: the status word leaves "ready" (clients stop joining), the
+// environment is panicked when a process died inside it (every other process then gets
+// DB_RUNRECOVERY at its next call instead of waiting on what the dead one held), orvd's
+// own close is told not to touch the panicked handles, every registered client is told
+// through the link (-11: leave the environment without touching it), and the worker goes
+// on expiring lock waits in the old environment for a lock timeout and a second, so that
+// processes already blocked behind the dead one get their timeout and find the panic.
+// Reopening runs the library's open as orvd, which recovers the environment (DB_RECOVER)
+// and rebuilds the shared state; clients then register again by themselves.
+//
+// Interface table: every tick, a cheap look for a dead holder of its lock; when there is
+// one, vsk_failcheck() rebuilds the table.
+//
+// Everything here runs on orvd's event loop, except the worker's calls into Berkeley DB.
+// The figures are published in "/var/run/orvd_health" (rooted), one "name value" line
+// each, rewritten every tick.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <vector>
+
+#include "maintenance.h"
+#include "platform/evlib.h"
+#include "server.h"
+#include "vsk/orvd.h"
+
+namespace orvd {
+
+inline constexpr const char kHealthFile[] = "/var/run/orvd_health";
+// How long told clients get to leave the environment before it is recovered.
+inline constexpr auto kDrainGrace = std::chrono::seconds(2);
+inline constexpr auto kReopenRetry = std::chrono::seconds(1);
+// The worker expires lock waits in a panicked environment for this long: the lock
+// timeout, and a margin.
+inline constexpr auto kOldEnvironmentWatch = std::chrono::seconds(11);
+
+class Keeper : public StoreOwner {
+ public:
+  explicit Keeper(evContext ev);
+  ~Keeper() override;
+  Keeper(const Keeper&) = delete;
+  Keeper& operator=(const Keeper&) = delete;
+
+  // Opens the library as orvd. 0 or the registration's status.
+  vsk_status_t Open();
+  // Closes the library at shutdown. A store that cannot be closed cleanly (a process died
+  // inside it, the worker is stuck) is given up without touching its handles.
+  vsk_status_t Close();
+
+  StoreHealth Health() override;
+  void OnReplicationRequest() override;
+  void OnTick(Server& server) override;
+
+ private:
+  enum class Phase { kServing, kDraining, kReopening };
+
+  void StartRecovery(Server& server, const char* why, bool died_inside);
+  void Reopen(Server& server);
+  void CheckInterfaceTable();
+  void StartMaintenance();
+  void WriteHealthFile(const Server& server) const;
+
+  evContext ev_;
+  orvd_ctx_t* handle_ = nullptr;
+  Phase phase_ = Phase::kServing;
+  Clock::time_point phase_since_{};
+  std::unique_ptr<Maintenance> maintenance_;
+  // Workers left with panicked environments, still expiring lock waits there.
+  std::vector<std::unique_ptr<Maintenance>> old_workers_;
+  MaintenanceFigures past_figures_;  // of workers that have ended
+  uint64_t recoveries_ = 0;
+  uint64_t interface_repairs_ = 0;
+  uint64_t reopen_failures_ = 0;
+  Clock::duration longest_unready_{};
+  const char* last_recovery_reason_ = "none";
+};
+
+}  // namespace orvd

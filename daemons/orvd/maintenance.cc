@@ -1,0 +1,208 @@
+// See maintenance.h.
+#include "maintenance.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+
+#include "libvsk/store/env_internal.h"
+#include "log.h"
+#include "log_retention.h"
+#include "platform/paths.h"
+
+namespace orvd {
+namespace {
+
+// The worker's number in Berkeley DB's thread table (the main thread's is 0).
+constexpr db_threadid_t kWorkerThreadNumber = 1;
+
+int64_t Ticks(Clock::time_point t) { return t.time_since_epoch().count(); }
+
+}  // namespace
+
+struct Maintenance::State {
+  DB_ENV* env;
+  bool master;
+  std::string home;
+
+  std::mutex mu;
+  std::condition_variable wake;
+  bool stop = false;
+  bool draining = false;
+  Clock::time_point drain_until{};
+
+  std::atomic<bool> recovery_needed{false};
+  std::atomic<bool> flush_requested{false};
+  std::atomic<int64_t> busy_since{0};  // Ticks() of the current call's start, 0 when idle
+  std::atomic<bool> ended{false};
+
+  std::atomic<uint64_t> failchk_runs{0};
+  std::atomic<uint64_t> lock_waits_expired{0};
+  std::atomic<uint64_t> checkpoints{0};
+  std::atomic<uint64_t> log_files_removed{0};
+  std::atomic<uint64_t> replication_flushes{0};
+
+  // Runs one call into Berkeley DB with the busy mark set around it.
+  template <typename Fn>
+  int Call(Fn&& fn) {
+    busy_since.store(Ticks(Clock::now()));
+    int ret = fn();
+    busy_since.store(0);
+    return ret;
+  }
+
+  void ExpireLockWaits() {
+    int rejected = 0;
+    int ret = Call([&] { return env->lock_detect(env, 0, DB_LOCK_EXPIRE, &rejected); });
+    if (ret != 0) {
+      Log("deadlock detector: %s", db_strerror(ret));
+    } else if (rejected > 0) {
+      lock_waits_expired += static_cast<uint64_t>(rejected);
+      Log("expired %d lock wait(s) past their timeout", rejected);
+    }
+  }
+
+  void CheckForDeadProcesses() {
+    int ret = Call([&] { return env->failchk(env, 0); });
+    ++failchk_runs;
+    if (ret == DB_RUNRECOVERY) {
+      Log("failchk: a process died inside the store; recovery is needed");
+      recovery_needed = true;
+    } else if (ret != 0 && ret != EBUSY) {
+      // EBUSY comes after a pass that did its work; the next pass is clean.
+      Log("failchk: %s", db_strerror(ret));
+    }
+  }
+
+  void Checkpoint() {
+    int ret = Call([&] { return env->txn_checkpoint(env, kCheckpointKbytes, kCheckpointMinutes, 0); });
+    if (ret != 0) {
+      Log("checkpoint: %s", db_strerror(ret));
+      return;
+    }
+    ++checkpoints;
+    log_files_removed += static_cast<uint64_t>(Call([&] { return RemoveUnneededLogs(env, home); }));
+  }
+
+  void Flush() {
+    if (!flush_requested.exchange(false)) return;
+    int ret = Call([&] { return env->rep_flush(env); });
+    if (ret != 0) {
+      Log("replication request failed: %s", db_strerror(ret));
+    } else {
+      ++replication_flushes;
+    }
+  }
+
+  // Sleeps until the next tick or a change of plan. False when the worker must end.
+  bool Wait(Clock::time_point until) {
+    std::unique_lock<std::mutex> lock(mu);
+    wake.wait_until(lock, until, [&] { return stop; });
+    return !stop;
+  }
+};
+
+Maintenance::Maintenance(DB_ENV* env, bool master) : state_(std::make_shared<State>()) {
+  state_->env = env;
+  state_->master = master;
+  state_->home = vsk::platform::RootedPath(vsk::platform::kStoreHome);
+  thread_ = std::thread(Run, state_);
+}
+
+Maintenance::~Maintenance() { Stop(kStuckLimit); }
+
+void Maintenance::Run(std::shared_ptr<State> s) {
+  vsk::store::SetThisThreadNumber(kWorkerThreadNumber);
+  Clock::time_point next_failchk = Clock::now();
+  Clock::time_point next_checkpoint = Clock::now() + kCheckpointPeriod;
+  for (;;) {
+    bool draining;
+    Clock::time_point drain_until;
+    {
+      std::lock_guard<std::mutex> lock(s->mu);
+      if (s->stop) break;
+      draining = s->draining;
+      drain_until = s->drain_until;
+    }
+    const Clock::time_point now = Clock::now();
+    if (draining) {
+      if (now >= drain_until) break;
+      s->ExpireLockWaits();
+    } else {
+      s->ExpireLockWaits();
+      if (now >= next_failchk) {
+        s->CheckForDeadProcesses();
+        next_failchk = now + kFailchkPeriod;
+      }
+      // Nothing is written into an environment that waits for its recovery.
+      if (!s->recovery_needed) {
+        s->Flush();
+        if (s->master && now >= next_checkpoint) {
+          s->Checkpoint();
+          next_checkpoint = now + kCheckpointPeriod;
+        }
+      }
+    }
+    if (!s->Wait(now + kTick)) break;
+  }
+  s->ended = true;
+}
+
+bool Maintenance::RecoveryNeeded() const { return state_->recovery_needed; }
+
+Clock::duration Maintenance::BusyFor() const {
+  int64_t since = state_->busy_since.load();
+  if (since == 0) return Clock::duration::zero();
+  return Clock::now() - Clock::time_point(Clock::duration(since));
+}
+
+void Maintenance::RequestReplicationFlush() { state_->flush_requested = true; }
+
+void Maintenance::Drain(Clock::time_point until) {
+  // The worker's handle must keep working in the panicked environment to run the
+  // deadlock detector there; nothing else is done with it.
+  state_->env->set_flags(state_->env, DB_NOPANIC, 1);
+  std::lock_guard<std::mutex> lock(state_->mu);
+  state_->draining = true;
+  state_->drain_until = until;
+  state_->wake.notify_all();
+}
+
+bool Maintenance::Finished() const { return state_->ended; }
+
+Clock::time_point Maintenance::DrainUntil() const {
+  std::lock_guard<std::mutex> lock(state_->mu);
+  return state_->drain_until;
+}
+
+bool Maintenance::Stop(Clock::duration wait) {
+  if (!thread_.joinable()) return true;
+  {
+    std::lock_guard<std::mutex> lock(state_->mu);
+    state_->stop = true;
+    state_->wake.notify_all();
+  }
+  const Clock::time_point end = Clock::now() + wait;
+  while (!state_->ended && Clock::now() < end) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  if (state_->ended) {
+    thread_.join();
+    return true;
+  }
+  Log("store maintenance is stuck inside Berkeley DB; abandoning it");
+  thread_.detach();
+  return false;
+}
+
+MaintenanceFigures Maintenance::Figures() const {
+  MaintenanceFigures f;
+  f.failchk_runs = state_->failchk_runs;
+  f.lock_waits_expired = state_->lock_waits_expired;
+  f.checkpoints = state_->checkpoints;
+  f.log_files_removed = state_->log_files_removed;
+  f.replication_flushes = state_->replication_flushes;
+  return f;
+}
+
+}  // namespace orvd
