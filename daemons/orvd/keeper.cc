@@ -2,6 +2,9 @@
 #include "keeper.h"
 
 #include <db.h>
+#include <dirent.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -62,12 +65,62 @@ bool FinalCheck(DB_ENV* env, bool master) {
   return true;
 }
 
+// Handles of environments given up in a panic. They are never closed or freed (a close
+// would write into the recovered store); the list keeps them reachable, which is what
+// they are.
+std::vector<DB_ENV*>& GivenUpEnvironments() {
+  static auto* list = new std::vector<DB_ENV*>;
+  return *list;
+}
+
+// Descriptors of this process on the store's files (its home, not the interface table's
+// directory below it). When a recovery starts, every one of them belongs to the
+// environment being given up: orvd opens nothing else there.
+std::vector<int> StoreDescriptors() {
+  const std::string home = vsk::platform::RootedPath(vsk::platform::kStoreHome);
+  const std::string shmem = vsk::platform::RootedPath(vsk::platform::kInterfaceDir);
+  std::vector<int> fds;
+  DIR* dir = opendir("/proc/self/fd");
+  if (dir == nullptr) return fds;
+  while (dirent* e = readdir(dir)) {
+    int fd = std::atoi(e->d_name);
+    if (fd <= 2 || fd == dirfd(dir)) continue;
+    char target[4096];
+    std::string link = std::string("/proc/self/fd/") + e->d_name;
+    ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
+    if (n <= 0) continue;
+    std::string path(target, static_cast<size_t>(n));
+    if (path.rfind(home, 0) == 0 && path.rfind(shmem, 0) != 0) fds.push_back(fd);
+  }
+  closedir(dir);
+  return fds;
+}
+
+// The mappings of this process of the current environment's region files ("__db.*" in
+// the store's home, not yet removed). Taken when the environment is given up; the
+// recovery removes the files, and the ranges are unmapped once nothing can touch them.
+std::vector<std::pair<uintptr_t, size_t>> RegionMappings() {
+  const std::string prefix = vsk::platform::RootedPath(vsk::platform::kStoreHome) + "__db.";
+  std::ifstream maps("/proc/self/maps");
+  std::vector<std::pair<uintptr_t, size_t>> ranges;
+  std::string line;
+  while (std::getline(maps, line)) {
+    auto slash = line.find('/');
+    if (slash == std::string::npos || line.compare(slash, prefix.size(), prefix) != 0) continue;
+    if (line.find(" (deleted)", slash) != std::string::npos) continue;  // an older one's
+    uintptr_t start = std::strtoull(line.c_str(), nullptr, 16);
+    uintptr_t end = std::strtoull(line.c_str() + line.find('-') + 1, nullptr, 16);
+    ranges.emplace_back(start, end - start);
+  }
+  return ranges;
+}
+
 }  // namespace
 
 Keeper::Keeper(evContext ev) : ev_(ev) {}
 
 Keeper::~Keeper() {
-  for (auto& w : old_workers_) w->Stop(Clock::duration::zero());
+  for (auto& old : old_envs_) old.worker->Stop(Clock::duration::zero());
 }
 
 vsk_status_t Keeper::Open() {
@@ -100,13 +153,17 @@ vsk_status_t Keeper::Close() {
     past_figures_ = maintenance_->Figures();
     maintenance_.reset();
   }
-  for (auto& w : old_workers_) w->Stop(Clock::duration::zero());
+  // Workers still watching given-up environments end with orvd.
+  for (auto& old : old_envs_) old.worker->Stop(std::chrono::milliseconds(500));
   DB_ENV* env = nullptr;
   if (clean && vsk_db_get_dbenv(&env) == 0 && env != nullptr) {
     clean = FinalCheck(env, vsk_db_rep_is_master());
   }
   // A store that cannot be closed cleanly is left as it is: the next orvd recovers it.
-  if (!clean) vsk_in_panic = true;
+  if (!clean) {
+    vsk_in_panic = true;
+    if (env != nullptr || vsk_db_get_dbenv(&env) == 0) GivenUpEnvironments().push_back(env);
+  }
   return orvd_unregister(&handle_);
 }
 
@@ -132,23 +189,7 @@ void Keeper::OnReplicationRequest() {
 
 void Keeper::OnTick(Server& server) {
   const Clock::time_point now = Clock::now();
-  // Workers of old environments go when their watch is over; one still inside Berkeley
-  // DB well after that waits on the dead process for ever and is abandoned.
-  for (auto it = old_workers_.begin(); it != old_workers_.end();) {
-    Maintenance& w = **it;
-    if (w.Finished() || now > w.DrainUntil() + kStuckLimit) {
-      w.Stop(Clock::duration::zero());
-      MaintenanceFigures f = w.Figures();
-      past_figures_.failchk_runs += f.failchk_runs;
-      past_figures_.lock_waits_expired += f.lock_waits_expired;
-      past_figures_.checkpoints += f.checkpoints;
-      past_figures_.log_files_removed += f.log_files_removed;
-      past_figures_.replication_flushes += f.replication_flushes;
-      it = old_workers_.erase(it);
-    } else {
-      ++it;
-    }
-  }
+  ReleaseOldEnvironments(now);
   switch (phase_) {
     case Phase::kServing:
       if (handle_ == nullptr) {
@@ -191,19 +232,49 @@ void Keeper::StartRecovery(Server& server, const char* why, bool died_inside) {
     int ret = env->set_flags(env, DB_PANIC_ENVIRONMENT, 1);
     if (ret != 0) Log("cannot panic the environment: %s", db_strerror(ret));
     vsk_in_panic = true;
+    // The handle is never closed: it stays referenced for the life of the process.
+    GivenUpEnvironments().push_back(env);
   }
   if (maintenance_) {
     if (died_inside) {
       maintenance_->Drain(now + kOldEnvironmentWatch);
-      old_workers_.push_back(std::move(maintenance_));
+      old_envs_.push_back({std::move(maintenance_), StoreDescriptors(), RegionMappings()});
     } else if (!maintenance_->Stop(kStuckLimit)) {
       vsk_in_panic = true;  // a stuck worker means the handles are not safe to close
-      old_workers_.push_back(std::move(maintenance_));
+      ++abandoned_workers_;
+      maintenance_.reset();
     } else {
       maintenance_.reset();
     }
   }
   server.BroadcastStoreDown(died_inside || vsk_in_panic ? VSK_ERR_RECOVERING : VSK_ERR_NOT_STARTED);
+}
+
+void Keeper::ReleaseOldEnvironments(Clock::time_point now) {
+  // A worker goes when its watch is over; one still inside Berkeley DB well after that
+  // waits on the dead process for ever and is abandoned with everything its environment
+  // holds.
+  for (auto it = old_envs_.begin(); it != old_envs_.end();) {
+    Maintenance& w = *it->worker;
+    if (!w.Finished() && now <= w.DrainUntil() + kStuckLimit) {
+      ++it;
+      continue;
+    }
+    if (w.Stop(Clock::duration::zero())) {
+      for (int fd : it->descriptors) close(fd);
+      for (auto [start, size] : it->mappings) munmap(reinterpret_cast<void*>(start), size);
+      ++released_environments_;
+    } else {
+      ++abandoned_workers_;
+    }
+    MaintenanceFigures f = w.Figures();
+    past_figures_.failchk_runs += f.failchk_runs;
+    past_figures_.lock_waits_expired += f.lock_waits_expired;
+    past_figures_.checkpoints += f.checkpoints;
+    past_figures_.log_files_removed += f.log_files_removed;
+    past_figures_.replication_flushes += f.replication_flushes;
+    it = old_envs_.erase(it);
+  }
 }
 
 void Keeper::Reopen(Server&) {
@@ -242,7 +313,7 @@ void Keeper::WriteHealthFile(const Server& server) const {
     m.replication_flushes += f.replication_flushes;
   };
   if (maintenance_) add(*maintenance_);
-  for (const auto& w : old_workers_) add(*w);
+  for (const auto& old : old_envs_) add(*old.worker);
   ServerFigures s = server.Figures();
   const std::string path = vsk::platform::RootedPath(kHealthFile);
   const std::string tmp = path + ".tmp";
@@ -262,7 +333,9 @@ void Keeper::WriteHealthFile(const Server& server) const {
         << "checkpoints " << m.checkpoints << "\n"
         << "log_files_removed " << m.log_files_removed << "\n"
         << "replication_flushes " << m.replication_flushes << "\n"
-        << "old_environments_watched " << old_workers_.size() << "\n"
+        << "old_environments_watched " << old_envs_.size() << "\n"
+        << "released_environments " << released_environments_ << "\n"
+        << "abandoned_workers " << abandoned_workers_ << "\n"
         << "connections " << s.connections << "\n"
         << "registered " << s.registered << "\n"
         << "accepted " << s.accepted << "\n"

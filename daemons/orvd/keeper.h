@@ -22,6 +22,11 @@
 // Interface table: every tick, a cheap look for a dead holder of its lock; when there is
 // one, vsk_failcheck() rebuilds the table.
 //
+// A panicked environment is never closed (a close would flush its old cache and log over
+// the recovered store): once its worker has finished, orvd closes the descriptors it had
+// on the store's files and unmaps its deleted region files, so that recoveries do not
+// use up descriptors and memory. An environment whose worker is stuck keeps them.
+//
 // Everything here runs on orvd's event loop, except the worker's calls into Berkeley DB.
 // The figures are published in "/var/run/orvd_health" (rooted), one "name value" line
 // each, rewritten every tick.
@@ -59,6 +64,9 @@ class Keeper : public StoreOwner {
   // inside it, the worker is stuck) is given up without touching its handles.
   vsk_status_t Close();
 
+  // Writes the health file now (it is also rewritten every tick).
+  void Publish(const Server& server) const { WriteHealthFile(server); }
+
   StoreHealth Health() override;
   void OnReplicationRequest() override;
   void OnTick(Server& server) override;
@@ -77,8 +85,17 @@ class Keeper : public StoreOwner {
   Phase phase_ = Phase::kServing;
   Clock::time_point phase_since_{};
   std::unique_ptr<Maintenance> maintenance_;
-  // Workers left with panicked environments, still expiring lock waits there.
-  std::vector<std::unique_ptr<Maintenance>> old_workers_;
+  // Environments given up, with their workers still expiring lock waits there, and the
+  // descriptors they hold on the store's files.
+  struct OldEnvironment {
+    std::unique_ptr<Maintenance> worker;
+    std::vector<int> descriptors;
+    std::vector<std::pair<uintptr_t, size_t>> mappings;  // of its region files
+  };
+  void ReleaseOldEnvironments(Clock::time_point now);
+  std::vector<OldEnvironment> old_envs_;
+  uint64_t abandoned_workers_ = 0;
+  uint64_t released_environments_ = 0;
   MaintenanceFigures past_figures_;  // of workers that have ended
   uint64_t recoveries_ = 0;
   uint64_t interface_repairs_ = 0;

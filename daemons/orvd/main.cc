@@ -150,6 +150,7 @@ int main(int argc, char** argv) {
     if (keeper.Open() != VSK_OK || !server.Start()) {
       exit_code = 1;
     } else {
+      keeper.Publish(server);
       Log("ready");
       if (!g_stopping) evMainLoop(g_ev);
     }

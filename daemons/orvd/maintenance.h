@@ -35,7 +35,7 @@ namespace orvd {
 using Clock = std::chrono::steady_clock;
 
 inline constexpr auto kTick = std::chrono::milliseconds(250);
-inline constexpr auto kFailchkPeriod = std::chrono::milliseconds(500);
+inline constexpr auto kFailchkPeriod = std::chrono::milliseconds(250);
 inline constexpr auto kCheckpointPeriod = std::chrono::seconds(5);
 // A call that has not returned after this long waits on a dead process.
 inline constexpr auto kStuckLimit = std::chrono::seconds(5);

@@ -100,7 +100,12 @@ bool SetParameters(StoreContext* ctx, bool is_orvd, EnvSetup& setup) {
          setup.Step(env->set_lk_max_locks(env, kMaxLocks), "Failed to set lock count : %s") &&
          setup.Step(env->set_lk_max_lockers(env, kMaxLockers), "Failed to set lockers count : %s") &&
          // Per handle: each process of the master sets its own, or its commits sync.
-         setup.Step(env->set_flags(env, DB_TXN_NOSYNC, master ? 1 : 0),
+         // Write-without-sync rather than no-write: a commit hands its log records to the
+         // file before it returns. A process that dies inside the library makes orvd
+         // recover the store from the log files, and the shared log buffer may be held by
+         // the dead process and cannot be flushed then; commits that had returned must
+         // not be in it. Still no fsync, as before.
+         setup.Step(env->set_flags(env, DB_TXN_WRITE_NOSYNC, master ? 1 : 0),
                     "Error setting DB environment flags: %s");
 }
 
