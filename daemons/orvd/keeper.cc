@@ -3,7 +3,10 @@
 
 #include <db.h>
 #include <dirent.h>
+#include <signal.h>
+#include <sys/eventfd.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -115,12 +118,64 @@ std::vector<std::pair<uintptr_t, size_t>> RegionMappings() {
   return ranges;
 }
 
+// True when process `pid` waits in a futex whose address lies in a removed region file of
+// the store: a mutex, latch or condition of an environment that has been given up.
+bool WaitsInsideGivenUpStore(pid_t pid) {
+  const std::string proc = "/proc/" + std::to_string(pid);
+  std::ifstream syscall(proc + "/syscall");
+  long number = -1;
+  std::string address;
+  if (!(syscall >> number >> address) || number != SYS_futex) return false;
+  const uintptr_t at = std::strtoull(address.c_str(), nullptr, 16);
+  const std::string prefix = vsk::platform::RootedPath(vsk::platform::kStoreHome) + "__db.";
+  std::ifstream maps(proc + "/maps");
+  for (std::string line; std::getline(maps, line);) {
+    const uintptr_t start = std::strtoull(line.c_str(), nullptr, 16);
+    const uintptr_t end = std::strtoull(line.c_str() + line.find('-') + 1, nullptr, 16);
+    if (at < start || at >= end) continue;
+    auto slash = line.find('/');
+    return slash != std::string::npos && line.compare(slash, prefix.size(), prefix) == 0 &&
+           line.find(" (deleted)", slash) != std::string::npos;
+  }
+  return false;
+}
+
 }  // namespace
 
 Keeper::Keeper(evContext ev) : ev_(ev) {}
 
 Keeper::~Keeper() {
   for (auto& old : old_envs_) old.worker->Stop(Clock::duration::zero());
+  if (check_fd_ >= 0) {
+    __evDeselectFD(ev_, check_id_);
+    close(check_fd_);
+  }
+}
+
+void Keeper::Serve(Server* server) {
+  server_ = server;
+  check_fd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+  if (check_fd_ < 0 || __evSelectFD(ev_, check_fd_, EV_READ, OnCheckDone, this, &check_id_) != 0) {
+    Log("cannot watch the store's checks: registrations are answered at the tick");
+  }
+}
+
+void Keeper::OnCheckDone(evContext, void* uap, int fd, int) {
+  uint64_t count;
+  (void)!read(fd, &count, sizeof count);
+  auto* self = static_cast<Keeper*>(uap);
+  if (self->server_ != nullptr) self->server_->AnswerPendingJoins();
+}
+
+uint64_t Keeper::RequestJoinCheck() {
+  if (!maintenance_) return 0;
+  uint64_t ticket = maintenance_->CleanChecks();
+  maintenance_->RequestCheck(check_fd_);
+  return ticket;
+}
+
+bool Keeper::JoinChecked(uint64_t ticket) {
+  return maintenance_ && maintenance_->CleanChecks() > ticket;
 }
 
 vsk_status_t Keeper::Open() {
@@ -235,10 +290,12 @@ void Keeper::StartRecovery(Server& server, const char* why, bool died_inside) {
     // The handle is never closed: it stays referenced for the life of the process.
     GivenUpEnvironments().push_back(env);
   }
+  OldEnvironment* given_up = nullptr;
   if (maintenance_) {
     if (died_inside) {
       maintenance_->Drain(now + kOldEnvironmentWatch);
-      old_envs_.push_back({std::move(maintenance_), StoreDescriptors(), RegionMappings()});
+      old_envs_.push_back({std::move(maintenance_), StoreDescriptors(), RegionMappings(), {}});
+      given_up = &old_envs_.back();
     } else if (!maintenance_->Stop(kStuckLimit)) {
       vsk_in_panic = true;  // a stuck worker means the handles are not safe to close
       ++abandoned_workers_;
@@ -247,7 +304,9 @@ void Keeper::StartRecovery(Server& server, const char* why, bool died_inside) {
       maintenance_.reset();
     }
   }
-  server.BroadcastStoreDown(died_inside || vsk_in_panic ? VSK_ERR_RECOVERING : VSK_ERR_NOT_STARTED);
+  std::vector<pid_t> told =
+      server.BroadcastStoreDown(died_inside || vsk_in_panic ? VSK_ERR_RECOVERING : VSK_ERR_NOT_STARTED);
+  if (given_up != nullptr) given_up->told = std::move(told);
 }
 
 void Keeper::ReleaseOldEnvironments(Clock::time_point now) {
@@ -256,11 +315,17 @@ void Keeper::ReleaseOldEnvironments(Clock::time_point now) {
   // holds.
   for (auto it = old_envs_.begin(); it != old_envs_.end();) {
     Maintenance& w = *it->worker;
+    // At the end of the watch, whether or not the worker could finish its looks.
+    if (now >= w.DrainUntil() && (w.Finished() || now >= w.DrainUntil() + kTick * 2)) {
+      EndBlockedProcesses(*it);
+    }
     if (!w.Finished() && now <= w.DrainUntil() + kStuckLimit) {
       ++it;
       continue;
     }
-    if (w.Stop(Clock::duration::zero())) {
+    const bool stopped = w.Stop(Clock::duration::zero());
+    EndBlockedProcesses(*it);
+    if (stopped) {
       for (int fd : it->descriptors) close(fd);
       for (auto [start, size] : it->mappings) munmap(reinterpret_cast<void*>(start), size);
       ++released_environments_;
@@ -274,6 +339,23 @@ void Keeper::ReleaseOldEnvironments(Clock::time_point now) {
     past_figures_.log_files_removed += f.log_files_removed;
     past_figures_.replication_flushes += f.replication_flushes;
     it = old_envs_.erase(it);
+  }
+}
+
+void Keeper::EndBlockedProcesses(OldEnvironment& old) {
+  if (old.blocked_ended) return;
+  old.blocked_ended = true;
+  std::vector<pid_t> blocked = old.worker->BlockedProcesses();
+  for (pid_t pid : old.told) {
+    if (WaitsInsideGivenUpStore(pid)) blocked.push_back(pid);
+  }
+  std::sort(blocked.begin(), blocked.end());
+  blocked.erase(std::unique(blocked.begin(), blocked.end()), blocked.end());
+  for (pid_t pid : blocked) {
+    if (pid <= 0 || pid == getpid() || kill(pid, 0) != 0) continue;
+    Log("pid %d is blocked for good inside the given-up store; ending it", static_cast<int>(pid));
+    kill(pid, SIGKILL);
+    ++blocked_ended_;
   }
 }
 
@@ -322,6 +404,8 @@ void Keeper::WriteHealthFile(const Server& server) const {
     if (!out) return;
     out << "pid " << getpid() << "\n"
         << "phase " << PhaseName(static_cast<int>(phase_)) << "\n"
+        << "status_word " << (vsk_db_status != nullptr ? static_cast<long>(*vsk_db_status) : -1)
+        << "\n"
         << "recoveries " << recoveries_ << "\n"
         << "last_recovery_reason " << last_recovery_reason_ << "\n"
         << "longest_unready_ms "
@@ -336,6 +420,7 @@ void Keeper::WriteHealthFile(const Server& server) const {
         << "old_environments_watched " << old_envs_.size() << "\n"
         << "released_environments " << released_environments_ << "\n"
         << "abandoned_workers " << abandoned_workers_ << "\n"
+        << "blocked_processes_ended " << blocked_ended_ << "\n"
         << "connections " << s.connections << "\n"
         << "registered " << s.registered << "\n"
         << "accepted " << s.accepted << "\n"

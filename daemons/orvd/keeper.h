@@ -22,6 +22,13 @@
 // Interface table: every tick, a cheap look for a dead holder of its lock; when there is
 // one, vsk_failcheck() rebuilds the table.
 //
+// A process that at the end of the watch is still inside the given-up environment (its
+// worker looks twice, a second apart, at Berkeley DB's table of threads), or that still
+// waits on a futex inside one of its removed region files (a client told of the recovery,
+// checked in /proc), waits on what the dead process held: Berkeley DB never wakes it, and
+// it would hang for ever. orvd ends it (SIGKILL, logged and counted) so that its
+// supervisor starts it again.
+//
 // A panicked environment is never closed (a close would flush its old cache and log over
 // the recovered store): once its worker has finished, orvd closes the descriptors it had
 // on the store's files and unmaps its deleted region files, so that recoveries do not
@@ -44,8 +51,10 @@
 namespace orvd {
 
 inline constexpr const char kHealthFile[] = "/var/run/orvd_health";
-// How long told clients get to leave the environment before it is recovered.
-inline constexpr auto kDrainGrace = std::chrono::seconds(2);
+// How long told clients get to leave the environment before it is recovered: enough for
+// a call in progress that is not blocked to end (they take microseconds); a blocked one
+// never ends, and one that is idle does not touch the environment.
+inline constexpr auto kDrainGrace = std::chrono::milliseconds(500);
 inline constexpr auto kReopenRetry = std::chrono::seconds(1);
 // The worker expires lock waits in a panicked environment for this long: the lock
 // timeout, and a margin.
@@ -58,6 +67,8 @@ class Keeper : public StoreOwner {
   Keeper(const Keeper&) = delete;
   Keeper& operator=(const Keeper&) = delete;
 
+  // The server whose registrations wait for checks of the store.
+  void Serve(Server* server);
   // Opens the library as orvd. 0 or the registration's status.
   vsk_status_t Open();
   // Closes the library at shutdown. A store that cannot be closed cleanly (a process died
@@ -70,6 +81,8 @@ class Keeper : public StoreOwner {
   StoreHealth Health() override;
   void OnReplicationRequest() override;
   void OnTick(Server& server) override;
+  uint64_t RequestJoinCheck() override;
+  bool JoinChecked(uint64_t ticket) override;
 
  private:
   enum class Phase { kServing, kDraining, kReopening };
@@ -80,7 +93,12 @@ class Keeper : public StoreOwner {
   void StartMaintenance();
   void WriteHealthFile(const Server& server) const;
 
+  static void OnCheckDone(evContext ctx, void* uap, int fd, int mask);
+
   evContext ev_;
+  Server* server_ = nullptr;
+  int check_fd_ = -1;  // eventfd the worker writes when a requested check has ended
+  evFileID check_id_{};
   orvd_ctx_t* handle_ = nullptr;
   Phase phase_ = Phase::kServing;
   Clock::time_point phase_since_{};
@@ -91,11 +109,15 @@ class Keeper : public StoreOwner {
     std::unique_ptr<Maintenance> worker;
     std::vector<int> descriptors;
     std::vector<std::pair<uintptr_t, size_t>> mappings;  // of its region files
+    std::vector<pid_t> told;  // clients told of the recovery
+    bool blocked_ended = false;
   };
+  void EndBlockedProcesses(OldEnvironment& old);
   void ReleaseOldEnvironments(Clock::time_point now);
   std::vector<OldEnvironment> old_envs_;
   uint64_t abandoned_workers_ = 0;
   uint64_t released_environments_ = 0;
+  uint64_t blocked_ended_ = 0;
   MaintenanceFigures past_figures_;  // of workers that have ended
   uint64_t recoveries_ = 0;
   uint64_t interface_repairs_ = 0;

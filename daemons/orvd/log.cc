@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <ctime>
 #include <cstdio>
 #include <mutex>
 #include <unordered_map>
@@ -55,11 +56,18 @@ void VLog(const char* format, va_list args) {
   char line[1024];
   std::vsnprintf(line, sizeof line, format, args);
   if (g_stderr) {
+    // Wall-clock time to the millisecond: syslog stamps its lines, standard error does not.
+    timespec ts{};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    tm local{};
+    localtime_r(&ts.tv_sec, &local);
+    char when[16];
+    std::strftime(when, sizeof when, "%H:%M:%S", &local);
     if (suppressed > 0) {
-      std::fprintf(stderr, "orvd[%d]: %s (%ld more like it left out)\n", getpid(), line,
-                   suppressed);
+      std::fprintf(stderr, "%s.%03ld orvd[%d]: %s (%ld more like it left out)\n", when,
+                   ts.tv_nsec / 1000000, getpid(), line, suppressed);
     } else {
-      std::fprintf(stderr, "orvd[%d]: %s\n", getpid(), line);
+      std::fprintf(stderr, "%s.%03ld orvd[%d]: %s\n", when, ts.tv_nsec / 1000000, getpid(), line);
     }
   } else if (suppressed > 0) {
     syslog(LOG_INFO, "%s (%ld more like it left out)", line, suppressed);

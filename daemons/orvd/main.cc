@@ -145,6 +145,7 @@ int main(int argc, char** argv) {
   {
     Keeper keeper(g_ev);
     Server server(g_ev, &keeper);
+    keeper.Serve(&server);
     // A stale socket goes before the store opens: no client reaches a dead orvd's file.
     unlink(vsk::platform::RootedPath(vsk::platform::kOrvdSocket).c_str());
     if (keeper.Open() != VSK_OK || !server.Start()) {

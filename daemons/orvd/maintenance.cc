@@ -1,8 +1,14 @@
 // See maintenance.h.
 #include "maintenance.h"
 
+#include <unistd.h>
+
+#include <algorithm>
 #include <condition_variable>
+#include <cstdlib>
+#include <cstring>
 #include <mutex>
+#include <set>
 #include <string>
 
 #include "libvsk/store/env_internal.h"
@@ -18,6 +24,18 @@ constexpr db_threadid_t kWorkerThreadNumber = 1;
 
 int64_t Ticks(Clock::time_point t) { return t.time_since_epoch().count(); }
 
+// Where Berkeley DB's statistics text goes while the worker reads its thread table.
+thread_local std::set<pid_t>* t_inside = nullptr;
+
+// Keeps the pids of lines "process/thread PID/TID: active" (or blocked).
+void CollectThreadLine(const DB_ENV*, const char* line) {
+  if (t_inside == nullptr) return;
+  const char* at = std::strstr(line, "process/thread ");
+  if (at == nullptr) return;
+  if (std::strstr(at, ": active") == nullptr && std::strstr(at, ": blocked") == nullptr) return;
+  t_inside->insert(static_cast<pid_t>(std::atol(at + std::strlen("process/thread "))));
+}
+
 }  // namespace
 
 struct Maintenance::State {
@@ -32,6 +50,11 @@ struct Maintenance::State {
   Clock::time_point drain_until{};
 
   std::atomic<bool> recovery_needed{false};
+  std::atomic<uint64_t> clean_checks{0};
+  int notify_fd = -1;              // guarded by mu
+  bool check_requested = false;    // guarded by mu
+  std::vector<pid_t> blocked;      // written by the worker before `ended`
+  std::set<pid_t> first_look;
   std::atomic<bool> flush_requested{false};
   std::atomic<int64_t> busy_since{0};  // Ticks() of the current call's start, 0 when idle
   std::atomic<bool> ended{false};
@@ -65,6 +88,7 @@ struct Maintenance::State {
   void CheckForDeadProcesses() {
     int ret = Call([&] { return env->failchk(env, 0); });
     ++failchk_runs;
+    if (ret == 0 || ret == EBUSY) ++clean_checks;
     if (ret == DB_RUNRECOVERY) {
       Log("failchk: a process died inside the store; recovery is needed");
       recovery_needed = true;
@@ -94,10 +118,52 @@ struct Maintenance::State {
     }
   }
 
+  // In a panicked environment every live transaction is lost anyway: its lock waits are
+  // timed out now rather than at the lock timeout, so that processes waiting on the dead
+  // one's locks come back at the next detector run (a quarter of a second) instead of ten
+  // seconds later. Waits of lockers without a transaction keep their timeout.
+  void TimeOutLiveTransactions() {
+    DB_TXN_STAT* stat = nullptr;
+    if (Call([&] { return env->txn_stat(env, &stat, 0); }) != 0 || stat == nullptr) return;
+    int timed_out = 0;
+    for (uint32_t i = 0; i < stat->st_nactive; ++i) {
+      const DB_TXN_ACTIVE& t = stat->st_txnarray[i];
+      if (t.pid == getpid()) continue;
+      DB_LOCKREQ req{};
+      req.op = DB_LOCK_TIMEOUT;
+      if (Call([&] { return env->lock_vec(env, t.txnid, 0, &req, 1, nullptr); }) == 0) ++timed_out;
+    }
+    std::free(stat);
+    if (timed_out > 0) Log("timed out the lock waits of %d transaction(s) of the given-up store", timed_out);
+  }
+
+  // Processes inside the library now, from Berkeley DB's statistics text.
+  std::set<pid_t> Inside() {
+    std::set<pid_t> inside;
+    t_inside = &inside;
+    env->set_msgcall(env, CollectThreadLine);
+    Call([&] { return env->stat_print(env, DB_STAT_ALL); });
+    t_inside = nullptr;
+    inside.erase(getpid());
+    return inside;
+  }
+
+  // Tells the one who asked for a check that it is done.
+  void Notify() {
+    int fd;
+    {
+      std::lock_guard<std::mutex> lock(mu);
+      fd = notify_fd;
+      notify_fd = -1;
+    }
+    uint64_t one = 1;
+    if (fd >= 0) (void)!write(fd, &one, sizeof one);
+  }
+
   // Sleeps until the next tick or a change of plan. False when the worker must end.
   bool Wait(Clock::time_point until) {
     std::unique_lock<std::mutex> lock(mu);
-    wake.wait_until(lock, until, [&] { return stop; });
+    wake.wait_until(lock, until, [&] { return stop || check_requested; });
     return !stop;
   }
 };
@@ -115,6 +181,7 @@ void Maintenance::Run(std::shared_ptr<State> s) {
   vsk::store::SetThisThreadNumber(kWorkerThreadNumber);
   Clock::time_point next_failchk = Clock::now();
   Clock::time_point next_checkpoint = Clock::now() + kCheckpointPeriod;
+  bool timed_out_transactions = false;
   for (;;) {
     bool draining;
     Clock::time_point drain_until;
@@ -125,15 +192,38 @@ void Maintenance::Run(std::shared_ptr<State> s) {
       drain_until = s->drain_until;
     }
     const Clock::time_point now = Clock::now();
+    bool asked;
+    {
+      std::lock_guard<std::mutex> lock(s->mu);
+      asked = s->check_requested;
+      s->check_requested = false;
+    }
     if (draining) {
-      if (now >= drain_until) break;
+      if (!timed_out_transactions) {
+        s->TimeOutLiveTransactions();
+        timed_out_transactions = true;
+      }
+      if (now >= drain_until) {
+        // Blocked for good: inside the library at both looks, a second apart.
+        std::set<pid_t> second_look = s->Inside();
+        for (pid_t pid : s->first_look) {
+          if (second_look.count(pid) != 0) s->blocked.push_back(pid);
+        }
+        break;
+      }
+      if (s->first_look.empty() && now >= drain_until - std::chrono::seconds(1)) {
+        s->first_look = s->Inside();
+        s->first_look.insert(0);  // marks the first look as taken
+      }
       s->ExpireLockWaits();
+      s->Notify();  // nobody joins a drained environment: just release the asker
     } else {
-      s->ExpireLockWaits();
-      if (now >= next_failchk) {
+      if (asked || now >= next_failchk) {
         s->CheckForDeadProcesses();
         next_failchk = now + kFailchkPeriod;
+        s->Notify();
       }
+      s->ExpireLockWaits();
       // Nothing is written into an environment that waits for its recovery.
       if (!s->recovery_needed) {
         s->Flush();
@@ -157,6 +247,20 @@ Clock::duration Maintenance::BusyFor() const {
 }
 
 void Maintenance::RequestReplicationFlush() { state_->flush_requested = true; }
+
+void Maintenance::RequestCheck(int notify_fd) {
+  std::lock_guard<std::mutex> lock(state_->mu);
+  state_->notify_fd = notify_fd;
+  state_->check_requested = true;
+  state_->wake.notify_all();
+}
+
+uint64_t Maintenance::CleanChecks() const { return state_->clean_checks; }
+
+std::vector<pid_t> Maintenance::BlockedProcesses() const {
+  if (!state_->ended) return {};
+  return state_->blocked;
+}
 
 void Maintenance::Drain(Clock::time_point until) {
   // The worker's handle must keep working in the panicked environment to run the

@@ -14,10 +14,18 @@
 // worker: orvd's loop sees it busy for longer than kStuckLimit and starts a recovery,
 // and the stalled thread is abandoned with the old environment.
 //
+// On demand (RequestCheck) the worker runs failchk at once and then writes to the
+// caller's eventfd: orvd answers a registration only after a check that began after the
+// registration arrived, so that a new process does not join an environment in which a
+// process has just died holding what the joiner would wait on.
+//
 // Lifecycle: Running --(Drain)--> Draining: the environment has been panicked; the worker
 // ignores the panic on its own handle and only expires lock waits, so that processes
 // blocked behind the dead one get their timeout, until the drain ends, then stops by
-// itself. Stop() ends it from any state, waiting a bounded time.
+// itself. In the drain's last second it looks twice at Berkeley DB's table of threads:
+// a process still inside the library then, with every call of the panicked environment
+// failing at its entry, waits on a mutex or a page of the dead process and never comes
+// back (BlockedProcesses). Stop() ends the worker from any state, waiting a bounded time.
 //
 // The worker takes its own thread number in Berkeley DB's thread table: pinned pages are
 // tracked per thread slot, and orvd's main thread uses slot 0.
@@ -29,6 +37,7 @@
 #include <chrono>
 #include <memory>
 #include <thread>
+#include <vector>
 
 namespace orvd {
 
@@ -36,7 +45,7 @@ using Clock = std::chrono::steady_clock;
 
 inline constexpr auto kTick = std::chrono::milliseconds(250);
 inline constexpr auto kFailchkPeriod = std::chrono::milliseconds(250);
-inline constexpr auto kCheckpointPeriod = std::chrono::seconds(5);
+inline constexpr auto kCheckpointPeriod = std::chrono::seconds(1);
 // A call that has not returned after this long waits on a dead process.
 inline constexpr auto kStuckLimit = std::chrono::seconds(5);
 // Berkeley DB's own thresholds: a checkpoint is written when this much log has been
@@ -69,6 +78,13 @@ class Maintenance {
   Clock::duration BusyFor() const;
   // The next cycle re-sends the newest log record (a standby asked to catch up).
   void RequestReplicationFlush();
+  // Runs failchk now; `notify_fd` (an eventfd) is written when it is done.
+  void RequestCheck(int notify_fd);
+  // Clean failchk passes so far (one that found a death inside the store is not counted).
+  uint64_t CleanChecks() const;
+  // After a drain: processes that were inside the panicked environment at both of the
+  // drain's last looks.
+  std::vector<pid_t> BlockedProcesses() const;
   // The environment has been panicked: from now on only lock waits are expired, until
   // `until`, and then the worker ends by itself.
   void Drain(Clock::time_point until);

@@ -294,6 +294,38 @@ void Server::HandleRegister(Connection* conn, const uint8_t* raw) {
     SendAck(conn, false, health.status, 0);
     return;
   }
+  pending_.erase(std::remove_if(pending_.begin(), pending_.end(),
+                                [conn](const PendingJoin& p) { return p.conn == conn; }),
+                 pending_.end());
+  pending_.push_back({conn, std::vector<uint8_t>(raw, raw + sizeof msg), owner_->RequestJoinCheck(),
+                      Clock::now()});
+}
+
+void Server::AnswerPendingJoins() {
+  const Clock::time_point now = Clock::now();
+  std::vector<PendingJoin> waiting;
+  waiting.swap(pending_);
+  for (PendingJoin& p : waiting) {
+    if (!Alive(p.conn)) continue;
+    StoreHealth health = owner_->Health();
+    if (health.ready && owner_->JoinChecked(p.ticket)) {
+      CompleteRegister(p.conn, p.msg.data());
+    } else if (!health.ready || now - p.since > kJoinCheckLimit) {
+      const int32_t status = health.ready ? VSK_ERR_NOT_STARTED : health.status;
+      Log("refused a registration (pid %d): the store could not be checked (%d)",
+          static_cast<int>(p.conn->peer_pid), status);
+      ++figures_.refused;
+      SendAck(p.conn, false, status, 0);
+    } else {
+      pending_.push_back(std::move(p));
+    }
+  }
+}
+
+void Server::CompleteRegister(Connection* conn, const uint8_t* raw) {
+  RegisterMsg msg;
+  std::memcpy(&msg, raw, sizeof msg);
+  const std::string name = CleanName(msg.program, sizeof msg.program);
   auto known = remembered_.find(name);
   uint32_t issu = msg.issu_info.state;
   if (known != remembered_.end() && msg.issu_enabled) issu = known->second;
@@ -346,20 +378,23 @@ bool Server::SendAck(Connection* conn, bool accepted, int32_t error, uint32_t da
   return false;
 }
 
-void Server::BroadcastStoreDown(int32_t status) {
+std::vector<pid_t> Server::BroadcastStoreDown(int32_t status) {
   std::vector<Connection*> registered;
   for (const auto& c : conns_) {
     if (c->registered) registered.push_back(c.get());
   }
   const Clock::time_point now = Clock::now();
+  std::vector<pid_t> told;
   for (Connection* c : registered) {
     Log("telling %s (pid %d) that the store is down (%d)", c->name.c_str(), c->pid, status);
     c->registered = false;
     c->told_down = true;
     c->last_input = now;  // the grace to close runs from here
+    told.push_back(c->peer_pid);
     SendAck(c, false, status, 0);
   }
   TableChanged();
+  return told;
 }
 
 size_t Server::ToldStillOpen() const {
@@ -375,6 +410,9 @@ void Server::Drop(Connection* conn, const char* why) {
       static_cast<int>(conn->peer_pid), why);
   __evDeselectFD(ev_, conn->id);
   close(conn->fd);
+  pending_.erase(std::remove_if(pending_.begin(), pending_.end(),
+                                [conn](const PendingJoin& p) { return p.conn == conn; }),
+                 pending_.end());
   const bool had_row = conn->has_row;
   conns_.erase(it);
   ++figures_.dropped;
@@ -386,6 +424,7 @@ void Server::Drop(Connection* conn, const char* why) {
 }
 
 void Server::Housekeeping() {
+  AnswerPendingJoins();
   const Clock::time_point now = Clock::now();
   std::vector<std::pair<Connection*, const char*>> late;
   for (const auto& c : conns_) {

@@ -12,9 +12,11 @@
 //  3. a connection that has not completed a registration kRegisterTimeout after
 //     connecting is dropped, whatever it sent; one that stops in the middle of a message
 //     for kPartialTimeout is dropped; one that sends an unknown type is dropped at once;
-//  4. a registration is accepted only while the store is ready, and only from the process
-//     that made the connection (its pid must be the peer's, SO_PEERCRED); each gets a full
-//     ORVD_MSG_REGISTER_ACK;
+//  4. a registration is accepted only while the store is ready, only from the process that
+//     made the connection (its pid must be the peer's, SO_PEERCRED), and only after a check
+//     of the store that began after it arrived (StoreOwner::RequestJoinCheck): a process
+//     must not join an environment in which another has just died holding what the
+//     joiner would wait on. Each gets a full ORVD_MSG_REGISTER_ACK;
 //  5. a connection touches only its own row: registering, leaving, recovery complete, ISSU
 //     state and replication requests all apply to the connection they came on;
 //  6. when the store goes down every registered client gets a negative acknowledgement
@@ -46,6 +48,8 @@ inline constexpr size_t kMaxConnections = 256;
 inline constexpr size_t kMaxConnectionsPerPeer = 4;
 inline constexpr auto kRegisterTimeout = std::chrono::seconds(3);
 inline constexpr auto kPartialTimeout = std::chrono::seconds(2);
+// A registration whose check does not end this long after it arrived is refused.
+inline constexpr auto kJoinCheckLimit = std::chrono::seconds(2);
 inline constexpr auto kAcceptBackoffFirst = std::chrono::milliseconds(50);
 inline constexpr auto kAcceptBackoffMax = std::chrono::seconds(2);
 inline constexpr wtimer_interval_t kHousekeepingTick = {0, 250u * 1000u * 1000u};
@@ -91,6 +95,10 @@ class StoreOwner {
   virtual void OnReplicationRequest() = 0;
   // The housekeeping tick, after the server's own.
   virtual void OnTick(Server& server) = 0;
+  // Starts a check of the store for a join; the ticket to pass to JoinChecked.
+  virtual uint64_t RequestJoinCheck() = 0;
+  // True when a clean check has ended since `ticket` was handed out.
+  virtual bool JoinChecked(uint64_t ticket) = 0;
 };
 
 // Counts for orvd's health file.
@@ -117,13 +125,24 @@ class Server {
   void Stop();
 
   // Tells every registered client that the store is gone (negative acknowledgement).
-  void BroadcastStoreDown(int32_t status);
+  // The process ids told.
+  std::vector<pid_t> BroadcastStoreDown(int32_t status);
   // Connections told by BroadcastStoreDown that are still open.
   size_t ToldStillOpen() const;
+
+  // Answers the registrations waiting for their check (called when a check ends, and
+  // every tick).
+  void AnswerPendingJoins();
 
   ServerFigures Figures() const;
 
  private:
+  struct PendingJoin {
+    Connection* conn;
+    std::vector<uint8_t> msg;
+    uint64_t ticket;
+    Clock::time_point since;
+  };
   static void OnAccept(evContext ctx, void* uap, int fd, int mask);
   static void OnReadable(evContext ctx, void* uap, int fd, int mask);
   static void OnTick(wtimer_leaf_t* leaf, void* arg);
@@ -138,6 +157,8 @@ class Server {
   // was dropped.
   bool Dispatch(Connection* conn);
   void HandleRegister(Connection* conn, const uint8_t* msg);
+  // A registration whose check has ended: accepted if the store is (still) ready.
+  void CompleteRegister(Connection* conn, const uint8_t* msg);
   void HandleIssuState(Connection* conn, const uint8_t* msg);
   bool SendAck(Connection* conn, bool accepted, int32_t error, uint32_t daemon_issu);
   void Drop(Connection* conn, const char* why);
@@ -161,6 +182,7 @@ class Server {
   wtimer_leaf_t* table_timer_ = nullptr;
   wtimer_leaf_t* accept_timer_ = nullptr;
   std::vector<std::unique_ptr<Connection>> conns_;
+  std::vector<PendingJoin> pending_;
   // ISSU state by daemon name, for the acknowledgement of a daemon that comes back;
   // oldest first in remembered_order_.
   std::map<std::string, uint32_t> remembered_;

@@ -130,7 +130,11 @@ int dyn_db_sec_open(DB** out, DB_ENV* env, const char* name, DB* primary,
 
 int dyn_db_close(DB* db) {
   if (db == nullptr) return 0;
-  return db->close(db, 0);
+  // Without flushing the table's pages: every table lives in a transactional environment,
+  // whose log already holds each committed change and whose owner checkpoints. A flush
+  // waits for every page of the file, and one held by a process that died inside the
+  // library is never given back: the close would never return.
+  return db->close(db, DB_NOSYNC);
 }
 
 vsk_status_t dyn_db_exists(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
