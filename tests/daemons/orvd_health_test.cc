@@ -463,7 +463,8 @@ TEST_F(OrvdHealthTest, PublishedTableHasOneCleanRowPerConnection) {
 Child::Channel* g_blocking_channel = nullptr;
 
 // A comparison that never returns once armed: the process then sits inside Berkeley DB
-// with a page latched and locked, where a SIGKILL leaves them to nobody.
+// with a page of the store's file pinned, latched and locked, where a SIGKILL leaves them
+// to nobody.
 int BlockingCompare(DB*, const DBT* a, const DBT* b) {
   if (g_blocking_channel != nullptr) {
     g_blocking_channel->Ready();
@@ -473,9 +474,10 @@ int BlockingCompare(DB*, const DBT* a, const DBT* b) {
   return n != 0 ? n : static_cast<int>(a->size) - static_cast<int>(b->size);
 }
 
-// orvd told to stop right after a process died inside the store (before any check could
-// see it): it ends within its bound and without closing what it cannot close cleanly; the
-// next orvd recovers the store with every committed row.
+// A process dies inside the store holding one of its pages: a client that leaves right
+// after, and orvd told to stop, both end (the close of a table does not wait for that
+// page; orvd does not close what it cannot close cleanly); the next orvd recovers the
+// store with every committed row.
 TEST_F(OrvdHealthTest, ShutdownEndsWithAProcessDeadInsideTheStore) {
   ASSERT_TRUE(orvd_.Start());
   ASSERT_TRUE(RunInChild([] {
@@ -490,22 +492,40 @@ TEST_F(OrvdHealthTest, ShutdownEndsWithAProcessDeadInsideTheStore) {
     vsk_db_get_dbenv(&env);
     DB* db = nullptr;
     if (db_create(&db, env, 0) != 0 || db->set_bt_compare(db, BlockingCompare) != 0 ||
-        db->open(db, nullptr, "blocker.db", nullptr, DB_BTREE,
+        db->open(db, nullptr, "vsk.db", "blocker", DB_BTREE,
                  DB_CREATE | DB_AUTO_COMMIT | DB_THREAD, 0) != 0) {
       return 2;
     }
+    // The second put of one transaction finds the page the first made dirty.
+    DB_TXN* txn = nullptr;
+    if (env->txn_begin(env, nullptr, &txn, 0) != 0) return 3;
     for (uint32_t k : {1u, 2u}) {
       if (k == 2) g_blocking_channel = &ch;
       DBT key{}, value{};
       key.data = value.data = &k;
       key.size = value.size = sizeof k;
-      db->put(db, nullptr, &key, &value, 0);
+      db->put(db, txn, &key, &value, 0);
     }
-    return 3;
+    return 4;
   });
   ASSERT_TRUE(victim.WaitReady());
+  // A client that wrote (its handle has pages to flush) leaves while the dead one's page
+  // is still pinned, before orvd can have looked.
+  Child leaver;
+  leaver.Start([](Child::Channel& ch) {
+    orvd_ctx_t* ctx = nullptr;
+    if (JoinAsClient(&ctx) != 0 || PutRows(100, 1) != 0) return 1;
+    ch.Ready();
+    ch.WaitGo();
+    orvd_unregister(&ctx);
+    return 0;
+  });
+  ASSERT_TRUE(leaver.WaitReady());
   victim.Kill();
   victim.Wait();
+  leaver.Go();
+  ChildResult left = leaver.Wait(std::chrono::seconds(30));
+  EXPECT_FALSE(left.timed_out) << "the close of a client did not return";
   kill(orvd_.pid(), SIGTERM);
   int code = orvd_.WaitExit(std::chrono::seconds(30));
   EXPECT_NE(code, -2) << "orvd did not end";
