@@ -6,6 +6,7 @@
 // used.
 #include <db.h>
 
+#include "libvsk/base/fault.h"
 #include "libvsk/store/context.h"
 #include "libvsk/trace.h"
 #include "vsk/orvd.h"
@@ -41,7 +42,10 @@ vsk_status_t vsk_db_start_txn(vsk_db_txn_t* ctx) {
   if (st != VSK_OK) return st;
   DB_TXN* parent = ctx->parent != nullptr ? ctx->parent->txn : nullptr;
   DB_ENV* env = vsk::store::Context()->dbenv;
-  int ret = env->txn_begin(env, parent, &ctx->txn, 0);
+  int ret;
+  if (!vsk::fault::Inject(vsk::fault::Kind::kTxnBegin, &ret)) {
+    ret = env->txn_begin(env, parent, &ctx->txn, 0);
+  }
   if (ret != 0) {
     VSK_TRACE("Failed to start transaction: %s", db_strerror(ret));
     ctx->txn = nullptr;
@@ -52,7 +56,12 @@ vsk_status_t vsk_db_start_txn(vsk_db_txn_t* ctx) {
 // REQUIRES: a transaction in `ctx->txn`. The handle is gone afterwards whatever the result.
 vsk_status_t vsk_db_end_txn(vsk_db_txn_t* ctx) {
   if (ctx->txn == nullptr) return VSK_OK;
-  int ret = ctx->txn->commit(ctx->txn, 0);
+  int ret;
+  if (vsk::fault::Inject(vsk::fault::Kind::kTxnCommit, &ret)) {
+    ctx->txn->abort(ctx->txn);  // a failed commit has aborted, as Berkeley DB's does
+  } else {
+    ret = ctx->txn->commit(ctx->txn, 0);
+  }
   if (ret != 0) VSK_TRACE("Failed to end transaction: %s\n", db_strerror(ret));
   ctx->txn = nullptr;
   return get_vsk_err(ret);
