@@ -4,7 +4,9 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <dirent.h>
 #include <sys/ipc.h>
+#include <sys/prctl.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -152,11 +154,20 @@ ChildResult WaitFor(pid_t pid, std::chrono::milliseconds timeout) {
 
 }  // namespace
 
+void DieWithParent(pid_t parent) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(99);  // the parent died before the request took effect
+}
+
 ChildResult RunInChild(const std::function<int()>& fn, std::chrono::milliseconds timeout) {
+  const pid_t parent = getpid();
   std::fflush(nullptr);
   pid_t pid = fork();
   if (pid < 0) return {};
-  if (pid == 0) ExitChild(fn());
+  if (pid == 0) {
+    DieWithParent(parent);
+    ExitChild(fn());
+  }
   return WaitFor(pid, timeout);
 }
 
@@ -187,9 +198,11 @@ Child::~Child() {
 void Child::Start(const std::function<int(Channel&)>& fn) {
   int up[2], down[2];
   if (pipe(up) != 0 || pipe(down) != 0) return;
+  const pid_t parent = getpid();
   std::fflush(nullptr);
   pid_ = fork();
   if (pid_ == 0) {
+    DieWithParent(parent);
     close(up[0]);
     close(down[1]);
     Channel ch;
@@ -238,6 +251,162 @@ int RemoveSysvObjectsFor(const std::vector<std::string>& key_files) {
   return removed;
 }
 
+// ---- roots that outlive their test process --------------------------------------------
+
+namespace {
+
+constexpr char kOwnerFile[] = "/.owner";
+
+// The start time of `pid` in clock ticks since boot (field 22 of /proc/<pid>/stat), or 0.
+unsigned long long StartTimeOf(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  size_t close = stat.rfind(')');  // the command name may hold spaces
+  if (close == std::string::npos) return 0;
+  std::istringstream fields(stat.substr(close + 2));
+  std::string field;
+  for (int i = 3; i < 22 && fields >> field; ++i) {
+  }
+  unsigned long long start = 0;
+  fields >> start;
+  return start;
+}
+
+bool OwnerAlive(const std::string& root) {
+  std::ifstream in(root + kOwnerFile);
+  long long pid = 0;
+  unsigned long long start = 0;
+  if (!(in >> pid >> start) || pid <= 0) return false;
+  return StartTimeOf(static_cast<pid_t>(pid)) == start;
+}
+
+// What the fatal-signal and exit paths of a test process need, prepared in SetUp: no
+// allocation happens on those paths.
+struct DyingCleanup {
+  pid_t owner = 0;  // 0 while no root is live
+  char root[128] = "";
+  char key_files[2][192] = {"", ""};
+  struct sigaction previous[NSIG];
+};
+DyingCleanup g_dying;
+constexpr int kFatalSignals[] = {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTERM, SIGINT};
+
+// Removes the System V objects of `kind` whose key ftok() derived from a key file of the
+// live root. Only system calls and stack memory: safe in a signal handler.
+void RemoveKeyedObjects(bool semaphores) {
+  long signatures[2];
+  int n = 0;
+  for (const char* file : g_dying.key_files) {
+    struct stat st {};
+    if (file[0] != '\0' && stat(file, &st) == 0) {
+      signatures[n++] = static_cast<long>((st.st_ino & 0xffff) | ((st.st_dev & 0xff) << 16));
+    }
+  }
+  if (n == 0) return;
+  int fd = open(semaphores ? "/proc/sysvipc/sem" : "/proc/sysvipc/shm", O_RDONLY);
+  if (fd < 0) return;
+  char buf[4096];
+  char line[512];
+  size_t len = 0;
+  bool header = true;
+  ssize_t got;
+  while ((got = read(fd, buf, sizeof buf)) > 0) {
+    for (ssize_t i = 0; i < got; ++i) {
+      if (buf[i] != '\n') {
+        if (len + 1 < sizeof line) line[len++] = buf[i];
+        continue;
+      }
+      line[len] = '\0';
+      len = 0;
+      if (header) {
+        header = false;
+        continue;
+      }
+      char* end = nullptr;
+      long key = std::strtol(line, &end, 10);
+      int id = static_cast<int>(std::strtol(end, nullptr, 10));
+      for (int s = 0; s < n; ++s) {
+        if (key != IPC_PRIVATE && (key & 0xffffff) == signatures[s]) {
+          if (semaphores) {
+            semctl(id, 0, IPC_RMID);
+          } else {
+            shmctl(id, IPC_RMID, nullptr);
+          }
+        }
+      }
+    }
+  }
+  close(fd);
+}
+
+// Removes the live root of this process, if it owns one, and forgets it.
+void CleanUpDyingRoot() {
+  if (g_dying.owner == 0 || g_dying.owner != getpid()) return;  // a forked child's copy
+  RemoveKeyedObjects(false);
+  RemoveKeyedObjects(true);
+  pid_t rm = fork();
+  if (rm == 0) {
+    execl("/bin/rm", "rm", "-rf", "--", g_dying.root, static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  if (rm > 0) waitpid(rm, nullptr, 0);
+  g_dying.owner = 0;
+}
+
+void OnFatalSignal(int sig) {
+  CleanUpDyingRoot();
+  sigaction(sig, &g_dying.previous[sig], nullptr);
+  raise(sig);  // delivered with the previous action once this handler returns
+}
+
+void WatchForDeath(const std::string& root) {
+  static bool installed = false;
+  if (!installed) {
+    installed = true;
+    for (int sig : kFatalSignals) {
+      struct sigaction sa {};
+      sa.sa_handler = OnFatalSignal;
+      sigemptyset(&sa.sa_mask);
+      sigaction(sig, &sa, &g_dying.previous[sig]);
+    }
+    std::atexit(CleanUpDyingRoot);
+  }
+  std::snprintf(g_dying.root, sizeof g_dying.root, "%s", root.c_str());
+  auto files = shared::RootKeyFiles();
+  for (size_t i = 0; i < 2 && i < files.size(); ++i) {
+    std::snprintf(g_dying.key_files[i], sizeof g_dying.key_files[i], "%s", files[i].c_str());
+  }
+  std::ofstream(root + kOwnerFile) << getpid() << ' ' << StartTimeOf(getpid()) << '\n';
+  g_dying.owner = getpid();
+}
+
+}  // namespace
+
+int SweepStaleRoots() {
+  std::string pattern(kRootPattern);
+  std::filesystem::path dir = std::filesystem::path(pattern).parent_path();
+  std::string prefix = std::filesystem::path(pattern).filename().string();
+  prefix = prefix.substr(0, prefix.find('X'));
+  int removed = 0;
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
+    const std::string name = entry.path().filename().string();
+    if (name.rfind(prefix, 0) != 0 || !entry.is_directory(ec)) continue;
+    const std::string root = entry.path().string();
+    if (std::filesystem::exists(root + kOwnerFile, ec)) {
+      if (OwnerAlive(root)) continue;
+    } else {
+      auto age = std::filesystem::file_time_type::clock::now() -
+                 std::filesystem::last_write_time(root, ec);
+      if (ec || age < std::chrono::hours(1)) continue;
+    }
+    RemoveSysvObjectsFor({root + platform::kShmKeyFile, root + platform::kLodexKeyFile});
+    std::filesystem::remove_all(root, ec);
+    removed += ec ? 0 : 1;
+  }
+  return removed;
+}
+
 // ---- fixture --------------------------------------------------------------------------
 
 
@@ -245,7 +414,8 @@ void VskTest::SetUp() {
   const char* old = getenv("VSK_ROOT");
   had_root_ = old != nullptr;
   if (had_root_) saved_root_ = old;
-  char tmpl[] = "/tmp/vsk-test.XXXXXX";
+  char tmpl[sizeof kRootPattern];
+  std::memcpy(tmpl, kRootPattern, sizeof tmpl);
   ASSERT_NE(mkdtemp(tmpl), nullptr) << strerror(errno);
   root_ = tmpl;
   setenv("VSK_ROOT", root_.c_str(), 1);
@@ -253,6 +423,7 @@ void VskTest::SetUp() {
   ASSERT_TRUE(platform::MakeSystemDirs(&failed)) << failed;
   for (const auto& f : shared::RootKeyFiles()) std::ofstream(f, std::ios::app).close();
   RemoveSysvObjectsFor(shared::RootKeyFiles());  // a stale object of a reused inode
+  WatchForDeath(root_);
   platform::ResetProductInfo();
   saved_progname_ = __progname;
   AsClient();
@@ -268,6 +439,7 @@ void VskTest::TearDown() {
   RemoveSysvObjectsFor(shared::RootKeyFiles());
   std::error_code ec;
   std::filesystem::remove_all(root_, ec);
+  g_dying.owner = 0;
   if (had_root_) {
     setenv("VSK_ROOT", saved_root_.c_str(), 1);
   } else {

@@ -11,6 +11,16 @@
 //
 // RunInChild() forks, runs a function in the child and reports how the child ended.
 // Child processes report through their exit code, never through gtest assertions.
+//
+// Nothing outlives a test process, however it ends:
+//  - every process the harness starts (RunInChild, Child, OrvdProcess) is killed by the
+//    kernel when the test process dies;
+//  - a test process that dies of a signal it can catch (an abort, a crash, SIGTERM) or
+//    exits in the middle of a test removes its root and the root's System V objects on
+//    its way out;
+//  - a root records its owner (pid and start time); SweepStaleRoots(), run by CTest
+//    before and after the suite, removes the roots of owners that are gone, with their
+//    System V objects: that covers a test process killed with SIGKILL at its timeout.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -83,6 +93,10 @@ struct ChildResult {
 };
 std::ostream& operator<<(std::ostream& os, const ChildResult& r);
 
+// In a process just forked by the harness: dies with `parent`, even if that has died
+// already.
+void DieWithParent(pid_t parent);
+
 // Runs `fn` in a forked child; the child exits with fn's result (0 means success).
 ChildResult RunInChild(const std::function<int()>& fn,
                        std::chrono::milliseconds timeout = std::chrono::seconds(60));
@@ -125,6 +139,13 @@ class Child {
 // Removes every System V segment and semaphore set whose key was derived (with any
 // project number) from one of `key_files`. Returns how many objects were removed.
 int RemoveSysvObjectsFor(const std::vector<std::string>& key_files);
+
+// The directory under which test roots are made, and their name prefix.
+inline constexpr const char kRootPattern[] = "/tmp/vsk-test.XXXXXX";
+// Removes every test root whose owner process is gone, with the System V objects keyed
+// by its key files. A root without an owner record is removed only when it is older than
+// an hour (made by a harness that wrote none). Returns the number of roots removed.
+int SweepStaleRoots();
 
 class VskTest : public ::testing::Test {
  protected:
