@@ -37,6 +37,7 @@ void* MapFile(int fd, int32_t size) {
 
 vsk_status_t InitClient() {
   Mapping& m = Map();
+  m.mapped_size = InitialSize();
   std::string path = FilePath();
   if (m.fd >= 0) close(m.fd);
   m.fd = open(path.c_str(), O_RDWR);
@@ -69,6 +70,7 @@ vsk_status_t InitClient() {
 
 vsk_status_t InitOrvd() {
   Mapping& m = Map();
+  // The mapping may have grown since it was made: all of it goes.
   if (m.base != nullptr) {
     if (munmap(m.base, static_cast<size_t>(m.mapped_size)) != 0) {
       VSK_TRACE("Failed to unmap memory, %s", strerror(errno));
@@ -76,6 +78,7 @@ vsk_status_t InitOrvd() {
     }
     m.base = nullptr;
   }
+  m.mapped_size = InitialSize();
   if (m.fd >= 0) close(m.fd);
   std::string path = FilePath();
   platform::MakeDirs(platform::RootedPath(platform::kInterfaceDir));
@@ -140,7 +143,6 @@ extern "C" {
 vsk_status_t vsk_db_secondary_init(bool is_orvd) {
   Mapping& m = Map();
   if (m.base != nullptr && !is_orvd) return VSK_OK;
-  m.mapped_size = InitialSize();
   m.pid = getpid();
   return is_orvd ? InitOrvd() : InitClient();
 }
