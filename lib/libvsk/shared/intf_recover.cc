@@ -190,14 +190,24 @@ vsk_status_t vsk_db_secondary_failcheck(void) {
     VSK_TRACE("Please init API before calling");
     return VSK_ERR_FATAL;
   }
-  if (vsk_acquire_lock(VSK_LOCK_HEAP) != 0) return VSK_ERR_FATAL;
+  RebuildHold hold;
+  if (!hold.Acquire()) return VSK_ERR_FATAL;
   int32_t holder = Header()->lock_pid;
-  if (holder != 0) VSK_TRACE("*** LOCK was still open by pid %d, recover", holder);
-  vsk_status_t rc = Unlock();
-  if (rc != VSK_OK) return rc;
-  if (holder == 0) return rc;
+  if (holder == 0) return hold.Release();
+  VSK_TRACE("*** LOCK was still open by pid %d, recover", holder);
+  // Safe deviation: semaphore 2 stays held from the dead-holder check to the end of the
+  // rebuild, rather than being given back before it. The rebuild shrinks the file and
+  // resets its heap; a client let in meanwhile could die of SIGBUS past the new end of the
+  // file, or write into a heap that the reset then throws away. Holding it is safe: no
+  // process waits for semaphore 2 while it holds another semaphore or a Berkeley DB lock
+  // (the table is only touched after a commit), so the rebuild's own walk of the store
+  // cannot deadlock with a waiter; the walk's table operations see the hold and leave the
+  // semaphore alone.
+  hold.Mark();
   vsk_db_secondary_init(true);
-  return vsk_db_secondary_recover();
+  hold.Mark();  // the format cleared the mark: a death from here on is found again
+  vsk_status_t rc = vsk_db_secondary_recover();
+  return hold.Release() == VSK_OK ? rc : VSK_ERR_FATAL;
 }
 
 vsk_status_t vsk_failcheck(void) { return vsk_db_secondary_failcheck(); }
