@@ -40,6 +40,17 @@ void TellEnvironment(orvd_ctx* ctx) {
   ctx->db_env_change_cbk(env);
 }
 
+// A first registration that fails leaves nothing running: a re-registration timer armed
+// by the failure would open the store behind the daemon's back, which then finds its own
+// retry of orvd_register refused. The timer is made again by the retry.
+vsk_status_t Abandon(orvd_ctx* ctx, vsk_status_t status) {
+  if (ctx->timer_leaf != nullptr) wtimer_destroy(ctx->timer_leaf);
+  ctx->timer_leaf = nullptr;
+  wtimer_root_destroy(ctx->timer_root);
+  ctx->timer_root = nullptr;
+  return status;
+}
+
 // Steps 5 and 6 of the start-up: the store, then the interface table.
 vsk_status_t OpenStore(orvd_ctx* ctx, bool is_orvd) {
   vsk_status_t rc = vsk_db_init(ctx, is_orvd);
@@ -50,6 +61,7 @@ vsk_status_t OpenStore(orvd_ctx* ctx, bool is_orvd) {
 }  // namespace
 }  // namespace vsk::orvd
 
+using vsk::orvd::Abandon;
 using vsk::orvd::OpenStore;
 using vsk::orvd::SharedStateReady;
 using vsk::orvd::TellEnvironment;
@@ -78,17 +90,17 @@ vsk_status_t orvd_register(orvd_ctx_t* ctx) {
 
   int opened = vsk_open_internal(ctx->is_orvd);
   if (ctx->is_orvd) {
-    if (opened != 0) return opened;
+    if (opened != 0) return Abandon(ctx, opened);
   } else {
     if (opened != 0 || !SharedStateReady()) {
       vsk_close_internal();
-      return VSK_ERR_NOT_STARTED;
+      return Abandon(ctx, VSK_ERR_NOT_STARTED);
     }
     vsk_status_t rc = vsk::orvd::ConnectAndRegister(ctx);
     if (rc != VSK_OK) {
       orvd_reg_cleanup(ctx, false, false);
       vsk_close_internal();
-      return rc;
+      return Abandon(ctx, rc);
     }
   }
 
@@ -100,7 +112,7 @@ vsk_status_t orvd_register(orvd_ctx_t* ctx) {
       orvd_reg_cleanup(ctx, false, false);
     }
     vsk_close_internal();
-    return rc;
+    return Abandon(ctx, rc);
   }
   if (ctx->is_orvd) {
     ORVD_TRACE(ctx, "Successfully opened VSK");
@@ -109,7 +121,7 @@ vsk_status_t orvd_register(orvd_ctx_t* ctx) {
       if (rc != VSK_OK) {
         ORVD_TRACE(ctx, "Failed to recover VSK");
         vsk_close_internal();
-        return rc;
+        return Abandon(ctx, rc);
       }
       ORVD_TRACE(ctx, "Successfully recovered secondary table");
     }

@@ -2,11 +2,15 @@
 // the three modes (event, select, poll).
 #include <db.h>
 #include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <chrono>
+#include <cstring>
 #include <thread>
 #include <vector>
 
+#include "libvsk/orvd_client/wire.h"
 #include "libvsk/orvd_ctx.h"
 #include "support/harness.h"
 #include "support/orvd_process.h"
@@ -101,6 +105,94 @@ TEST_F(LinkTest, RegistersInEachMode) {
   ASSERT_EQ(OrvdProcess::Table().count("vsk-client"), 1u);
   EXPECT_EQ(left.role, 0) << "the last one left";
   EXPECT_EQ(left.connected, 0);
+}
+
+TEST_F(LinkTest, OrvdListsTheRoleOfARegisteredClient) {
+  ASSERT_TRUE(orvd_.Start());
+  for (const char* role : {"master", "standby"}) {
+    SCOPED_TRACE(role);
+    Child client;
+    client.Start([role](Child::Channel& ch) {
+      setenv("VSK_RE_ROLE", role, 1);
+      evContext ev{};
+      orvd_ctx_t* ctx = MakeClient(Mode::kPoll, &ev);
+      if (orvd_register(ctx) != 0) return 10;
+      ch.Ready();
+      ch.WaitGo();
+      return orvd_unregister(&ctx) == 0 ? 0 : 11;
+    });
+    ASSERT_TRUE(client.WaitReady());
+    const int want = std::string(role) == "master" ? 3 : 1;
+    auto row = OrvdProcess::WaitForRow(
+        "vsk-client", [want](const OrvdTableRow& r) { return r.connected == 1 && r.role == want; });
+    EXPECT_EQ(row.role, want);
+    EXPECT_EQ(row.connected, 1);
+    client.Go();
+    EXPECT_TRUE(client.Wait().Ok());
+  }
+}
+
+// A stand-in for orvd that answers one registration with a refusal carrying `error`,
+// for the refusals the real orvd only gives in passing states.
+void RefuseOneRegistration(Child& fake, int32_t error) {
+  fake.Start([error](Child::Channel& ch) {
+    std::string path = platform::RootedPath(platform::kOrvdSocket);
+    int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+    unlink(path.c_str());
+    if (bind(listener, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        listen(listener, 4) != 0) {
+      return 1;
+    }
+    ch.Ready();
+    int fd = accept(listener, nullptr, nullptr);
+    orvd::RegisterMsg msg{};
+    if (recv(fd, &msg, sizeof msg, MSG_WAITALL) != static_cast<ssize_t>(sizeof msg)) return 2;
+    orvd::RegisterAckMsg ack{};
+    ack.type = orvd::ORVD_MSG_REGISTER_ACK;
+    ack.error = error;
+    if (send(fd, &ack, sizeof ack, 0) != static_cast<ssize_t>(sizeof ack)) return 3;
+    ch.WaitGo();
+    unlink(path.c_str());
+    return 0;
+  });
+}
+
+TEST_F(LinkTest, EventClientRefusedAtItsFirstRegistrationRetriesByItself) {
+  // orvd has made the shared state and the store, and is gone; another answers for it.
+  ASSERT_TRUE(orvd_.Start());
+  ASSERT_EQ(orvd_.Stop(), 0);
+  Child fake;
+  RefuseOneRegistration(fake, VSK_ERR_NOT_STARTED);
+  ASSERT_TRUE(fake.WaitReady());
+  Child client;
+  client.Start([](Child::Channel& ch) {
+    evContext ev{};
+    orvd_ctx_t* ctx = MakeClient(Mode::kEvent, &ev);
+    if (orvd_register(ctx) != VSK_ERR_ORVD_FATAL) return 10;
+    // Nothing may open the store behind the daemon's back: no re-registration is due.
+    if (ctx->timer_leaf != nullptr && wtimer_running(ctx->timer_leaf)) return 11;
+    DB_ENV* env = nullptr;
+    if (vsk_db_get_dbenv(&env) == 0 && env != nullptr) return 12;
+    ch.Ready();
+    if (!ch.WaitGo()) return 13;  // the real orvd is back
+    // The daemon's own retry is what registers it.
+    if (orvd_register(ctx) != 0) return 14;
+    if (vsk_db_check() != 0) return 15;
+    if (g_env_calls != std::vector<bool>{true}) return 16;
+    orvd_unregister(&ctx);
+    evDestroy(ev);
+    return 0;
+  });
+  ASSERT_TRUE(client.WaitReady()) << client.Wait();
+  fake.Go();
+  ASSERT_TRUE(fake.Wait().Ok());
+  ASSERT_TRUE(orvd_.Start());
+  client.Go();
+  ChildResult r = client.Wait();
+  EXPECT_TRUE(r.Ok()) << r;
 }
 
 TEST_F(LinkTest, ClientOnMasterWaitsForOrvdsRecovery) {
