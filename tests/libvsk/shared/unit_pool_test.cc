@@ -145,6 +145,42 @@ TEST_F(UnitPoolTest, NumbersOutsideThePoolAreRefused) {
   EXPECT_EQ(Uid()->max, 4u);
 }
 
+// Release and recover let an index equal to `max` through with the status a pool gives
+// it, but its entry would lie behind the pool: in the next pool's header or a counter.
+TEST_F(UnitPoolTest, IndexAtMaxGetsItsStatusButWritesNothingBehindThePool) {
+  struct Case {
+    uint32_t type;
+    int32_t max;
+    uint32_t first;
+    int32_t foreign_offset;  // the word where entry[max] would be
+  } cases[] = {
+      {VSK_UNIT_POOL_IFL, VSK_UNIT_POOL_IFL_MAX, VSK_UNIT_POOL_IFL_FIRST,
+       VSK_SHM_UNIT_POOL1_OFFSET},
+      {VSK_UNIT_POOL_UID, VSK_UNIT_POOL_UID_MAX, VSK_UNIT_POOL_UID_FIRST,
+       VSK_SHM_SUMMARY_COUNTER_OFFSET},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.type);
+    vsk_unit_init(c.max, true, c.type);
+    vsk_unit_recovered(c.type);
+    auto* foreign = static_cast<int32_t*>(vsk_get_shm_ptr(c.foreign_offset));
+    auto* pool = static_cast<PoolWords*>(
+        vsk_get_shm_ptr(c.type == 0 ? VSK_SHM_UNIT_POOL0_OFFSET : VSK_SHM_UNIT_POOL1_OFFSET));
+    const uint32_t at_max = c.first + static_cast<uint32_t>(c.max);
+    for (int32_t word : {0x1234, -1}) {
+      *foreign = word;
+      const int32_t tail = pool->tail;
+      EXPECT_EQ(vsk_unit_recover(at_max, c.type), 0);
+      // A word reading -1 looks like an allocated entry: the release goes through.
+      EXPECT_EQ(vsk_unit_release(at_max, c.type), word == -1 ? 0 : -2);
+      EXPECT_EQ(*foreign, word);
+      EXPECT_EQ(pool->tail, tail) << "the list must not end behind the pool";
+    }
+    *foreign = 0;
+  }
+  EXPECT_EQ(Uid()->max, uint32_t{VSK_UNIT_POOL_UID_MAX});
+}
+
 TEST_F(UnitPoolTest, DetachedPoolIsReportedNotTouched) {
   uint32_t unit = 0;
   EXPECT_EQ(vsk_unit_allocate(&unit, VSK_UNIT_POOL_IFL), -1);
