@@ -68,10 +68,12 @@ using vsk::orvd::TellEnvironment;
 
 extern "C" {
 
+// A broken precondition is logged and the registration goes on, except with no handle
+// at all, where going on could only crash.
 vsk_status_t orvd_register(orvd_ctx_t* ctx) {
-  if (!VSK_INSIST(orvd_init_handle_done)) return VSK_ERR_ORVD_FATAL;
+  VSK_INSIST(orvd_init_handle_done);
   if (!VSK_INSIST(ctx)) return VSK_ERR_ORVD_FATAL;
-  if (!VSK_INSIST(!ctx->user_reg)) return VSK_ERR_ORVD_FATAL;
+  VSK_INSIST(!ctx->user_reg);
   if (ctx->issu_enabled && ctx->issu_prepare_cbk == nullptr) return VSK_ERR_ORVD_FATAL;
   if (!vsk_db_supported()) {
     ORVD_TRACE(ctx, "ORVD not supported on this platform");
@@ -135,7 +137,7 @@ vsk_status_t orvd_register(orvd_ctx_t* ctx) {
 
 vsk_status_t orvd_reregister(orvd_ctx_t* ctx) {
   if (!VSK_INSIST(ctx)) return VSK_ERR_ORVD_FATAL;
-  if (!VSK_INSIST(!ctx->is_orvd)) return VSK_ERR_ORVD_FATAL;
+  VSK_INSIST(!ctx->is_orvd);  // logged; the re-registration goes on as a client's
   if (!vsk_db_supported()) {
     ORVD_TRACE(ctx, "ORVD not supported on this platform");
     return VSK_ERR_UNSUPPORTED;

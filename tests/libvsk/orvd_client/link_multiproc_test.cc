@@ -373,27 +373,5 @@ TEST_F(LinkTest, RecoveringStoreAnswerLeavesBerkeleyDbUntouched) {
   EXPECT_TRUE(r.Ok()) << r;
 }
 
-TEST_F(LinkTest, OptionsAreCheckedAndFrozen) {
-  ChildResult r = RunInChild([] {
-    orvd_ctx_t* ctx = orvd_init_handle();
-    if (ctx == nullptr || ctx->fd != -1 || ctx->connect_timeout != 1000) return 1;
-    evContext empty{};
-    if (orvd_set_reg_type_event(ctx, &empty) != VSK_ERR_ORVD_FATAL) return 2;
-    if (orvd_set_reg_type_event(ctx, nullptr) != VSK_ERR_ORVD_FATAL) return 3;
-    if (orvd_set_reg_type_select(ctx, nullptr, SelectRegister, nullptr) != -25) return 4;
-    if (orvd_set_trace_callback(ctx, nullptr, nullptr) != -25) return 5;
-    if (orvd_set_reg_type_poll(nullptr) != -25) return 6;
-    if (orvd_set_connect_timeout(ctx, 0) != 0 || ctx->connect_timeout != 0) return 7;
-    // A daemon that asks for upgrades must give the prepare callback.
-    int cookie = 0;
-    if (orvd_set_issu_cookie(ctx, &cookie) != 0 || !ctx->issu_enabled) return 8;
-    if (orvd_register(ctx) != VSK_ERR_ORVD_FATAL) return 9;
-    if (orvd_get_daemon_issu_state(ctx) != 0 || orvd_get_platd_issu_state(ctx) != 0) return 10;
-    orvd_unregister(&ctx);
-    return 0;
-  });
-  EXPECT_TRUE(r.Ok()) << r;
-}
-
 }  // namespace
 }  // namespace vsk::test
