@@ -268,7 +268,9 @@ TEST_F(LinkTest, EventClientFollowsAnOrvdRestart) {
   EXPECT_TRUE(r.Ok()) << r;
 }
 
-// A poll or select client finds the loss and repairs itself through vsk_db_check.
+// A poll or select client finds the loss and repairs itself through vsk_db_check. While
+// the link is down it counts as not registered; its re-registration tells the new orvd
+// that its recovery was complete.
 void RepairThroughCheck(OrvdProcess& orvd, Mode mode) {
   ASSERT_TRUE(orvd.Start());
   Child client;
@@ -276,6 +278,7 @@ void RepairThroughCheck(OrvdProcess& orvd, Mode mode) {
     evContext ev{};
     orvd_ctx_t* ctx = MakeClient(mode, &ev);
     if (orvd_register(ctx) != 0) return 10;
+    if (orvd_send_recovery_complete(ctx) != 0) return 20;
     ch.Ready();
     if (!ch.WaitGo()) return 11;  // orvd is gone now
     if (mode == Mode::kSelect) {
@@ -291,6 +294,11 @@ void RepairThroughCheck(OrvdProcess& orvd, Mode mode) {
     vsk_status_t rc = vsk_db_check();
     if (rc != VSK_ERR_ORVD_CONNECT) return 14;  // nobody listens yet
     if (!WentDown(false)) return 15;
+    GlobalTraces().Clear();
+    if (orvd_send_recovery_complete(ctx) != VSK_ERR_ORVD_FATAL) return 21;
+    if (!GlobalTraces().Contains("Cannot send recovery complete to ORVD if not registered")) {
+      return 22;
+    }
     ch.Ready();
     if (!ch.WaitGo()) return 16;  // orvd is back
     if (vsk_db_check() != 0) return 17;
@@ -309,6 +317,10 @@ void RepairThroughCheck(OrvdProcess& orvd, Mode mode) {
   client.Go();
   ChildResult r = client.Wait();
   EXPECT_TRUE(r.Ok()) << r;
+  // The new orvd knows the client's recovery only from its re-registration.
+  auto row = OrvdProcess::WaitForRow("vsk-client",
+                                     [](const OrvdTableRow& row) { return row.recovery_complete; });
+  EXPECT_EQ(row.recovery_complete, 1);
 }
 
 TEST_F(LinkTest, PollClientRepairsThroughCheck) { RepairThroughCheck(orvd_, Mode::kPoll); }
@@ -348,13 +360,16 @@ TEST_F(LinkTest, RecoveringStoreAnswerLeavesBerkeleyDbUntouched) {
     ch.Ready();
     if (!ch.WaitGo()) return 11;  // the environment has panicked under orvd
     GlobalTraces().Clear();
-    vsk_db_check();
+    orvd_poll_check(ctx);  // what vsk_db_check does first
     if (GlobalTraces().Count("VSK env is invalid: session database is recovering") != 1) {
       return 12;
     }
     // The store went down in panic: nothing of Berkeley DB was closed.
     if (GlobalTraces().Count("Attempting to close VSK while DOWN") < 1) return 13;
     if (GlobalTraces().CountContaining("closed") != 0) return 14;
+    // It is orvd's answer that says so, before this process meets the panic itself.
+    if (!vsk_in_panic) return 15;
+    if (GlobalTraces().CountContaining("DB_EVENT_PANIC") != 0) return 16;
     return 0;
   });
   ASSERT_TRUE(client.WaitReady());
