@@ -105,29 +105,35 @@ TEST_F(StoreEnvTest, StandbyClientWithoutReplicatedTablesGetsMinus12) {
   EXPECT_TRUE(orvd.Wait().Ok());
 }
 
+// On the master the panic finds the store ready; on the standby, replicating.
 TEST_F(StoreEnvTest, PanicForgetsEveryHandleAndCloseFails) {
-  auto r = RunInChild([] {
-    orvd_ctx link{};
-    if (InitAs(&link, true, true) != 0) return 1;
-    DB_ENV* env = nullptr;
-    vsk_db_get_dbenv(&env);
-    env->set_flags(env, DB_PANIC_ENVIRONMENT, 1);  // Berkeley DB reports it at once
-    if (StoreState() != VSK_ENV_PANIC || !vsk_in_panic) return 3;
-    if (!GlobalTraces().Contains("DB_EVENT_PANIC happened, state 7")) return 4;
-    GlobalTraces().Clear();
-    if (vsk_db_close() != -1) return 5;
-    if (StoreState() != VSK_ENV_CLOSED) return 6;
-    if (vsk_db_get_orvd_handle() != &link) return 7;
-    if (!GlobalTraces().Contains("Attempting to close VSK on PANIC")) return 8;
-    // No handle was touched: nothing was closed, nothing failed to close.
-    if (GlobalTraces().CountContaining("closed") != 0) return 9;
-    if (GlobalTraces().CountContaining("Failed") != 0) return 10;
-    if (store::Context()->dbenv != nullptr) return 11;
-    vsk_db_txn_t txn{};
-    if (vsk_db_start_txn(&txn) == 0 || txn.txn != nullptr) return 2;
-    return 0;
-  });
-  EXPECT_TRUE(r.Ok()) << r;
+  for (bool master : {true, false}) {
+    auto r = RunInChild([master] {
+      orvd_ctx link{};
+      if (InitAs(&link, true, master) != 0) return 1;
+      DB_ENV* env = nullptr;
+      vsk_db_get_dbenv(&env);
+      env->set_flags(env, DB_PANIC_ENVIRONMENT, 1);  // Berkeley DB reports it at once
+      if (StoreState() != VSK_ENV_PANIC || !vsk_in_panic) return 3;
+      if (!GlobalTraces().Contains(master ? "DB_EVENT_PANIC happened, state 7"
+                                          : "DB_EVENT_PANIC happened, state 2")) {
+        return 4;
+      }
+      GlobalTraces().Clear();
+      if (vsk_db_close() != -1) return 5;
+      if (StoreState() != VSK_ENV_CLOSED) return 6;
+      if (vsk_db_get_orvd_handle() != &link) return 7;
+      if (!GlobalTraces().Contains("Attempting to close VSK on PANIC")) return 8;
+      // No handle was touched: nothing was closed, nothing failed to close.
+      if (GlobalTraces().CountContaining("closed") != 0) return 9;
+      if (GlobalTraces().CountContaining("Failed") != 0) return 10;
+      if (store::Context()->dbenv != nullptr) return 11;
+      vsk_db_txn_t txn{};
+      if (vsk_db_start_txn(&txn) == 0 || txn.txn != nullptr) return 2;
+      return 0;
+    });
+    EXPECT_TRUE(r.Ok()) << r << (master ? " on the master" : " on the standby");
+  }
 }
 
 TEST_F(StoreEnvTest, CloseOrderAndFinalState) {
@@ -136,8 +142,8 @@ TEST_F(StoreEnvTest, CloseOrderAndFinalState) {
   traces().Clear();
   EXPECT_EQ(vsk_db_close(), 0);
   std::vector<std::string> want = {
-      "closed client database",       "closed service database",
-      "closed auth request database", "closed auth response database",
+      "closed client database",         "closed service database",
+      "closed auth request database",   "closed auth response database",
       "closed dynamic config database", "closed private data database",
       "closed private data database\n", "closed environment"};
   EXPECT_EQ(traces().Texts(), want) << traces().Dump();
@@ -333,8 +339,8 @@ TEST_F(StoreEnvTest, UnsupportedPlatformSkipsReplication) {
 }
 
 TEST_F(StoreEnvTest, CatastrophicRecoveryEmptiesBothDirectories) {
-  for (const char* f : {"/mfs/var/vsk/vsk.db", "/mfs/var/vsk/__db.001",
-                        "/mfs/var/vsk/shmem/vsk_intf.db"}) {
+  for (const char* f :
+       {"/mfs/var/vsk/vsk.db", "/mfs/var/vsk/__db.001", "/mfs/var/vsk/shmem/vsk_intf.db"}) {
     std::ofstream(Path(f)) << "x";
   }
   EXPECT_EQ(vsk_recover_catastrophic(), 0) << traces().Dump();
