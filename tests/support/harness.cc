@@ -20,6 +20,7 @@
 #include <sstream>
 #include <thread>
 
+#include "libvsk/base/fault.h"
 #include "libvsk/shared/root_objects.h"
 #include "platform/paths.h"
 #include "platform/product_info.h"
@@ -432,6 +433,7 @@ void VskTest::SetUp() {
 }
 
 void VskTest::TearDown() {
+  fault::DisarmAll();
   vsk_set_trace_cbk(nullptr);
   // The store keeps the daemon's link handle across a close; a test's handle dies with
   // the test, so a later test in the same process must not find it.

@@ -1,18 +1,30 @@
-// See fault.h. The per-kind countdowns are only touched when something is armed.
+// See fault.h. Nothing here is reached while nothing is armed, so a plain mutex guards the
+// per-kind plans.
 #include "libvsk/base/fault.h"
+
+#include <mutex>
 
 namespace vsk::fault {
 namespace {
 
 constexpr size_t kKinds = static_cast<size_t>(Kind::kCount);
 
-struct Slot {
-  std::atomic<uint32_t> countdown{0};  // calls left until the failure; 0 disarmed
-  std::atomic<int> result{0};
+struct Plan {
+  uint32_t pass = 0;   // calls still let through before the first failure
+  uint32_t fails = 0;  // failures left; 0 disarmed
+  int result = 0;
 };
-Slot g_slots[kKinds];
+Plan g_plans[kKinds];
+std::mutex g_mu;
 
-Slot& SlotOf(Kind kind) { return g_slots[static_cast<size_t>(kind)]; }
+Plan& PlanOf(Kind kind) { return g_plans[static_cast<size_t>(kind)]; }
+
+// REQUIRES: g_mu held.
+void DisarmLocked(Kind kind) {
+  Plan& p = PlanOf(kind);
+  if (p.fails != 0) internal::g_armed.fetch_sub(1, std::memory_order_relaxed);
+  p = Plan{};
+}
 
 }  // namespace
 
@@ -21,35 +33,33 @@ namespace internal {
 std::atomic<uint32_t> g_armed{0};
 
 bool Fire(Kind kind, int* result) {
-  Slot& s = SlotOf(kind);
-  uint32_t left = s.countdown.load(std::memory_order_acquire);
-  while (left != 0) {
-    if (s.countdown.compare_exchange_weak(left, left - 1, std::memory_order_acq_rel)) {
-      if (left != 1) return false;
-      g_armed.fetch_sub(1, std::memory_order_relaxed);
-      *result = s.result.load(std::memory_order_relaxed);
-      return true;
-    }
+  std::lock_guard<std::mutex> lock(g_mu);
+  Plan& p = PlanOf(kind);
+  if (p.fails == 0) return false;
+  if (p.pass != 0) {
+    --p.pass;
+    return false;
   }
-  return false;
+  *result = p.result;
+  if (--p.fails == 0) internal::g_armed.fetch_sub(1, std::memory_order_relaxed);
+  return true;
 }
 
 }  // namespace internal
 
-void Arm(Kind kind, uint32_t nth, int result) {
-  Disarm(kind);
-  if (nth == 0 || kind >= Kind::kCount) return;
-  Slot& s = SlotOf(kind);
-  s.result.store(result, std::memory_order_relaxed);
-  s.countdown.store(nth, std::memory_order_release);
+void Arm(Kind kind, uint32_t nth, int result, uint32_t times) {
+  if (kind >= Kind::kCount) return;
+  std::lock_guard<std::mutex> lock(g_mu);
+  DisarmLocked(kind);
+  if (nth == 0 || times == 0) return;
+  PlanOf(kind) = Plan{nth - 1, times, result};
   internal::g_armed.fetch_add(1, std::memory_order_relaxed);
 }
 
 void Disarm(Kind kind) {
   if (kind >= Kind::kCount) return;
-  if (SlotOf(kind).countdown.exchange(0, std::memory_order_acq_rel) != 0) {
-    internal::g_armed.fetch_sub(1, std::memory_order_relaxed);
-  }
+  std::lock_guard<std::mutex> lock(g_mu);
+  DisarmLocked(kind);
 }
 
 void DisarmAll() {
@@ -57,7 +67,9 @@ void DisarmAll() {
 }
 
 bool Pending(Kind kind) {
-  return kind < Kind::kCount && SlotOf(kind).countdown.load(std::memory_order_acquire) != 0;
+  if (kind >= Kind::kCount) return false;
+  std::lock_guard<std::mutex> lock(g_mu);
+  return PlanOf(kind).fails != 0;
 }
 
 }  // namespace vsk::fault

@@ -7,8 +7,8 @@
 //
 // Invariants:
 //  1. Disarmed, the cost at a call site is one relaxed load of a process-wide word.
-//  2. An armed kind fires once, on the Nth call of that kind counted from Arm, and is
-//     disarmed by firing; other kinds are not affected.
+//  2. An armed kind fails `times` calls in a row from the Nth call of that kind counted
+//     from Arm, and is disarmed by the last of them; other kinds are not affected.
 //  3. A site that fires behaves as the real call does when it fails with the armed value:
 //     a Berkeley DB method returns it, a System V or file call returns its failure value
 //     with errno set to it. A failed commit aborts the transaction first, as Berkeley DB
@@ -35,13 +35,13 @@ enum class Kind : uint8_t {
   kCount
 };
 
-// The `nth` call of `kind` from now (1 is the next one) fails with `result`: a Berkeley DB
-// return value, or the errno of a System V or file call.
-void Arm(Kind kind, uint32_t nth, int result);
+// The `nth` call of `kind` from now (1 is the next one) and the `times` - 1 calls after it
+// fail with `result`: a Berkeley DB return value, or the errno of a System V or file call.
+void Arm(Kind kind, uint32_t nth, int result, uint32_t times = 1);
 // Forgets what is armed for `kind`, or for every kind.
 void Disarm(Kind kind);
 void DisarmAll();
-// True while `kind` is armed and has not fired yet.
+// True while `kind` is armed and has failures left to give.
 bool Pending(Kind kind);
 
 namespace internal {
