@@ -1,5 +1,7 @@
 // The ordered radix tree against an ordered reference map: random adds, deletes, exact
 // lookups and full ascending walks over keys that are often prefixes of one another.
+#include "vsk/patricia.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -8,8 +10,6 @@
 #include <random>
 #include <string>
 #include <vector>
-
-#include "vsk/patricia.h"
 
 namespace {
 
