@@ -257,6 +257,7 @@ int RemoveSysvObjectsFor(const std::vector<std::string>& key_files) {
 namespace {
 
 constexpr char kOwnerFile[] = "/.owner";
+constexpr char kSweeper[] = VSK_BINARY_DIR "/tests/vsk_test_sweep";
 
 // The start time of `pid` in clock ticks since boot (field 22 of /proc/<pid>/stat), or 0.
 unsigned long long StartTimeOf(pid_t pid) {
@@ -281,76 +282,24 @@ bool OwnerAlive(const std::string& root) {
   return StartTimeOf(static_cast<pid_t>(pid)) == start;
 }
 
-// What the fatal-signal and exit paths of a test process need, prepared in SetUp: no
-// allocation happens on those paths.
-struct DyingCleanup {
+// The live root of this process, for its fatal-signal and exit paths, which must not
+// allocate: they hand the root to the sweeper program.
+struct DyingRoot {
   pid_t owner = 0;  // 0 while no root is live
-  char root[128] = "";
-  char key_files[2][192] = {"", ""};
+  char root[256] = "";
   struct sigaction previous[NSIG];
 };
-DyingCleanup g_dying;
+DyingRoot g_dying;
 constexpr int kFatalSignals[] = {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTERM, SIGINT};
 
-// Removes the System V objects of `kind` whose key ftok() derived from a key file of the
-// live root. Only system calls and stack memory: safe in a signal handler.
-void RemoveKeyedObjects(bool semaphores) {
-  long signatures[2];
-  int n = 0;
-  for (const char* file : g_dying.key_files) {
-    struct stat st {};
-    if (file[0] != '\0' && stat(file, &st) == 0) {
-      signatures[n++] = static_cast<long>((st.st_ino & 0xffff) | ((st.st_dev & 0xff) << 16));
-    }
-  }
-  if (n == 0) return;
-  int fd = open(semaphores ? "/proc/sysvipc/sem" : "/proc/sysvipc/shm", O_RDONLY);
-  if (fd < 0) return;
-  char buf[4096];
-  char line[512];
-  size_t len = 0;
-  bool header = true;
-  ssize_t got;
-  while ((got = read(fd, buf, sizeof buf)) > 0) {
-    for (ssize_t i = 0; i < got; ++i) {
-      if (buf[i] != '\n') {
-        if (len + 1 < sizeof line) line[len++] = buf[i];
-        continue;
-      }
-      line[len] = '\0';
-      len = 0;
-      if (header) {
-        header = false;
-        continue;
-      }
-      char* end = nullptr;
-      long key = std::strtol(line, &end, 10);
-      int id = static_cast<int>(std::strtol(end, nullptr, 10));
-      for (int s = 0; s < n; ++s) {
-        if (key != IPC_PRIVATE && (key & 0xffffff) == signatures[s]) {
-          if (semaphores) {
-            semctl(id, 0, IPC_RMID);
-          } else {
-            shmctl(id, IPC_RMID, nullptr);
-          }
-        }
-      }
-    }
-  }
-  close(fd);
-}
-
-// Removes the live root of this process, if it owns one, and forgets it.
 void CleanUpDyingRoot() {
   if (g_dying.owner == 0 || g_dying.owner != getpid()) return;  // a forked child's copy
-  RemoveKeyedObjects(false);
-  RemoveKeyedObjects(true);
-  pid_t rm = fork();
-  if (rm == 0) {
-    execl("/bin/rm", "rm", "-rf", "--", g_dying.root, static_cast<char*>(nullptr));
+  pid_t sweeper = fork();
+  if (sweeper == 0) {
+    execl(kSweeper, "vsk_test_sweep", g_dying.root, static_cast<char*>(nullptr));
     _exit(127);
   }
-  if (rm > 0) waitpid(rm, nullptr, 0);
+  if (sweeper > 0) waitpid(sweeper, nullptr, 0);
   g_dying.owner = 0;
 }
 
@@ -373,27 +322,28 @@ void WatchForDeath(const std::string& root) {
     std::atexit(CleanUpDyingRoot);
   }
   std::snprintf(g_dying.root, sizeof g_dying.root, "%s", root.c_str());
-  auto files = shared::RootKeyFiles();
-  for (size_t i = 0; i < 2 && i < files.size(); ++i) {
-    std::snprintf(g_dying.key_files[i], sizeof g_dying.key_files[i], "%s", files[i].c_str());
-  }
   std::ofstream(root + kOwnerFile) << getpid() << ' ' << StartTimeOf(getpid()) << '\n';
   g_dying.owner = getpid();
 }
 
 }  // namespace
 
+bool RemoveRoot(const std::string& root) {
+  RemoveSysvObjectsFor({root + platform::kShmKeyFile, root + platform::kLodexKeyFile});
+  std::error_code ec;
+  std::filesystem::remove_all(root, ec);
+  return !ec;
+}
+
 int SweepStaleRoots() {
-  std::string pattern(kRootPattern);
-  std::filesystem::path dir = std::filesystem::path(pattern).parent_path();
-  std::string prefix = std::filesystem::path(pattern).filename().string();
+  const std::filesystem::path pattern(kRootPattern);
+  std::string prefix = pattern.filename().string();
   prefix = prefix.substr(0, prefix.find('X'));
   int removed = 0;
   std::error_code ec;
-  for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
-    const std::string name = entry.path().filename().string();
-    if (name.rfind(prefix, 0) != 0 || !entry.is_directory(ec)) continue;
+  for (const auto& entry : std::filesystem::directory_iterator(pattern.parent_path(), ec)) {
     const std::string root = entry.path().string();
+    if (entry.path().filename().string().rfind(prefix, 0) != 0) continue;
     if (std::filesystem::exists(root + kOwnerFile, ec)) {
       if (OwnerAlive(root)) continue;
     } else {
@@ -401,9 +351,7 @@ int SweepStaleRoots() {
                  std::filesystem::last_write_time(root, ec);
       if (ec || age < std::chrono::hours(1)) continue;
     }
-    RemoveSysvObjectsFor({root + platform::kShmKeyFile, root + platform::kLodexKeyFile});
-    std::filesystem::remove_all(root, ec);
-    removed += ec ? 0 : 1;
+    removed += RemoveRoot(root) ? 1 : 0;
   }
   return removed;
 }
@@ -438,9 +386,7 @@ void VskTest::TearDown() {
   // The store keeps the daemon's link handle across a close; a test's handle dies with
   // the test, so a later test in the same process must not find it.
   vsk_db_reset_orvd_handle();
-  RemoveSysvObjectsFor(shared::RootKeyFiles());
-  std::error_code ec;
-  std::filesystem::remove_all(root_, ec);
+  RemoveRoot(root_);
   g_dying.owner = 0;
   if (had_root_) {
     setenv("VSK_ROOT", saved_root_.c_str(), 1);

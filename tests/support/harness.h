@@ -16,8 +16,8 @@
 //  - every process the harness starts (RunInChild, Child, OrvdProcess) is killed by the
 //    kernel when the test process dies;
 //  - a test process that dies of a signal it can catch (an abort, a crash, SIGTERM) or
-//    exits in the middle of a test removes its root and the root's System V objects on
-//    its way out;
+//    exits in the middle of a test has its root and the root's System V objects removed
+//    on its way out (by the sweeper program, tests/sweep);
 //  - a root records its owner (pid and start time); SweepStaleRoots(), run by CTest
 //    before and after the suite, removes the roots of owners that are gone, with their
 //    System V objects: that covers a test process killed with SIGKILL at its timeout.
@@ -142,6 +142,8 @@ int RemoveSysvObjectsFor(const std::vector<std::string>& key_files);
 
 // The directory under which test roots are made, and their name prefix.
 inline constexpr const char kRootPattern[] = "/tmp/vsk-test.XXXXXX";
+// Removes `root` and the System V objects keyed by its key files. True when it is gone.
+bool RemoveRoot(const std::string& root);
 // Removes every test root whose owner process is gone, with the System V objects keyed
 // by its key files. A root without an owner record is removed only when it is older than
 // an hour (made by a harness that wrote none). Returns the number of roots removed.
