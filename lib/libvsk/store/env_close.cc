@@ -15,6 +15,7 @@
 #include "libvsk/trace.h"
 #include "platform/lodex.h"
 #include "vsk/dyn_db.h"
+#include "vsk/libstats.h"
 #include "vsk/shared.h"
 #include "vsk/store.h"
 
@@ -81,6 +82,15 @@ int vsk_db_close(void) {
   }
 
   // The statistics and provisioning tables close here, before the environment.
+  {
+    int ret = libstats_db_close();  // in panic it only forgets its handles
+    if (ret != 0) {
+      VSK_TRACE("Failed to close stats database %s", db_strerror(ret));
+      failed = true;
+    } else if (!vsk_in_panic) {
+      VSK_TRACE("closed stats database");
+    }
+  }
 
   if (!vsk_in_panic) {
     int ret = ctx->dbenv->close(ctx->dbenv, 0);

@@ -23,6 +23,7 @@
 #include "platform/paths.h"
 #include "platform/progname.h"
 #include "vsk/dyn_db.h"
+#include "vsk/libstats.h"
 #include "vsk/shared.h"
 #include "vsk/store.h"
 
@@ -238,6 +239,11 @@ vsk_status_t vsk_db_init(orvd_ctx* orvd_handle, bool is_orvd) {
   if (st != VSK_OK) return st;
 
   // The statistics and provisioning tables open here, after the session tables.
+  ret = libstats_init_db(ctx->dbenv);
+  if (ret != 0) {
+    return TableOpenFailure(ctx, ret, "stats databases is not available %s",
+                            "Failed to init stats db %s");
+  }
 
   ctx->state = VSK_ENV_READY;
   return VSK_OK;

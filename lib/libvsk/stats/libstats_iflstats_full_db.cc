@@ -1,0 +1,172 @@
+// Full interface statistics records in their table: read, write, delete and the freeing
+// rules of the record in memory.
+//
+// A record is keyed by interface and forwarding location (`ifl`, then the `loc_id`
+// bytes); its value is the TLV form of iflstats_full_codec.h. The secondary index by
+// interface is kept by Berkeley DB from the value (libstats_iflstats_full_get_secondary_index).
+#include "libvsk/stats/iflstats_full_db.h"
+
+#include <db.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "libvsk/stats/iflstats_full_codec.h"
+#include "libvsk/stats/stats_internal.h"
+#include "libvsk/trace.h"
+#include "vsk/libstats.h"
+
+namespace vsk::stats {
+
+vsk_status_t BuildFullKey(const libstats_iflstats_full_t& record, KeyBuffer* key) {
+  if (record.loc_id_len > LIBSTATS_KEY_BUFFER_SIZE - sizeof(uint32_t) ||
+      (record.loc_id_len != 0 && record.loc_id == nullptr)) {
+    VSK_TRACE("%s: invalid loc_id_len:%d", "libstats_iflstats_full_key", record.loc_id_len);
+    return VSK_ERR_INVALID_PARAM;
+  }
+  std::memcpy(key->bytes, &record.ifl, sizeof(uint32_t));
+  if (record.loc_id_len != 0) {
+    std::memcpy(key->bytes + sizeof(uint32_t), record.loc_id, record.loc_id_len);
+  }
+  key->len = sizeof(uint32_t) + record.loc_id_len;
+  return VSK_OK;
+}
+
+vsk_status_t PutFullRecord(DB_TXN* txn, const libstats_iflstats_full_t& record,
+                           const char* caller) {
+  KeyBuffer key;
+  vsk_status_t st = BuildFullKey(record, &key);
+  if (st != VSK_OK) return st;
+  Buffer value;
+  uint32_t value_len = 0;
+  st = EncodeIflstatsFull(record, &value, &value_len);
+  if (st != VSK_OK) return st;
+  DBT k = key.Dbt();
+  DBT v = InDbt(value.get(), value_len);
+  DB* db = g_stats.iflstats_full_db;
+  st = get_vsk_err(db->put(db, txn, &k, &v, 0));
+  if (st != VSK_OK) VSK_TRACE("%s store failed:%d", caller, st);
+  return st;
+}
+
+}  // namespace vsk::stats
+
+using namespace vsk::stats;
+
+extern "C" {
+
+vsk_status_t libstats_get_iflstats_full_record(libstats_iflstats_full_t* record) {
+  static constexpr const char kName[] = "libstats_get_iflstats_full_record";
+  if (record == nullptr) return VSK_ERR_INVALID_PARAM;
+  if (!StoreUsable(kName)) return VSK_ERR_FATAL;
+  KeyBuffer key;
+  vsk_status_t st = BuildFullKey(*record, &key);
+  if (st != VSK_OK) return st;
+  Txn txn;
+  st = txn.Begin();
+  if (st != VSK_OK) return st;
+  DBT k = key.Dbt();
+  MallocDbt value;
+  DB* db = g_stats.iflstats_full_db;
+  st = get_vsk_err(db->get(db, txn.get(), &k, value.dbt(), DB_RMW));
+  if (st != VSK_OK) {
+    txn.Abort(st);
+    VSK_TRACE("%s: get failed:%d", kName, st);
+    return st;
+  }
+  st = txn.Commit();
+  if (st != VSK_OK) {
+    db->errx(db, "Error searching iflstats full for record:");
+    VSK_TRACE("%s: err:%d searching", kName, st);
+    return st;
+  }
+  std::memset(record->stats, 0, sizeof(record->stats));
+  int ret = DecodeIflstatsFull(value.data(), value.size(), record);
+  if (ret != 0) {
+    VSK_TRACE("copy failed err:%d\n", ret);
+    libstats_free_iflstats_full_all(record);
+  }
+  return ret;
+}
+
+vsk_status_t libstats_write_iflstats_full_record(libstats_iflstats_full_t* record) {
+  static constexpr const char kName[] = "libstats_write_iflstats_full_record_internal";
+  if (record == nullptr) return VSK_ERR_INVALID_PARAM;
+  if (!StoreUsable(kName)) return VSK_ERR_FATAL;
+  Txn txn;
+  vsk_status_t st = txn.Begin();
+  if (st != VSK_OK) return st;
+  st = PutFullRecord(txn.get(), *record, kName);
+  if (st != VSK_OK) {
+    txn.Abort(st);
+    return st;
+  }
+  return txn.Commit();
+}
+
+vsk_status_t libstats_del_iflstats_full_record(libstats_iflstats_full_t* record) {
+  static constexpr const char kName[] = "libstats_del_iflstats_full_record";
+  if (record == nullptr) return VSK_ERR_INVALID_PARAM;
+  if (!StoreUsable(kName)) return VSK_ERR_FATAL;
+  KeyBuffer key;
+  vsk_status_t st = BuildFullKey(*record, &key);
+  if (st != VSK_OK) return st;
+  VSK_TRACE("%s: key_len:%zd", kName, static_cast<ssize_t>(key.len));
+  VSK_TRACE("%s: buflen:%zd key_len:%zd", kName, static_cast<ssize_t>(sizeof(key.bytes)),
+            static_cast<ssize_t>(key.len));
+  Txn txn;
+  st = txn.Begin();
+  if (st != VSK_OK) return st;
+  DBT k = key.Dbt();
+  DB* db = g_stats.iflstats_full_db;
+  st = get_vsk_err(db->del(db, txn.get(), &k, 0));
+  if (st != VSK_OK) {
+    txn.Abort(st);
+    VSK_TRACE("%s: del failed:%d", kName, st);
+    return st;
+  }
+  st = txn.Commit();
+  if (st != VSK_OK) {
+    db->errx(db, "Error deleting record:");
+    VSK_TRACE("%s: err=%d", kName, st);
+  }
+  return st;
+}
+
+void libstats_free_iflstats_full(libstats_iflstats_full_set_t* set) {
+  if (set == nullptr) return;
+  for (const PointerSection& s : kPointerSection) {
+    void*& slot = SlotOf(set, s);
+    std::free(slot);
+    slot = nullptr;
+  }
+  // Queue counters are freed up to the first gap; what stands behind one is not this
+  // function's to free.
+  for (libstats_ifl_qcntr_t*& c : set->qcntr) {
+    if (c == nullptr) break;
+    std::free(c);
+    c = nullptr;
+  }
+  for (libstats_ifl_qcntr_t*& c : set->inqcntr) {
+    if (c == nullptr) break;
+    std::free(c);
+    c = nullptr;
+  }
+}
+
+void libstats_free_iflstats_full_all(libstats_iflstats_full_t* record) {
+  if (record == nullptr) return;
+  for (libstats_iflstats_full_set_t& set : record->stats) libstats_free_iflstats_full(&set);
+}
+
+void libstats_free_iflstats_full_record(libstats_iflstats_full_t* record) {
+  if (record == nullptr) return;
+  std::free(record->loc_id);
+  std::free(record);
+}
+
+void libstats_iflstats_full_set_version(uint32_t* ts) {
+  if (ts != nullptr) *ts = LIBSTATS_IFLSTATS_FULL_VERSION;
+}
+
+}  // extern "C"

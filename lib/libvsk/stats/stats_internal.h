@@ -1,0 +1,86 @@
+// Helpers shared by the statistics sources: the store gate, a transaction guard, and the
+// Berkeley DB descriptors the operations use.
+//
+// Everything here runs on the caller's thread, inside one call; nothing is kept.
+#pragma once
+
+#include <db.h>
+
+#include <cstdint>
+#include <cstdlib>
+
+#include "vsk/libstats.h"
+#include "vsk/store.h"
+
+namespace vsk::stats {
+
+// True when the store is usable. Otherwise traces "<caller>: bad vsk env ptr".
+bool StoreUsable(const char* caller);
+
+// One transaction of the store, started by Begin(). Whatever is still open when the guard
+// goes is aborted, so that an early return never leaves a transaction behind.
+class Txn {
+ public:
+  Txn() = default;
+  ~Txn() { Abort(VSK_OK); }
+  Txn(const Txn&) = delete;
+  Txn& operator=(const Txn&) = delete;
+
+  vsk_status_t Begin() { return vsk_db_start_txn(&block_); }
+  // Commits; the handle is gone afterwards whatever the result.
+  vsk_status_t Commit() { return vsk_db_end_txn(&block_); }
+  // Aborts unless `status` says the environment is recovering (see vsk_db_abort_txn).
+  vsk_status_t Abort(vsk_status_t status) {
+    if (block_.txn == nullptr) return VSK_OK;
+    return vsk_db_abort_txn(&block_, status);
+  }
+  DB_TXN* get() const { return block_.txn; }
+
+ private:
+  vsk_db_txn_t block_{};
+};
+
+// A descriptor of bytes that Berkeley DB reads.
+inline DBT InDbt(const void* data, uint32_t size) {
+  DBT d{};
+  d.data = const_cast<void*>(data);
+  d.size = size;
+  return d;
+}
+
+// A descriptor that Berkeley DB fills with memory it allocates; freed with the object
+// unless Release()d.
+class MallocDbt {
+ public:
+  MallocDbt() { dbt_.flags = DB_DBT_MALLOC; }
+  ~MallocDbt() { std::free(dbt_.data); }
+  MallocDbt(const MallocDbt&) = delete;
+  MallocDbt& operator=(const MallocDbt&) = delete;
+
+  DBT* dbt() { return &dbt_; }
+  const uint8_t* data() const { return static_cast<const uint8_t*>(dbt_.data); }
+  uint32_t size() const { return dbt_.size; }
+  void* Release() {
+    void* p = dbt_.data;
+    dbt_.data = nullptr;
+    return p;
+  }
+  // Frees what the last read gave, before the next one.
+  void Reset() {
+    std::free(dbt_.data);
+    dbt_.data = nullptr;
+    dbt_.size = 0;
+  }
+
+ private:
+  DBT dbt_{};
+};
+
+// A key built in the fixed key buffer of the module.
+struct KeyBuffer {
+  uint8_t bytes[LIBSTATS_KEY_BUFFER_SIZE] = {};
+  uint32_t len = 0;
+  DBT Dbt() const { return InDbt(bytes, len); }
+};
+
+}  // namespace vsk::stats
