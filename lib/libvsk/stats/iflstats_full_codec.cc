@@ -46,6 +46,17 @@ constexpr uint32_t kWordSize = sizeof(uint32_t);
 constexpr int kMaxTag = LIBSTATS_TLV_MCAST;
 
 constexpr uint32_t TlvLen(uint32_t section) { return kTlvHeader + section; }
+
+// A new section of `size` bytes holding the first bytes of `body` (at most `size`), the
+// rest zero. Null when memory is short.
+void* NewSection(uint32_t size, const uint8_t* body, uint32_t body_len) {
+  void* p = std::malloc(size);
+  if (p == nullptr) return nullptr;
+  const uint32_t n = std::min(body_len, size);
+  std::memcpy(p, body, n);
+  std::memset(static_cast<uint8_t*>(p) + n, 0, size - n);
+  return p;
+}
 constexpr uint32_t RoundUp4(uint32_t n) { return (n + 3u) & ~3u; }
 
 const PointerSection* PointerSectionByTag(uint16_t tag) {
@@ -141,7 +152,8 @@ vsk_status_t EncodeIflstatsFull(const libstats_iflstats_full_t& record, Buffer* 
   // The work buffer is sized from the total, so that a record with every section in both
   // sets (17296 bytes) fits.
   const uint32_t total_tlv_len = TotalTlvLen(record);
-  Buffer buf(static_cast<uint8_t*>(std::calloc(1, total_tlv_len)));
+  // Every byte is written below (the length check proves it), so none is cleared first.
+  Buffer buf(static_cast<uint8_t*>(std::malloc(total_tlv_len)));
   if (buf == nullptr) return VSK_ERR_FATAL;
   TlvWriter w(buf.get(), total_tlv_len);
   EncodeSet(record.stats[LS_CURRENT], &w);
@@ -179,13 +191,12 @@ int DecodeIflstatsFull(const uint8_t* data, uint32_t size, libstats_iflstats_ful
         VSK_TRACE("invalid index iflstats_full:%d", tag);
         return EINVAL;
       }
-      auto* c = static_cast<libstats_ifl_qcntr_t*>(std::calloc(1, kQcntrSize));
+      auto* c = static_cast<libstats_ifl_qcntr_t*>(NewSection(kQcntrSize, body, body_len));
       if (c == nullptr) {
         VSK_TRACE("%s", tag == LIBSTATS_TLV_QCNTR ? "mem alloc failed for iflstats queue counter"
                                                   : "mem alloc failed for iflstats inqueue counter");
         return ENOMEM;
       }
-      std::memcpy(c, body, std::min(body_len, kQcntrSize));
       Set& set = record->stats[qc.set];
       (tag == LIBSTATS_TLV_QCNTR ? set.qcntr : set.inqcntr)[qc.index] = c;
       VSK_TRACE("tlv_len:%d %s", len, tag == LIBSTATS_TLV_QCNTR ? "qcntr" : "inqcntr");
@@ -212,12 +223,11 @@ int DecodeIflstatsFull(const uint8_t* data, uint32_t size, libstats_iflstats_ful
       VSK_TRACE("tlv_len:%d %s", len, tag == LIBSTATS_TLV_TS ? "ts" : "gen_num");
     } else {
       const PointerSection& s = *PointerSectionByTag(tag);
-      void* p = std::calloc(1, s.size);
+      void* p = NewSection(s.size, body, body_len);
       if (p == nullptr) {
         VSK_TRACE("%s", s.no_mem);
         return ENOMEM;
       }
-      std::memcpy(p, body, std::min(body_len, s.size));
       SlotOf(&set, s) = p;
       VSK_TRACE("tlv_len:%d %s", len, s.decode);
       if (tag == LIBSTATS_TLV_Q || tag == LIBSTATS_TLV_INQ) {
