@@ -24,7 +24,7 @@
 #include <cstring>
 
 #include "libvsk/shared/layout.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "vsk/shared.h"
 #include "vsk/store.h"
 

@@ -12,7 +12,7 @@
 
 #include "libvsk/orvd_ctx.h"
 #include "libvsk/store/env_internal.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "platform/lodex.h"
 #include "vsk/dyn_db.h"
 #include "vsk/shared.h"

@@ -18,7 +18,7 @@
 #include <string>
 
 #include "libvsk/store/env_internal.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "platform/lodex.h"
 #include "platform/paths.h"
 #include "platform/progname.h"

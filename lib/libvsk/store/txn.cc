@@ -7,7 +7,7 @@
 #include <db.h>
 
 #include "libvsk/store/context.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "vsk/orvd.h"
 #include "vsk/store.h"
 
