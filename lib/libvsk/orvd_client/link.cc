@@ -13,6 +13,7 @@
 #include <cstring>
 #include <string>
 
+#include "libvsk/base/byte_reader.h"
 #include "libvsk/orvd_client/link.h"
 #include "libvsk/orvd_client/wire.h"
 #include "platform/logging.h"
@@ -102,15 +103,25 @@ void ReadMessage(orvd_ctx* ctx) {
   size_t body = type == ORVD_MSG_REGISTER_ACK ? kAckBodySize : kPlatdBodySize;
   if (!Receive(ctx, ctx->rx_buffer, body)) return;
 
+  base::ByteReader in(ctx->rx_buffer, body);
   if (type == ORVD_MSG_PLATD_ISSU_STATE) {
-    uint32_t state;
-    std::memcpy(&state, ctx->rx_buffer, sizeof state);
+    uint32_t state = 0;
+    in.Get(&state);
     OnPlatdIssuState(ctx, state);
     return;
   }
-  RegisterAckMsg ack;
-  ack.type = type;
-  std::memcpy(reinterpret_cast<uint8_t*>(&ack) + sizeof(uint32_t), ctx->rx_buffer, body);
+  // The body of RegisterAckMsg, field by field (its members are unaligned).
+  struct {
+    uint8_t flags = 0;
+    int32_t error = 0;
+    uint32_t daemon_issu_state = 0;
+    uint32_t platd_issu_state = 0;
+  } ack;
+  in.Get(&ack.flags);
+  in.Skip(sizeof(RegisterAckMsg::reserved));
+  in.Get(&ack.error);
+  in.Get(&ack.daemon_issu_state);
+  in.Get(&ack.platd_issu_state);
   if (ack.flags & kAckAccepted) {
     if (ctx->issu_enabled) {
       ORVD_TRACE(ctx, "Received ORVD Reg, daemon issu state <%s>, platd issu state <%s>",
