@@ -23,7 +23,6 @@ namespace {
 
 using namespace vsk::orvd;
 
-
 }  // namespace
 
 Server::Server(evContext ev, HealthFn health) : ev_(ev), health_(health) {}
@@ -253,8 +252,8 @@ void Server::BroadcastStoreDown(int32_t status) {
 }
 
 void Server::Drop(Connection* conn, const char* why) {
-  auto it = std::find_if(conns_.begin(), conns_.end(),
-                         [conn](const auto& c) { return c.get() == conn; });
+  auto it =
+      std::find_if(conns_.begin(), conns_.end(), [conn](const auto& c) { return c.get() == conn; });
   if (it == conns_.end()) return;
   Log("dropping %s: %s", conn->name.empty() ? "client" : conn->name.c_str(), why);
   if (conn->registered) table_[conn->name].connected = false;

@@ -1,12 +1,13 @@
 // Status codes: the message table, the translation of raw values, and the trace hook
 // with the two process-wide switches. Part of the base module: every layer uses these.
+#include "vsk/status.h"
+
 #include <db.h>
 
 #include <iterator>
 
 #include "libvsk/base/role.h"
 #include "libvsk/base/trace.h"
-#include "vsk/status.h"
 
 namespace {
 

@@ -30,13 +30,13 @@ orvd_ctx* TraceHandle();
 
 // Traces `...` (a printf format and its arguments) at `level` with `handle` as the first
 // argument of the hook. Nothing is evaluated when the hook is null.
-#define VSK_TRACE_WITH(handle, level, ...)                                            \
-  do {                                                                                \
-    vsk_trace_cbk_t vsk_trace_fn_ = vsk_trace_cbk;                                    \
-    if (vsk_trace_fn_ != nullptr) {                                                   \
-      if (false) ::vsk::base::CheckTraceFormat(__VA_ARGS__);                          \
-      vsk_trace_fn_(static_cast<void*>(handle), (level), __VA_ARGS__);                \
-    }                                                                                 \
+#define VSK_TRACE_WITH(handle, level, ...)                             \
+  do {                                                                 \
+    vsk_trace_cbk_t vsk_trace_fn_ = vsk_trace_cbk;                     \
+    if (vsk_trace_fn_ != nullptr) {                                    \
+      if (false) ::vsk::base::CheckTraceFormat(__VA_ARGS__);           \
+      vsk_trace_fn_(static_cast<void*>(handle), (level), __VA_ARGS__); \
+    }                                                                  \
   } while (0)
 
 #define VSK_TRACE_AT(level, ...) VSK_TRACE_WITH(::vsk::base::TraceHandle(), level, __VA_ARGS__)

@@ -3,6 +3,8 @@
 //
 // The reader blocks in recv for the fixed size of each message: orvd writes whole
 // messages, and the socket is only read when it is readable.
+#include "libvsk/orvd_client/link.h"
+
 #include <errno.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -14,7 +16,6 @@
 #include <string>
 
 #include "libvsk/base/byte_reader.h"
-#include "libvsk/orvd_client/link.h"
 #include "libvsk/orvd_client/wire.h"
 #include "platform/logging.h"
 #include "platform/mgtlib_issu.h"
@@ -135,8 +136,7 @@ void ReadMessage(orvd_ctx* ctx) {
     ctx->reg_ack = true;
     return;
   }
-  ORVD_TRACE(ctx, "VSK env is invalid: %s",
-             ack.error == 0 ? "OK" : vsk_get_err_msg(ack.error));
+  ORVD_TRACE(ctx, "VSK env is invalid: %s", ack.error == 0 ? "OK" : vsk_get_err_msg(ack.error));
   // -11: the environment is being recovered under us; the close must not touch it.
   if (ack.error == VSK_ERR_RECOVERING) vsk_in_panic = true;
   orvd_reg_cleanup(ctx, true, true);
@@ -203,8 +203,7 @@ vsk_status_t ConnectAndRegister(orvd_ctx* ctx) {
   if (ctx->reg_type_event) {
     if (__evSelectFD(ctx->event_ctx, ctx->fd, EV_READ, OnSocketReadable, ctx,
                      &ctx->event_file_id) != 0) {
-      ORVD_TRACE(ctx, "Unable to complete socket-selection operation %s",
-                 std::strerror(errno));
+      ORVD_TRACE(ctx, "Unable to complete socket-selection operation %s", std::strerror(errno));
       ctx->event_registered = false;
       return VSK_ERR_ORVD_FATAL;
     }

@@ -10,8 +10,8 @@
 
 #include <cstddef>
 
-#include "libvsk/orvd_ctx.h"
 #include "libvsk/base/trace.h"
+#include "libvsk/orvd_ctx.h"
 #include "vsk/status.h"
 
 namespace vsk::orvd {

@@ -2,10 +2,10 @@
 //
 // Record framing: version (u16, 1), then sections of tag (u32), length (u32) and contents,
 // host order, no padding. Decoders walk records with base::ByteReader, so no read passes
-// the record's end whatever a length field says. Encoders are two-pass (object, buffer, room) -> size needed, and
-// write a section only when all of it fits. Decoders follow the value-decoder shape of the
-// generic engine (out, data, size, mask, mask_len) and return the offset reached (equal to
-// `size` on success), -1 for a malformed record, -2 for no memory, -20 for a record
+// the record's end whatever a length field says. Encoders are two-pass (object, buffer, room) ->
+// size needed, and write a section only when all of it fits. Decoders follow the value-decoder
+// shape of the generic engine (out, data, size, mask, mask_len) and return the offset reached
+// (equal to `size` on success), -1 for a malformed record, -2 for no memory, -20 for a record
 // filtered out by `mask`. A value decoder takes the buffer in every case: when *out is
 // non-null afterwards the object holds it in `raw` and the caller releases the object with
 // free_raw true (also on failure); when *out is null the decoder has freed it.
@@ -32,8 +32,7 @@ int DecodeClientRecord(void* out, void* data, uint32_t size, const uint8_t* mask
                        uint16_t mask_len);
 int DecodeServiceRecord(void* out, void* data, uint32_t size, const uint8_t* mask,
                         uint16_t mask_len);
-int DecodeAuthRecord(void* out, void* data, uint32_t size, const uint8_t* mask,
-                     uint16_t mask_len);
+int DecodeAuthRecord(void* out, void* data, uint32_t size, const uint8_t* mask, uint16_t mask_len);
 int DecodeDynamicRecord(void* out, void* data, uint32_t size, const uint8_t* mask,
                         uint16_t mask_len);
 // Application bytes: no framing; the object keeps the buffer.
@@ -143,7 +142,6 @@ int WalkSections(base::ByteReader& r, Handler handler) {
 }
 
 // Shared by the client and service decoders: does a record with these bits pass `mask`?
-bool ConfigBitsPass(const uint8_t* bits, uint16_t bits_len, const uint8_t* mask,
-                    uint16_t mask_len);
+bool ConfigBitsPass(const uint8_t* bits, uint16_t bits_len, const uint8_t* mask, uint16_t mask_len);
 
 }  // namespace vsk::store

@@ -48,24 +48,24 @@ namespace {
 // The single-section framing shared by the auth and dynamic records. `decode` fills the
 // object from one section's contents; `release` frees a half-built object.
 template <typename Rec, typename DecodeFn, typename ReleaseFn>
-int DecodeSingleSection(void* out, void* data, uint32_t size, uint32_t want_tag,
-                        bool check_version, DecodeFn decode, ReleaseFn release) {
+int DecodeSingleSection(void* out, void* data, uint32_t size, uint32_t want_tag, bool check_version,
+                        DecodeFn decode, ReleaseFn release) {
   auto** slot = static_cast<Rec**>(out);
   Rec* rec = StartDecoded<Rec>(out, data);
   if (rec == nullptr) return VSK_ERR_NOMEM;
   base::ByteReader r(data, size);
   if (auto early = ReadVersion(r, check_version)) return *early;
-  return WalkSections(r, [&](uint32_t tag, uint32_t length,
-                             base::ByteReader& body) -> SectionVerdict {
-    if (tag != want_tag) return SectionVerdict::StopBefore();
-    base::ByteReader contents;
-    body.Slice(length, &contents);  // fits: the walk checked the length
-    const int result = decode(rec, contents);
-    if (result == 0) return SectionVerdict::Next();
-    release(rec, true);
-    *slot = nullptr;
-    return SectionVerdict::Return(result);
-  });
+  return WalkSections(r,
+                      [&](uint32_t tag, uint32_t length, base::ByteReader& body) -> SectionVerdict {
+                        if (tag != want_tag) return SectionVerdict::StopBefore();
+                        base::ByteReader contents;
+                        body.Slice(length, &contents);  // fits: the walk checked the length
+                        const int result = decode(rec, contents);
+                        if (result == 0) return SectionVerdict::Next();
+                        release(rec, true);
+                        *slot = nullptr;
+                        return SectionVerdict::Return(result);
+                      });
 }
 
 }  // namespace

@@ -86,68 +86,69 @@ int DecodeClientRecord(void* out, void* data, uint32_t size, const uint8_t* mask
     *slot = nullptr;
     return SectionVerdict::Return(result);
   };
-  return WalkSections(r, [&](uint32_t tag, uint32_t length,
-                             base::ByteReader& body) -> SectionVerdict {
-    switch (tag) {
-      case VSK_SECTION_CLIENT_ATTRS: {
-        base::ByteReader entries;
-        body.Slice(length, &entries);  // fits: the walk checked the length
-        const int result = vsk::attr::DecodeAttrEntries(entries, &rec->attrs);
-        return result != 0 ? give_up(result) : SectionVerdict::Next();
-      }
-      case VSK_SECTION_SERVICE_IDS: {
-        // The count is checked against the rest of the record, as the writers of old
-        // records expect; the walk then steps by the section's length.
-        if (body.remaining() < 3) return SectionVerdict::Return(-1);
-        base::ByteReader ids = body;
-        uint16_t count = 0;
-        ids.Get(&count);
-        if (count != 0 && 8u * count > ids.remaining()) return give_up(-1);
-        // The ids lie at an odd offset in the record; they get an aligned copy so that
-        // callers may index them as vsk_session_id_t.
-        std::free(rec->free_service_ids ? rec->service_ids : nullptr);
-        rec->service_ids = nullptr;
-        rec->free_service_ids = 0;
-        rec->service_count = count;
-        if (count != 0) {
-          auto* copy = static_cast<vsk_session_id_t*>(std::malloc(8u * count));
-          if (copy == nullptr) return SectionVerdict::Return(VSK_ERR_NOMEM);
-          ids.Bytes(copy, 8u * count);
-          rec->service_ids = copy;
-          rec->free_service_ids = 1;
-        }
-        body.Skip(length);
-        return SectionVerdict::Next();
-      }
-      case VSK_SECTION_DYNAMIC_ID: {
-        base::ByteReader id = body;
-        if (!id.Get(&rec->dynamic_id)) return SectionVerdict::Return(-1);
-        body.Skip(length);
-        return SectionVerdict::Next();
-      }
-      case VSK_SECTION_CONFIG_BITS: {
-        // The length field says 8 whatever the mask's size: step by the inner length. With
-        // too little left for a length and one byte the walk goes on at the next header.
-        if (body.remaining() < 5) return SectionVerdict::Next();
-        uint16_t n = 0;
-        const uint8_t* src = nullptr;
-        body.Get(&n);
-        if (!body.Take(n, &src)) return SectionVerdict::Return(-1);
-        auto* bits = static_cast<uint8_t*>(std::calloc(n + 1u, 1));
-        if (bits == nullptr) return SectionVerdict::Return(VSK_ERR_NOMEM);
-        std::memcpy(bits, src, n);
-        std::free(rec->config_bits);
-        rec->config_bits = bits;
-        rec->config_bits_len = n;
-        if (!ConfigBitsPass(bits, n, mask, mask_len)) {
-          return SectionVerdict::Return(VSK_ERR_SNAPSHOT_ONLY);
-        }
-        return SectionVerdict::Next();
-      }
-      default:
-        return SectionVerdict::StopBefore();
-    }
-  });
+  return WalkSections(r,
+                      [&](uint32_t tag, uint32_t length, base::ByteReader& body) -> SectionVerdict {
+                        switch (tag) {
+                          case VSK_SECTION_CLIENT_ATTRS: {
+                            base::ByteReader entries;
+                            body.Slice(length, &entries);  // fits: the walk checked the length
+                            const int result = vsk::attr::DecodeAttrEntries(entries, &rec->attrs);
+                            return result != 0 ? give_up(result) : SectionVerdict::Next();
+                          }
+                          case VSK_SECTION_SERVICE_IDS: {
+                            // The count is checked against the rest of the record, as the writers
+                            // of old records expect; the walk then steps by the section's length.
+                            if (body.remaining() < 3) return SectionVerdict::Return(-1);
+                            base::ByteReader ids = body;
+                            uint16_t count = 0;
+                            ids.Get(&count);
+                            if (count != 0 && 8u * count > ids.remaining()) return give_up(-1);
+                            // The ids lie at an odd offset in the record; they get an aligned copy
+                            // so that callers may index them as vsk_session_id_t.
+                            std::free(rec->free_service_ids ? rec->service_ids : nullptr);
+                            rec->service_ids = nullptr;
+                            rec->free_service_ids = 0;
+                            rec->service_count = count;
+                            if (count != 0) {
+                              auto* copy = static_cast<vsk_session_id_t*>(std::malloc(8u * count));
+                              if (copy == nullptr) return SectionVerdict::Return(VSK_ERR_NOMEM);
+                              ids.Bytes(copy, 8u * count);
+                              rec->service_ids = copy;
+                              rec->free_service_ids = 1;
+                            }
+                            body.Skip(length);
+                            return SectionVerdict::Next();
+                          }
+                          case VSK_SECTION_DYNAMIC_ID: {
+                            base::ByteReader id = body;
+                            if (!id.Get(&rec->dynamic_id)) return SectionVerdict::Return(-1);
+                            body.Skip(length);
+                            return SectionVerdict::Next();
+                          }
+                          case VSK_SECTION_CONFIG_BITS: {
+                            // The length field says 8 whatever the mask's size: step by the inner
+                            // length. With too little left for a length and one byte the walk goes
+                            // on at the next header.
+                            if (body.remaining() < 5) return SectionVerdict::Next();
+                            uint16_t n = 0;
+                            const uint8_t* src = nullptr;
+                            body.Get(&n);
+                            if (!body.Take(n, &src)) return SectionVerdict::Return(-1);
+                            auto* bits = static_cast<uint8_t*>(std::calloc(n + 1u, 1));
+                            if (bits == nullptr) return SectionVerdict::Return(VSK_ERR_NOMEM);
+                            std::memcpy(bits, src, n);
+                            std::free(rec->config_bits);
+                            rec->config_bits = bits;
+                            rec->config_bits_len = n;
+                            if (!ConfigBitsPass(bits, n, mask, mask_len)) {
+                              return SectionVerdict::Return(VSK_ERR_SNAPSHOT_ONLY);
+                            }
+                            return SectionVerdict::Next();
+                          }
+                          default:
+                            return SectionVerdict::StopBefore();
+                        }
+                      });
 }
 
 }  // namespace vsk::store

@@ -30,43 +30,44 @@ int DecodeServiceRecord(void* out, void* data, uint32_t size, const uint8_t* mas
   if (rec == nullptr) return VSK_ERR_NOMEM;
   base::ByteReader r(data, size);
   if (auto early = ReadVersion(r, true)) return *early;
-  return WalkSections(r, [&](uint32_t tag, uint32_t length,
-                             base::ByteReader& body) -> SectionVerdict {
-    switch (tag) {
-      case VSK_SECTION_SERVICE_ATTRS: {
-        base::ByteReader entries;
-        body.Slice(length, &entries);  // fits: the walk checked the length
-        const int result = vsk::attr::DecodeAttrEntries(entries, &rec->attrs);
-        if (result == 0) return SectionVerdict::Next();
-        // Cleared here too, so that no caller can release the object a second time.
-        vsk_db_release_service_session(rec, true);
-        *slot = nullptr;
-        return SectionVerdict::Return(result);
-      }
-      case VSK_SECTION_CLIENT_ID: {
-        base::ByteReader id = body;
-        if (!id.Get(&rec->client_id)) return SectionVerdict::Return(-1);
-        body.Skip(length);
-        return SectionVerdict::Next();
-      }
-      case VSK_SECTION_CONFIG_BITS: {
-        // As in the client record: step by the inner length, not the field's 8.
-        if (body.remaining() < 5) return SectionVerdict::Next();
-        uint16_t n = 0;
-        const uint8_t* bits = nullptr;
-        body.Get(&n);
-        if (!body.Take(n, &bits)) return SectionVerdict::Return(-1);
-        rec->config_bits_len = n;
-        rec->config_bits = const_cast<uint8_t*>(bits);
-        if (!ConfigBitsPass(rec->config_bits, n, mask, mask_len)) {
-          return SectionVerdict::Return(VSK_ERR_SNAPSHOT_ONLY);
-        }
-        return SectionVerdict::Next();
-      }
-      default:
-        return SectionVerdict::StopBefore();
-    }
-  });
+  return WalkSections(r,
+                      [&](uint32_t tag, uint32_t length, base::ByteReader& body) -> SectionVerdict {
+                        switch (tag) {
+                          case VSK_SECTION_SERVICE_ATTRS: {
+                            base::ByteReader entries;
+                            body.Slice(length, &entries);  // fits: the walk checked the length
+                            const int result = vsk::attr::DecodeAttrEntries(entries, &rec->attrs);
+                            if (result == 0) return SectionVerdict::Next();
+                            // Cleared here too, so that no caller can release the object a second
+                            // time.
+                            vsk_db_release_service_session(rec, true);
+                            *slot = nullptr;
+                            return SectionVerdict::Return(result);
+                          }
+                          case VSK_SECTION_CLIENT_ID: {
+                            base::ByteReader id = body;
+                            if (!id.Get(&rec->client_id)) return SectionVerdict::Return(-1);
+                            body.Skip(length);
+                            return SectionVerdict::Next();
+                          }
+                          case VSK_SECTION_CONFIG_BITS: {
+                            // As in the client record: step by the inner length, not the field's 8.
+                            if (body.remaining() < 5) return SectionVerdict::Next();
+                            uint16_t n = 0;
+                            const uint8_t* bits = nullptr;
+                            body.Get(&n);
+                            if (!body.Take(n, &bits)) return SectionVerdict::Return(-1);
+                            rec->config_bits_len = n;
+                            rec->config_bits = const_cast<uint8_t*>(bits);
+                            if (!ConfigBitsPass(rec->config_bits, n, mask, mask_len)) {
+                              return SectionVerdict::Return(VSK_ERR_SNAPSHOT_ONLY);
+                            }
+                            return SectionVerdict::Next();
+                          }
+                          default:
+                            return SectionVerdict::StopBefore();
+                        }
+                      });
 }
 
 }  // namespace vsk::store

@@ -74,7 +74,8 @@ TEST(ByteReader, LengthsReadFromTheDataAreNotTrusted) {
   const Case cases[] = {
       {"count above the values present", Section(5, 2, "x")},
       {"section length past the end", long_length},
-      {"text without its NUL", [] {
+      {"text without its NUL",
+       [] {
          std::vector<uint8_t> b = Section(0, 0, "ab");
          b.pop_back();
          const uint32_t len = static_cast<uint32_t>(b.size() - 8);
