@@ -1,16 +1,18 @@
 // Encoder and decoder of the full interface statistics record.
 //
-// The decoder never trusts a length it read: every TLV is checked to lie inside the value
-// before a byte of it is read, and no more than a section's size is copied into it, so
-// that any value (truncated, corrupt, hostile) ends in a status.
+// The decoder walks the value with a ByteReader and never trusts a length it read: every
+// TLV is sliced out of the value before a byte of it is read, and no more than a
+// section's size is copied into it, so that any value (truncated, corrupt, hostile) ends
+// in a status.
 #include "libvsk/stats/iflstats_full_codec.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
+#include "libvsk/base/byte_reader.h"
 #include "libvsk/stats/layout.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "platform/logging.h"
 
 namespace vsk::stats {
@@ -46,18 +48,22 @@ constexpr uint32_t kWordSize = sizeof(uint32_t);
 constexpr int kMaxTag = LIBSTATS_TLV_MCAST;
 
 constexpr uint32_t TlvLen(uint32_t section) { return kTlvHeader + section; }
+constexpr uint32_t RoundUp4(uint32_t n) { return (n + 3u) & ~3u; }
 
-// A new section of `size` bytes holding the first bytes of `body` (at most `size`), the
-// rest zero. Null when memory is short.
-void* NewSection(uint32_t size, const uint8_t* body, uint32_t body_len) {
+// Copies a section's image from `body` into `out` of `size` bytes. A longer image is cut
+// to the section (a conforming writer gives exactly the size), a shorter one leaves zeros.
+void CopySection(base::ByteReader* body, void* out, uint32_t size) {
+  const size_t n = std::min<size_t>(body->remaining(), size);
+  body->Bytes(out, n);
+  std::memset(static_cast<uint8_t*>(out) + n, 0, size - n);
+}
+
+// A new section of `size` bytes holding the image in `body`. Null when memory is short.
+void* NewSection(uint32_t size, base::ByteReader* body) {
   void* p = std::malloc(size);
-  if (p == nullptr) return nullptr;
-  const uint32_t n = std::min(body_len, size);
-  std::memcpy(p, body, n);
-  std::memset(static_cast<uint8_t*>(p) + n, 0, size - n);
+  if (p != nullptr) CopySection(body, p, size);
   return p;
 }
-constexpr uint32_t RoundUp4(uint32_t n) { return (n + 3u) & ~3u; }
 
 const PointerSection* PointerSectionByTag(uint16_t tag) {
   for (const PointerSection& s : kPointerSection) {
@@ -166,24 +172,22 @@ vsk_status_t EncodeIflstatsFull(const libstats_iflstats_full_t& record, Buffer* 
 }
 
 int DecodeIflstatsFull(const uint8_t* data, uint32_t size, libstats_iflstats_full_t* record) {
-  uint64_t pos = 0;
+  // A tail of up to 4 bytes is ignored, also when there is nothing behind it.
+  if (data == nullptr) return size > kTlvHeader ? EINVAL : 0;
+  base::ByteReader in(data, size);
   uint32_t num_queues = LIBSTATS_MAX_QUEUES;
   uint32_t seen[kMaxTag + 1] = {};
   QueueCursor out_queue;
   QueueCursor in_queue;
-  for (;;) {
-    // A tail of up to 4 bytes behind the last TLV is ignored.
-    if (size <= pos + kTlvHeader) return 0;
-    if (data == nullptr) return EINVAL;
-    uint16_t header[2];
-    std::memcpy(header, data + pos, kTlvHeader);
-    const uint16_t tag = header[0];
-    const uint32_t len = header[1];
+  while (in.remaining() > kTlvHeader) {
+    uint16_t tag = 0;
+    uint16_t len = 0;
+    in.Get(&tag);
+    in.Get(&len);
     if (len < kTlvHeader) return EINVAL;  // a length of 4 is an empty section
-    const uint8_t* body = data + pos + kTlvHeader;
-    const uint32_t body_len = len - kTlvHeader;
-    pos += RoundUp4(len);
-    if (pos > size) return EINVAL;
+    // The section and the padding up to the next multiple of 4 must lie in the value.
+    base::ByteReader body;
+    if (!in.Slice(len - kTlvHeader, &body) || !in.Skip(RoundUp4(len) - len)) return EINVAL;
 
     if (tag == LIBSTATS_TLV_QCNTR || tag == LIBSTATS_TLV_INQCNTR) {
       QueueCursor& qc = tag == LIBSTATS_TLV_QCNTR ? out_queue : in_queue;
@@ -191,7 +195,7 @@ int DecodeIflstatsFull(const uint8_t* data, uint32_t size, libstats_iflstats_ful
         VSK_TRACE("invalid index iflstats_full:%d", tag);
         return EINVAL;
       }
-      auto* c = static_cast<libstats_ifl_qcntr_t*>(NewSection(kQcntrSize, body, body_len));
+      auto* c = static_cast<libstats_ifl_qcntr_t*>(NewSection(kQcntrSize, &body));
       if (c == nullptr) {
         VSK_TRACE("%s", tag == LIBSTATS_TLV_QCNTR ? "mem alloc failed for iflstats queue counter"
                                                   : "mem alloc failed for iflstats inqueue counter");
@@ -215,15 +219,14 @@ int DecodeIflstatsFull(const uint8_t* data, uint32_t size, libstats_iflstats_ful
     }
     Set& set = record->stats[seen[tag]];
     if (tag == LIBSTATS_TLV_GENERIC) {
-      std::memcpy(&set.generic, body, std::min(body_len, kGenericSize));
+      CopySection(&body, &set.generic, kGenericSize);
       VSK_TRACE("tlv_len:%d generic stats", len);
     } else if (tag == LIBSTATS_TLV_TS || tag == LIBSTATS_TLV_GEN_NUM) {
-      uint32_t* word = tag == LIBSTATS_TLV_TS ? &set.ts : &set.gen_num;
-      std::memcpy(word, body, std::min(body_len, kWordSize));
+      CopySection(&body, tag == LIBSTATS_TLV_TS ? &set.ts : &set.gen_num, kWordSize);
       VSK_TRACE("tlv_len:%d %s", len, tag == LIBSTATS_TLV_TS ? "ts" : "gen_num");
     } else {
       const PointerSection& s = *PointerSectionByTag(tag);
-      void* p = NewSection(s.size, body, body_len);
+      void* p = NewSection(s.size, &body);
       if (p == nullptr) {
         VSK_TRACE("%s", s.no_mem);
         return ENOMEM;
@@ -236,6 +239,7 @@ int DecodeIflstatsFull(const uint8_t* data, uint32_t size, libstats_iflstats_ful
     }
     ++seen[tag];
   }
+  return 0;
 }
 
 }  // namespace vsk::stats

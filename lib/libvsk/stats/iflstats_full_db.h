@@ -18,4 +18,8 @@ vsk_status_t BuildFullKey(const libstats_iflstats_full_t& record, KeyBuffer* key
 vsk_status_t PutFullRecord(DB_TXN* txn, const libstats_iflstats_full_t& record,
                            const char* caller);
 
+// Frees the sections of one set (libstats_free_iflstats_full), of both sets.
+void FreeSet(libstats_iflstats_full_set_t* set);
+void FreeSets(libstats_iflstats_full_t* record);
+
 }  // namespace vsk::stats

@@ -3,7 +3,7 @@
 // keeps its published wording, slips included (marked where they stand).
 #include <cstdint>
 
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "vsk/libstats.h"
 
 namespace vsk::stats {

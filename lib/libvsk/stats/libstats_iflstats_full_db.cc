@@ -13,7 +13,7 @@
 
 #include "libvsk/stats/iflstats_full_codec.h"
 #include "libvsk/stats/stats_internal.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "vsk/libstats.h"
 
 namespace vsk::stats {
@@ -47,6 +47,26 @@ vsk_status_t PutFullRecord(DB_TXN* txn, const libstats_iflstats_full_t& record,
   st = get_vsk_err(db->put(db, txn, &k, &v, 0));
   if (st != VSK_OK) VSK_TRACE("%s store failed:%d", caller, st);
   return st;
+}
+
+void FreeSet(libstats_iflstats_full_set_t* set) {
+  for (const PointerSection& s : kPointerSection) {
+    void*& slot = SlotOf(set, s);
+    std::free(slot);
+    slot = nullptr;
+  }
+  // Queue counters are freed up to the first gap; what stands behind one is not this
+  // function's to free.
+  for (auto* counters : {set->qcntr, set->inqcntr}) {
+    for (int i = 0; i < LIBSTATS_MAX_QUEUES && counters[i] != nullptr; ++i) {
+      std::free(counters[i]);
+      counters[i] = nullptr;
+    }
+  }
+}
+
+void FreeSets(libstats_iflstats_full_t* record) {
+  for (libstats_iflstats_full_set_t& set : record->stats) FreeSet(&set);
 }
 
 }  // namespace vsk::stats
@@ -84,7 +104,7 @@ vsk_status_t libstats_get_iflstats_full_record(libstats_iflstats_full_t* record)
   int ret = DecodeIflstatsFull(value.data(), value.size(), record);
   if (ret != 0) {
     VSK_TRACE("copy failed err:%d\n", ret);
-    libstats_free_iflstats_full_all(record);
+    FreeSets(record);
   }
   return ret;
 }
@@ -134,29 +154,11 @@ vsk_status_t libstats_del_iflstats_full_record(libstats_iflstats_full_t* record)
 }
 
 void libstats_free_iflstats_full(libstats_iflstats_full_set_t* set) {
-  if (set == nullptr) return;
-  for (const PointerSection& s : kPointerSection) {
-    void*& slot = SlotOf(set, s);
-    std::free(slot);
-    slot = nullptr;
-  }
-  // Queue counters are freed up to the first gap; what stands behind one is not this
-  // function's to free.
-  for (libstats_ifl_qcntr_t*& c : set->qcntr) {
-    if (c == nullptr) break;
-    std::free(c);
-    c = nullptr;
-  }
-  for (libstats_ifl_qcntr_t*& c : set->inqcntr) {
-    if (c == nullptr) break;
-    std::free(c);
-    c = nullptr;
-  }
+  if (set != nullptr) FreeSet(set);
 }
 
 void libstats_free_iflstats_full_all(libstats_iflstats_full_t* record) {
-  if (record == nullptr) return;
-  for (libstats_iflstats_full_set_t& set : record->stats) libstats_free_iflstats_full(&set);
+  if (record != nullptr) FreeSets(record);
 }
 
 void libstats_free_iflstats_full_record(libstats_iflstats_full_t* record) {

@@ -13,7 +13,7 @@
 
 #include "libvsk/stats/layout.h"
 #include "libvsk/stats/stats_internal.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "vsk/libstats.h"
 
 namespace vsk::stats {
@@ -123,15 +123,8 @@ void EndWalk(libstats_cursor_ctx_t* ctx, vsk_status_t status) {
   ctx->txn = nullptr;
 }
 
-}  // namespace
-}  // namespace vsk::stats
-
-using namespace vsk::stats;
-
-extern "C" {
-
-int libstats_iflstats_key(const void* record, uint8_t* key, uint32_t* key_len,
-                          const void** value, uint32_t* value_len) {
+int IflstatsKey(const void* record, uint8_t* key, uint32_t* key_len, const void** value,
+                uint32_t* value_len) {
   auto* bytes = static_cast<const uint8_t*>(record);
   auto* r = static_cast<const libstats_iflstats_t*>(record);
   const uint16_t name_len = r->name_len;
@@ -145,8 +138,8 @@ int libstats_iflstats_key(const void* record, uint8_t* key, uint32_t* key_len,
   return 0;
 }
 
-int libstats_servstats_key(const void* record, uint8_t* key, uint32_t* key_len,
-                           const void** value, uint32_t* value_len) {
+int ServstatsKey(const void* record, uint8_t* key, uint32_t* key_len, const void** value,
+                 uint32_t* value_len) {
   auto* bytes = static_cast<const uint8_t*>(record);
   auto* r = static_cast<const libstats_servstats_t*>(record);
   const uint64_t size = uint64_t{LIBSTATS_SERVSTATS_ENTRY_SIZE(r->entry_extra_len)} *
@@ -157,6 +150,28 @@ int libstats_servstats_key(const void* record, uint8_t* key, uint32_t* key_len,
   *value = bytes + offsetof(libstats_servstats_t, magic);
   *value_len = static_cast<uint32_t>(size);  // at most 65608 * 65535 + 32, below 2^32
   return 0;
+}
+
+void FreeIflstatsRecord(libstats_iflstats_t* record) {
+  std::free(record->name);
+  std::free(record);
+}
+
+}  // namespace
+}  // namespace vsk::stats
+
+using namespace vsk::stats;
+
+extern "C" {
+
+int libstats_iflstats_key(const void* record, uint8_t* key, uint32_t* key_len,
+                          const void** value, uint32_t* value_len) {
+  return IflstatsKey(record, key, key_len, value, value_len);
+}
+
+int libstats_servstats_key(const void* record, uint8_t* key, uint32_t* key_len,
+                           const void** value, uint32_t* value_len) {
+  return ServstatsKey(record, key, key_len, value, value_len);
 }
 
 vsk_status_t libstats_store_stats_record(DB* table, const void* record, libstats_key_fn_t fn) {
@@ -170,7 +185,7 @@ vsk_status_t libstats_write_iflstats_record(libstats_iflstats_t* record) {
   if (record == nullptr) return VSK_ERR_INVALID_PARAM;
   record->value.magic = LIBSTATS_MAGIC;
   record->value.version = LIBSTATS_RECORD_VERSION;
-  return StoreRecord(g_stats.iflstats_db, record, libstats_iflstats_key);
+  return StoreRecord(g_stats.iflstats_db, record, IflstatsKey);
 }
 
 vsk_status_t libstats_write_servstats_record(libstats_servstats_t* record) {
@@ -178,14 +193,14 @@ vsk_status_t libstats_write_servstats_record(libstats_servstats_t* record) {
   if (record == nullptr) return VSK_ERR_INVALID_PARAM;
   record->magic = LIBSTATS_MAGIC;
   record->version = LIBSTATS_RECORD_VERSION;
-  return StoreRecord(g_stats.servstats_db, record, libstats_servstats_key);
+  return StoreRecord(g_stats.servstats_db, record, ServstatsKey);
 }
 
 vsk_status_t libstats_get_iflstats_record(libstats_iflstats_t* record) {
   if (!StoreUsable("libstats_get_iflstats_record")) return VSK_ERR_FATAL;
   if (record == nullptr) return VSK_ERR_INVALID_PARAM;
   MallocDbt value;
-  vsk_status_t st = ReadRecord(g_stats.iflstats_db, record, libstats_iflstats_key, &value);
+  vsk_status_t st = ReadRecord(g_stats.iflstats_db, record, IflstatsKey, &value);
   if (st != VSK_OK) return st;
   // A stored value shorter than the image (written by something else) leaves zeros.
   auto* image = reinterpret_cast<uint8_t*>(record) + offsetof(libstats_iflstats_t, value);
@@ -203,7 +218,7 @@ vsk_status_t libstats_get_servstats_record(const libstats_servstats_t* record, v
     return VSK_ERR_INVALID_PARAM;
   }
   MallocDbt value;
-  vsk_status_t st = ReadRecord(g_stats.servstats_db, record, libstats_servstats_key, &value);
+  vsk_status_t st = ReadRecord(g_stats.servstats_db, record, ServstatsKey, &value);
   if (st != VSK_OK) return st;
   *block = value.Release();
   *payload = static_cast<uint8_t*>(*block) + 4;
@@ -214,9 +229,9 @@ vsk_status_t libstats_del_iflstats_record(libstats_iflstats_t* record) {
   if (record == nullptr) return VSK_ERR_INVALID_PARAM;
   vsk_status_t st = VSK_ERR_FATAL;
   if (StoreUsable("libstats_del_iflstats_record")) {
-    st = DeleteRecord(g_stats.iflstats_db, record, libstats_iflstats_key);
+    st = DeleteRecord(g_stats.iflstats_db, record, IflstatsKey);
   }
-  libstats_free_iflstats_record(record);
+  FreeIflstatsRecord(record);
   return st;
 }
 
@@ -226,7 +241,7 @@ vsk_status_t libstats_del_servstats_record(libstats_servstats_t* record, int fre
     if (free_record == 1) std::free(record);
     return VSK_ERR_FATAL;
   }
-  vsk_status_t st = DeleteRecord(g_stats.servstats_db, record, libstats_servstats_key);
+  vsk_status_t st = DeleteRecord(g_stats.servstats_db, record, ServstatsKey);
   if (free_record) std::free(record);
   return st;
 }
@@ -301,9 +316,7 @@ vsk_status_t libstats_close_cursor(libstats_cursor_ctx_t* ctx) {
 }
 
 void libstats_free_iflstats_record(libstats_iflstats_t* record) {
-  if (record == nullptr) return;
-  std::free(record->name);
-  std::free(record);
+  if (record != nullptr) FreeIflstatsRecord(record);
 }
 
 void libstats_free_iflstats(void* block) { std::free(block); }

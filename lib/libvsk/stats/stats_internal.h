@@ -14,6 +14,11 @@
 
 namespace vsk::stats {
 
+// Names and opens the five tables in `env` (libstats_init_db).
+int InitDb(DB_ENV* env);
+// Closes them and frees the names (libstats_db_close).
+int CloseDb();
+
 // True when the store is usable. Otherwise traces "<caller>: bad vsk env ptr".
 bool StoreUsable(const char* caller);
 
