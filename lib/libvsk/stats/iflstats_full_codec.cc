@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "libvsk/base/byte_reader.h"
+#include "libvsk/base/byte_writer.h"
 #include "libvsk/stats/layout.h"
 #include "libvsk/base/trace.h"
 #include "platform/logging.h"
@@ -72,28 +73,25 @@ const PointerSection* PointerSectionByTag(uint16_t tag) {
   return nullptr;
 }
 
-// Appends TLVs into a buffer sized by TotalTlvLen. Writes past the end are refused (and
-// then show as a length mismatch), never made.
+// Appends TLVs into a buffer sized by TotalTlvLen. A TLV that does not fit is not
+// written, and then shows as a length mismatch.
 class TlvWriter {
  public:
-  TlvWriter(uint8_t* buf, uint32_t room) : buf_(buf), room_(room) {}
+  TlvWriter(uint8_t* buf, uint32_t room) : out_(buf, room) {}
   void Put(uint16_t tag, const void* image, uint32_t size) {
     const uint32_t len = TlvLen(size);
-    if (len > room_ - pos_) {
+    if (out_.room() - out_.pos() < len) {
       overflow_ = true;
       return;
     }
-    const uint16_t header[2] = {tag, static_cast<uint16_t>(len)};
-    std::memcpy(buf_ + pos_, header, kTlvHeader);
-    std::memcpy(buf_ + pos_ + kTlvHeader, image, size);
-    pos_ += len;
+    out_.Put(tag);
+    out_.Put(static_cast<uint16_t>(len));
+    out_.Bytes(image, size);
   }
-  uint32_t written() const { return overflow_ ? 0 : pos_; }
+  uint32_t written() const { return overflow_ ? 0 : static_cast<uint32_t>(out_.pos()); }
 
  private:
-  uint8_t* buf_;
-  uint32_t room_;
-  uint32_t pos_ = 0;
+  base::ByteWriter out_;
   bool overflow_ = false;
 };
 
