@@ -404,6 +404,119 @@ VSK_EXPORT int libstats_iflstats_full_get_secondary_index(struct __db *secondary
                                                           const struct __db_dbt *data,
                                                           struct __db_dbt *result);
 
+/* ---- Update rules (per process) ---------------------------------------------------- */
+
+/* Replies in which each counter was kept at the stored value (a drop of at most 65536,
+ * or a zero reply). */
+VSK_EXPORT extern uint32_t g_inflated_ifl_ipackets;
+VSK_EXPORT extern uint32_t g_inflated_ifl_opackets;
+VSK_EXPORT extern uint32_t g_inflated_ifl_ibytes;
+VSK_EXPORT extern uint32_t g_inflated_ifl_obytes;
+VSK_EXPORT extern uint32_t g_inflated_ifl_ipv6_ipackets;
+VSK_EXPORT extern uint32_t g_inflated_ifl_ipv6_opackets;
+VSK_EXPORT extern uint32_t g_inflated_ifl_ipv6_ibytes;
+VSK_EXPORT extern uint32_t g_inflated_ifl_ipv6_obytes;
+/* System log lines written for downward spikes since the last clear; at most 2000. */
+VSK_EXPORT extern uint32_t g_libstats_iflfull_stats_syslog_entries;
+/* The text form of the last location id converted. */
+VSK_EXPORT extern char location_id_str[256];
+
+/* Takes a reply of the forwarding engine for interface `ifl` on location `loc_id`: the
+ * eight packet and byte counters of reply->generic are compared with the stored
+ * LS_CURRENT (a counter that would fall by at most 65536, or to zero, keeps the stored
+ * value and the reply is changed to it; a larger fall is taken, and for the IPv4 counters
+ * written to the system log); then the reply's sections become LS_CURRENT and the record
+ * is written. A new record gets an all-zero LS_CLEARED with the same sections. The
+ * reply's sections stay the caller's. With `show` 1 the record is traced. */
+VSK_EXPORT vsk_status_t libstats_iflstats_full_update_record_in_db(
+    uint32_t ifl, libstats_iflstats_full_set_t *reply, const uint8_t *loc_id,
+    uint16_t loc_id_len, int show);
+VSK_EXPORT void libstats_iflstats_full_clear_syslog_entries_counter(void);
+/* Writes the text form of a location id to location_id_str and returns it: one
+ * hexadecimal digit per byte (its first), all of the last byte's. Ids longer than 254
+ * bytes are cut there. */
+VSK_EXPORT char *fwdd_convert_location_id_str(uint32_t length, const uint8_t *bytes);
+
+/* The rates of an aggregate bundle and its child links, as a caller sums them. */
+typedef struct __attribute__((packed)) libstats_agg_link_rate { /* 28 bytes */
+  uint32_t ipps;
+  uint32_t opps;
+  uint64_t ibps;
+  uint64_t obps;
+  uint32_t ifl; /* the child */
+} libstats_agg_link_rate_t;
+
+typedef struct __attribute__((packed)) libstats_agg_rates { /* 920 bytes */
+  uint64_t ibps;
+  uint64_t obps;
+  uint32_t ipps;
+  uint32_t opps;
+  libstats_agg_link_rate_t link[LIBSTATS_AGG_LINKS];
+} libstats_agg_rates_t;
+
+/* Adds the rates of the present links of set->aggr into `rates` (bundle and per link);
+ * never clears, so that several sets add up. `trace` non-zero traces each step. */
+VSK_EXPORT void libstats_iflstats_full_agg_bps_pps(uint32_t ifl, uint8_t trace,
+                                                   libstats_agg_rates_t *rates,
+                                                   const libstats_iflstats_full_set_t *set);
+/* Copies summed rates into the LS_CURRENT bundle of `results`: the bundle's four, and
+ * those of each link whose child matches the rate record at the same position. */
+VSK_EXPORT void libstats_iflstats_full_copy_agg_bps_pps(libstats_iflstats_full_t *results,
+                                                        const libstats_agg_rates_t *rates);
+
+/* ---- Operations by secondary index --------------------------------------------------- */
+
+enum { LIBSTATS_OP_CLEAR = 1, LIBSTATS_OP_DELETE = 2, LIBSTATS_OP_GET = 3 };
+
+/* The caller's table of bundle links: the child `ifl` of entry i is at byte 148 + 144 * i.
+ * It gives the order in which a get sums child links. */
+typedef struct libstats_agg_link_table {
+  uint8_t head[148];
+  struct {
+    uint32_t ifl;
+    uint8_t info[140];
+  } link[LIBSTATS_AGG_LINKS];
+} libstats_agg_link_table_t;
+
+/* On the group of full records of interface `index` (one per forwarding location):
+ *   LIBSTATS_OP_CLEAR: LS_CLEARED becomes a copy of LS_CURRENT in every record, all or
+ *     none; *count gets the number cleared. -7 when the interface has no record.
+ *   LIBSTATS_OP_DELETE: every record goes; 0 whatever was found; *count is not written.
+ *   LIBSTATS_OP_GET: *results gets a new record with the sum of the group (release it with
+ *     libstats_free_iflstats_full_all and libstats_free_iflstats_full_record), child links
+ *     summed in the order of `links` (may be null), bundle rates from `rates` (may be
+ *     null); *count the records read. 0 even when nothing was found.
+ * Any other code does nothing and gives 0; its transaction and cursor are left open until
+ * the statistics tables close. -1 when the store is not usable; 1 when no transaction can
+ * be started. */
+VSK_EXPORT vsk_status_t libstats_iflstats_full_op_using_sec_index(
+    uint32_t index, int32_t op, uint32_t *count, libstats_iflstats_full_t **results,
+    const libstats_agg_link_table_t *links, const libstats_agg_rates_t *rates);
+VSK_EXPORT vsk_status_t libstats_iflstats_full_clear_by_index(uint32_t index);
+VSK_EXPORT vsk_status_t libstats_iflstats_full_del_by_index(uint32_t index);
+/* The same on the plain records of `index`: clear zeroes the statistics and sets the
+ * flags to LIBSTATS_IFLSTATS_CLEARED_FLAGS; get sums into `result` (flags ORed, the second
+ * twelve counters only from records flagged LIBSTATS_IFLSTATS_FLAG_EXTENDED). Any other
+ * code gives 0. */
+VSK_EXPORT vsk_status_t libstats_op_iflstats_using_sec_index(uint64_t index, int32_t op,
+                                                             libstats_iflstats_counters_t *result);
+
+/* ---- Walks ------------------------------------------------------------------------- */
+
+enum { LIBSTATS_ISSU_IFLSTATS = 1, LIBSTATS_ISSU_SERVSTATS = 2 };
+
+/* Looks at the record version of every plain (type 1) or service (type 2) record after a
+ * software upgrade and traces what it found; changes nothing. */
+VSK_EXPORT void libstats_issu_walk_all_stats(int type);
+
+/* The interface registry of the management library (its own header). */
+struct mgtlib_iflm;
+/* Removes every full record whose interface no longer exists (per `handle`), was created
+ * again since (another generation number) or was written by another record version.
+ * -7 after a full walk; -1 when the store is not usable; 1 when no transaction can be
+ * started; 12 when memory is short. */
+VSK_EXPORT vsk_status_t libstats_iflstats_full_walk_all_stats(struct mgtlib_iflm *handle);
+
 VSK_END_DECLS
 
 #endif /* VSK_LIBSTATS_H */

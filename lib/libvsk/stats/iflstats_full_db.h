@@ -22,4 +22,15 @@ vsk_status_t PutFullRecord(DB_TXN* txn, const libstats_iflstats_full_t& record,
 void FreeSet(libstats_iflstats_full_set_t* set);
 void FreeSets(libstats_iflstats_full_t* record);
 
+// The record operations behind libstats_get_iflstats_full_record and
+// libstats_write_iflstats_full_record. REQUIRES: `record` not null.
+vsk_status_t GetFullRecord(libstats_iflstats_full_t* record);
+vsk_status_t WriteFullRecord(libstats_iflstats_full_t* record);
+// libstats_iflstats_full_show_records.
+void ShowFullRecord(const libstats_iflstats_full_t* record);
+// Writes the text form of a location id to location_id_str and returns it.
+char* LocationText(uint32_t length, const uint8_t* bytes);
+// libstats_iflstats_full_copy_agg_bps_pps.
+void CopyAggRates(libstats_iflstats_full_t* results, const libstats_agg_rates_t* rates);
+
 }  // namespace vsk::stats

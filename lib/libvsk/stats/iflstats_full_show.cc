@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "libvsk/base/trace.h"
+#include "libvsk/stats/iflstats_full_db.h"
 #include "vsk/libstats.h"
 
 namespace vsk::stats {
@@ -103,10 +104,8 @@ void ShowPolicer(const libstats_ifl_l2pol_t& p) {
 }
 
 }  // namespace
-}  // namespace vsk::stats
 
-extern "C" void libstats_iflstats_full_show_records(const libstats_iflstats_full_t* record) {
-  using namespace vsk::stats;
+void ShowFullRecord(const libstats_iflstats_full_t* record) {
   if (record == nullptr) {
     // Published text: "dispalyed" is part of it.
     VSK_TRACE("record for ifl full stats is NULL cannot be dispalyed");
@@ -124,4 +123,10 @@ extern "C" void libstats_iflstats_full_show_records(const libstats_iflstats_full
     if (set.mcast != nullptr) ShowMulticast(*set.mcast);
     if (set.pol != nullptr) ShowPolicer(*set.pol);
   }
+}
+
+}  // namespace vsk::stats
+
+extern "C" void libstats_iflstats_full_show_records(const libstats_iflstats_full_t* record) {
+  vsk::stats::ShowFullRecord(record);
 }

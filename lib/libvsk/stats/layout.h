@@ -122,3 +122,16 @@ inline constexpr uint32_t kFixedTlvBytes = 2 * (kTlvHeader + 112) + 4 * (kTlvHea
 static_assert(kFixedTlvBytes == 264);
 
 }  // namespace vsk::stats
+
+namespace vsk::stats {
+
+static_assert(sizeof(libstats_agg_link_rate_t) == 28);
+static_assert(offsetof(libstats_agg_link_rate_t, ibps) == 8);
+static_assert(offsetof(libstats_agg_link_rate_t, ifl) == 24);
+static_assert(sizeof(libstats_agg_rates_t) == 920);
+static_assert(offsetof(libstats_agg_rates_t, link) == 24);
+// The child of bundle link table entry i is at byte 148 + 144 * i.
+static_assert(offsetof(libstats_agg_link_table_t, link) == 148);
+static_assert(sizeof(libstats_agg_link_table_t::link[0]) == 144);
+
+}  // namespace vsk::stats

@@ -49,35 +49,8 @@ vsk_status_t PutFullRecord(DB_TXN* txn, const libstats_iflstats_full_t& record,
   return st;
 }
 
-void FreeSet(libstats_iflstats_full_set_t* set) {
-  for (const PointerSection& s : kPointerSection) {
-    void*& slot = SlotOf(set, s);
-    std::free(slot);
-    slot = nullptr;
-  }
-  // Queue counters are freed up to the first gap; what stands behind one is not this
-  // function's to free.
-  for (auto* counters : {set->qcntr, set->inqcntr}) {
-    for (int i = 0; i < LIBSTATS_MAX_QUEUES && counters[i] != nullptr; ++i) {
-      std::free(counters[i]);
-      counters[i] = nullptr;
-    }
-  }
-}
-
-void FreeSets(libstats_iflstats_full_t* record) {
-  for (libstats_iflstats_full_set_t& set : record->stats) FreeSet(&set);
-}
-
-}  // namespace vsk::stats
-
-using namespace vsk::stats;
-
-extern "C" {
-
-vsk_status_t libstats_get_iflstats_full_record(libstats_iflstats_full_t* record) {
+vsk_status_t GetFullRecord(libstats_iflstats_full_t* record) {
   static constexpr const char kName[] = "libstats_get_iflstats_full_record";
-  if (record == nullptr) return VSK_ERR_INVALID_PARAM;
   if (!StoreUsable(kName)) return VSK_ERR_FATAL;
   KeyBuffer key;
   vsk_status_t st = BuildFullKey(*record, &key);
@@ -109,9 +82,8 @@ vsk_status_t libstats_get_iflstats_full_record(libstats_iflstats_full_t* record)
   return ret;
 }
 
-vsk_status_t libstats_write_iflstats_full_record(libstats_iflstats_full_t* record) {
+vsk_status_t WriteFullRecord(libstats_iflstats_full_t* record) {
   static constexpr const char kName[] = "libstats_write_iflstats_full_record_internal";
-  if (record == nullptr) return VSK_ERR_INVALID_PARAM;
   if (!StoreUsable(kName)) return VSK_ERR_FATAL;
   Txn txn;
   vsk_status_t st = txn.Begin();
@@ -122,6 +94,42 @@ vsk_status_t libstats_write_iflstats_full_record(libstats_iflstats_full_t* recor
     return st;
   }
   return txn.Commit();
+}
+
+void FreeSet(libstats_iflstats_full_set_t* set) {
+  for (const PointerSection& s : kPointerSection) {
+    void*& slot = SlotOf(set, s);
+    std::free(slot);
+    slot = nullptr;
+  }
+  // Queue counters are freed up to the first gap; what stands behind one is not this
+  // function's to free.
+  for (auto* counters : {set->qcntr, set->inqcntr}) {
+    for (int i = 0; i < LIBSTATS_MAX_QUEUES && counters[i] != nullptr; ++i) {
+      std::free(counters[i]);
+      counters[i] = nullptr;
+    }
+  }
+}
+
+void FreeSets(libstats_iflstats_full_t* record) {
+  for (libstats_iflstats_full_set_t& set : record->stats) FreeSet(&set);
+}
+
+}  // namespace vsk::stats
+
+using namespace vsk::stats;
+
+extern "C" {
+
+vsk_status_t libstats_get_iflstats_full_record(libstats_iflstats_full_t* record) {
+  if (record == nullptr) return VSK_ERR_INVALID_PARAM;
+  return GetFullRecord(record);
+}
+
+vsk_status_t libstats_write_iflstats_full_record(libstats_iflstats_full_t* record) {
+  if (record == nullptr) return VSK_ERR_INVALID_PARAM;
+  return WriteFullRecord(record);
 }
 
 vsk_status_t libstats_del_iflstats_full_record(libstats_iflstats_full_t* record) {

@@ -16,6 +16,7 @@
 #include <string>
 
 #include "libvsk/base/trace.h"
+#include "libvsk/stats/sec_index.h"
 #include "libvsk/stats/stats_internal.h"
 #include "libvsk/store/joins.h"
 #include "platform/paths.h"
@@ -72,6 +73,7 @@ void FreeNames(libstats_databases_t* state) {
 // close performed, not of the first failure: a failing secondary close followed by a good
 // primary close gives 0.
 int CloseAll() {
+  CloseLeftOpen();
   int last = 0;
   auto step = [&last](DB*& slot, const char* failure) {
     DB* db = slot;
