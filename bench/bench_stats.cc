@@ -5,6 +5,12 @@
 //                                                     bytes, commit
 //   read    libstats_get_iflstats_full_record     vs  txn_begin, DB->get (DB_RMW,
 //           (then the sections are freed)             DB_DBT_MALLOC), commit, free
+//   update  libstats_iflstats_full_update_record_in_db of a reply (two transactions: read,
+//           then write)                           vs  one transaction with DB->get (DB_RMW)
+//                                                     and DB->put of the encoded bytes
+//   get-sum libstats_iflstats_full_op_using_sec_index(GET) over the 8 records of one
+//           interface                             vs  a read-committed cursor walk
+//                                                     (pget DB_SET, DB_NEXT_DUP) in a txn
 //   encode / decode of the same record beside a memcpy of its bytes (no target).
 //
 // A typical record: the generic section, the output queue header and eight queue counters
@@ -172,6 +178,79 @@ bool RawRead(DB_ENV* env, DB* db, std::vector<Entry>& entries) {
   return true;
 }
 
+// Each record's LS_CURRENT as the forwarding engine's next reply: counters that grow.
+bool LibUpdate(std::vector<Entry>& entries) {
+  for (Entry& e : entries) {
+    libstats_iflstats_full_set_t& reply = e.record->stats[LS_CURRENT];
+    reply.generic.ipackets += 10;
+    reply.generic.ibytes += 640;
+    vsk_status_t st = libstats_iflstats_full_update_record_in_db(
+        e.record->ifl, &reply, e.record->loc_id, e.record->loc_id_len, 0);
+    if (st != VSK_OK) return std::fprintf(stderr, "update: %d\n", st), false;
+  }
+  return true;
+}
+
+bool RawUpdate(DB_ENV* env, DB* db, std::vector<Entry>& entries) {
+  for (Entry& e : entries) {
+    bool ok = RawTxn(env, [&](DB_TXN* txn) {
+      DBT k{};
+      k.data = e.key.data();
+      k.size = static_cast<uint32_t>(e.key.size());
+      DBT old{};
+      old.flags = DB_DBT_MALLOC;
+      int ret = db->get(db, txn, &k, &old, DB_RMW);
+      std::free(old.data);
+      if (ret != 0) return ret;
+      DBT v{};
+      v.data = e.value.data();
+      v.size = static_cast<uint32_t>(e.value.size());
+      return db->put(db, txn, &k, &v, 0);
+    });
+    if (!ok) return false;
+  }
+  return true;
+}
+
+bool LibGetSum(std::vector<Entry>&) {
+  for (int i = 0; i < kInterfaces; ++i) {
+    uint32_t count = 0;
+    libstats_iflstats_full_t* sum = nullptr;
+    vsk_status_t st = libstats_iflstats_full_op_using_sec_index(
+        static_cast<uint32_t>(1000 + i), LIBSTATS_OP_GET, &count, &sum, nullptr, nullptr);
+    if (sum != nullptr) g_sink += sum->stats[LS_CURRENT].generic.ipackets;
+    libstats_free_iflstats_full_all(sum);
+    libstats_free_iflstats_full_record(sum);
+    if (st != VSK_OK || count != kLocations) {
+      return std::fprintf(stderr, "get-sum: %d, %u records\n", st, count), false;
+    }
+  }
+  return true;
+}
+
+bool RawGetSum(DB_ENV* env, DB* secondary, std::vector<Entry>&) {
+  for (int i = 0; i < kInterfaces; ++i) {
+    uint32_t ifl = static_cast<uint32_t>(1000 + i);
+    int found = 0;
+    bool ok = RawTxn(env, [&](DB_TXN* txn) {
+      DBC* c = nullptr;
+      int ret = secondary->cursor(secondary, txn, &c, DB_READ_COMMITTED);
+      if (ret != 0) return ret;
+      DBT k{};
+      k.data = &ifl;
+      k.size = sizeof(ifl);
+      DBT pk{}, v{};
+      for (uint32_t op = DB_SET; c->pget(c, &k, &pk, &v, op) == 0; op = DB_NEXT_DUP) {
+        g_sink += static_cast<uint8_t*>(v.data)[20];
+        ++found;
+      }
+      return c->close(c);
+    });
+    if (!ok || found != kLocations) return false;
+  }
+  return true;
+}
+
 double Quantile(std::vector<double> v, double q) {
   std::sort(v.begin(), v.end());
   double at = q * static_cast<double>(v.size() - 1);
@@ -256,6 +335,14 @@ int Run() {
   pairs.push_back({"read (vs DB->get DB_RMW in a txn)", LibRead,
                    [&](std::vector<Entry>& e) { return RawRead(env, db, e); }, kTargetRatio,
                    kRecords, 100, {}, {}, {}});
+  pairs.push_back({"update (vs DB->get DB_RMW + DB->put in a txn)", LibUpdate,
+                   [&](std::vector<Entry>& e) { return RawUpdate(env, db, e); }, kTargetRatio,
+                   kRecords, 3, {}, {}, {}});
+  pairs.push_back({"get-sum of 8 by interface (vs cursor walk)", LibGetSum,
+                   [&](std::vector<Entry>& e) {
+                     return RawGetSum(env, g_stats.iflstats_full_sec_db, e);
+                   },
+                   kTargetRatio, kInterfaces, 30, {}, {}, {}});
   constexpr int kCodecOps = 2000;
   pairs.push_back({"encode (vs memcpy)",
                    [&](std::vector<Entry>&) {

@@ -303,7 +303,6 @@ Record* GetUsingCursor(DBC* cursor, uint32_t index, uint32_t* count,
     const auto* value = static_cast<const uint8_t*>(data.data);
     int ret = DecodeIflstatsFull(value, data.size, work);
     if (ret == 0) ShowFullRecord(work);
-    if (ret == 0 && *count == 0) ret = DecodeIflstatsFull(value, data.size, sum);
     if (ret != 0) {
       FreeSets(work);
       FreeSets(sum);
@@ -316,6 +315,9 @@ Record* GetUsingCursor(DBC* cursor, uint32_t index, uint32_t* count,
     if (*count != 0) {
       for (int s = 0; s < LS_MAX; ++s) AddSet(&sum->stats[s], work->stats[s], links);
     } else {
+      // The first record is the sum so far: its sections move over as decoded.
+      std::memcpy(sum->stats, work->stats, sizeof(sum->stats));
+      std::memset(work->stats, 0, sizeof(work->stats));
       const auto* key = static_cast<const uint8_t*>(pkey.data);
       std::memcpy(&sum->ifl, key, std::min<size_t>(pkey.size, sizeof(uint32_t)));
       const uint32_t loc_len = pkey.size > sizeof(uint32_t) ? pkey.size - sizeof(uint32_t) : 0;

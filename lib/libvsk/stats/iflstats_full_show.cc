@@ -106,6 +106,9 @@ void ShowPolicer(const libstats_ifl_l2pol_t& p) {
 }  // namespace
 
 void ShowFullRecord(const libstats_iflstats_full_t* record) {
+  // Every line goes to the trace hook: without one there is nothing to do (the group
+  // read shows each record it sums).
+  if (vsk_trace_cbk == nullptr) return;
   if (record == nullptr) {
     // Published text: "dispalyed" is part of it.
     VSK_TRACE("record for ifl full stats is NULL cannot be dispalyed");

@@ -47,7 +47,7 @@ TEST_F(SecIndexTest, GroupOperationsBesideAWriterInAnotherProcess) {
     if (OpenStore(&link, false) != VSK_OK) return 1;
     ch.Ready();
     uint64_t n = 0;
-    for (; !std::filesystem::exists(stop); ++n) {
+    for (; n < 4 || !std::filesystem::exists(stop); ++n) {
       libstats_iflstats_full_t* r = NewFullRecord(100, "fpc" + std::to_string(n % 4));
       r->stats[LS_CURRENT].generic.ifl = 100;
       vsk_status_t st = libstats_write_iflstats_full_record(r);
