@@ -69,7 +69,8 @@ struct Entry {
 };
 
 libstats_iflstats_full_t* TypicalRecord(uint32_t ifl, int loc) {
-  auto* r = static_cast<libstats_iflstats_full_t*>(std::calloc(1, sizeof(libstats_iflstats_full_t)));
+  auto* r =
+      static_cast<libstats_iflstats_full_t*>(std::calloc(1, sizeof(libstats_iflstats_full_t)));
   r->ifl = ifl;
   std::string id = "fpc" + std::to_string(loc);
   r->loc_id_len = static_cast<uint16_t>(id.size());
@@ -112,6 +113,13 @@ std::vector<Entry> MakeEntries() {
 // One pass over every entry; false on the first failure (printed).
 using Pass = std::function<bool(std::vector<Entry>&)>;
 
+DBT Dbt(std::string& bytes) {
+  DBT d{};
+  d.data = bytes.data();
+  d.size = static_cast<uint32_t>(bytes.size());
+  return d;
+}
+
 bool RawTxn(DB_ENV* env, const std::function<int(DB_TXN*)>& body) {
   DB_TXN* txn = nullptr;
   int ret = env->txn_begin(env, nullptr, &txn, 0);
@@ -133,12 +141,8 @@ bool LibWrite(std::vector<Entry>& entries) {
 bool RawWrite(DB_ENV* env, DB* db, std::vector<Entry>& entries) {
   for (Entry& e : entries) {
     bool ok = RawTxn(env, [&](DB_TXN* txn) {
-      DBT k{};
-      k.data = e.key.data();
-      k.size = static_cast<uint32_t>(e.key.size());
-      DBT v{};
-      v.data = e.value.data();
-      v.size = static_cast<uint32_t>(e.value.size());
+      DBT k = Dbt(e.key);
+      DBT v = Dbt(e.value);
       return db->put(db, txn, &k, &v, 0);
     });
     if (!ok) return false;
@@ -163,9 +167,7 @@ bool LibRead(std::vector<Entry>& entries) {
 bool RawRead(DB_ENV* env, DB* db, std::vector<Entry>& entries) {
   for (Entry& e : entries) {
     bool ok = RawTxn(env, [&](DB_TXN* txn) {
-      DBT k{};
-      k.data = e.key.data();
-      k.size = static_cast<uint32_t>(e.key.size());
+      DBT k = Dbt(e.key);
       DBT v{};
       v.flags = DB_DBT_MALLOC;
       int ret = db->get(db, txn, &k, &v, DB_RMW);
@@ -194,17 +196,13 @@ bool LibUpdate(std::vector<Entry>& entries) {
 bool RawUpdate(DB_ENV* env, DB* db, std::vector<Entry>& entries) {
   for (Entry& e : entries) {
     bool ok = RawTxn(env, [&](DB_TXN* txn) {
-      DBT k{};
-      k.data = e.key.data();
-      k.size = static_cast<uint32_t>(e.key.size());
+      DBT k = Dbt(e.key);
       DBT old{};
       old.flags = DB_DBT_MALLOC;
       int ret = db->get(db, txn, &k, &old, DB_RMW);
       std::free(old.data);
       if (ret != 0) return ret;
-      DBT v{};
-      v.data = e.value.data();
-      v.size = static_cast<uint32_t>(e.value.size());
+      DBT v = Dbt(e.value);
       return db->put(db, txn, &k, &v, 0);
     });
     if (!ok) return false;
@@ -296,7 +294,8 @@ bool Measure(std::vector<Pair>& pairs, std::vector<Entry>& entries) {
 }
 
 void Print(const std::vector<Pair>& pairs) {
-  std::printf("| operation | library ops/s | baseline ops/s | cost ratio (spread) | target | met |\n");
+  std::printf(
+      "| operation | library ops/s | baseline ops/s | cost ratio (spread) | target | met |\n");
   std::printf("|---|---|---|---|---|---|\n");
   for (const Pair& p : pairs) {
     double ratio = Quantile(p.ratio, 0.5);
@@ -329,20 +328,43 @@ int Run() {
   std::vector<uint8_t> target(bytes.size());
 
   std::vector<Pair> pairs;
-  pairs.push_back({"write (vs DB->put in a txn)", LibWrite,
-                   [&](std::vector<Entry>& e) { return RawWrite(env, db, e); }, kTargetRatio,
-                   kRecords, 4, {}, {}, {}});
-  pairs.push_back({"read (vs DB->get DB_RMW in a txn)", LibRead,
-                   [&](std::vector<Entry>& e) { return RawRead(env, db, e); }, kTargetRatio,
-                   kRecords, 100, {}, {}, {}});
-  pairs.push_back({"update (vs DB->get DB_RMW + DB->put in a txn)", LibUpdate,
-                   [&](std::vector<Entry>& e) { return RawUpdate(env, db, e); }, kTargetRatio,
-                   kRecords, 3, {}, {}, {}});
-  pairs.push_back({"get-sum of 8 by interface (vs cursor walk)", LibGetSum,
-                   [&](std::vector<Entry>& e) {
-                     return RawGetSum(env, g_stats.iflstats_full_sec_db, e);
-                   },
-                   kTargetRatio, kInterfaces, 30, {}, {}, {}});
+  pairs.push_back({"write (vs DB->put in a txn)",
+                   LibWrite,
+                   [&](std::vector<Entry>& e) { return RawWrite(env, db, e); },
+                   kTargetRatio,
+                   kRecords,
+                   4,
+                   {},
+                   {},
+                   {}});
+  pairs.push_back({"read (vs DB->get DB_RMW in a txn)",
+                   LibRead,
+                   [&](std::vector<Entry>& e) { return RawRead(env, db, e); },
+                   kTargetRatio,
+                   kRecords,
+                   100,
+                   {},
+                   {},
+                   {}});
+  pairs.push_back({"update (vs DB->get DB_RMW + DB->put in a txn)",
+                   LibUpdate,
+                   [&](std::vector<Entry>& e) { return RawUpdate(env, db, e); },
+                   kTargetRatio,
+                   kRecords,
+                   3,
+                   {},
+                   {},
+                   {}});
+  pairs.push_back(
+      {"get-sum of 8 by interface (vs cursor walk)",
+       LibGetSum,
+       [&](std::vector<Entry>& e) { return RawGetSum(env, g_stats.iflstats_full_sec_db, e); },
+       kTargetRatio,
+       kInterfaces,
+       30,
+       {},
+       {},
+       {}});
   constexpr int kCodecOps = 2000;
   pairs.push_back({"encode (vs memcpy)",
                    [&](std::vector<Entry>&) {
@@ -361,7 +383,12 @@ int Run() {
                      }
                      return true;
                    },
-                   0, kCodecOps, 20, {}, {}, {}});
+                   0,
+                   kCodecOps,
+                   20,
+                   {},
+                   {},
+                   {}});
   pairs.push_back({"decode + free (vs memcpy)",
                    [&](std::vector<Entry>&) {
                      for (int i = 0; i < kCodecOps; ++i) {
@@ -374,14 +401,21 @@ int Run() {
                      }
                      return true;
                    },
-                   pairs.back().raw, 0, kCodecOps, 20, {}, {}, {}});
+                   pairs.back().raw,
+                   0,
+                   kCodecOps,
+                   20,
+                   {},
+                   {},
+                   {}});
   if (LibWrite(entries) == false || !Measure(pairs, entries)) {
     std::fprintf(stderr, g_stop ? "interrupted\n" : "a pass failed\n");
     return 1;
   }
-  std::printf("full interface statistics records of %zu bytes, %d records (%d interfaces x %d "
-              "locations)\n",
-              bytes.size(), kRecords, kInterfaces, kLocations);
+  std::printf(
+      "full interface statistics records of %zu bytes, %d records (%d interfaces x %d "
+      "locations)\n",
+      bytes.size(), kRecords, kInterfaces, kLocations);
   std::printf("medians of %d rounds, library and baseline passes alternating in order\n\n",
               kRounds);
   Print(pairs);

@@ -158,8 +158,8 @@ VSK_EXPORT void libstats_free_iflstats(void *block);
  * follow this header directly in the same block. */
 typedef struct __attribute__((packed)) libstats_servstats {
   uint64_t key;
-  uint8_t magic;   /* forced on write */
-  uint8_t version; /* forced on write */
+  uint8_t magic;      /* forced on write */
+  uint8_t version;    /* forced on write */
   uint8_t header[26]; /* the caller's */
   uint16_t entry_count;
   uint16_t entry_extra_len;
@@ -307,10 +307,18 @@ typedef struct libstats_ifl_agg { /* 2128 bytes, an aggregate bundle */
 } libstats_ifl_agg_t;
 
 /* Sections the module copies, stores and frees without looking inside. */
-typedef struct libstats_ifl_ml { uint8_t bytes[1304]; } libstats_ifl_ml_t;
-typedef struct libstats_ifl_es { uint8_t bytes[36]; } libstats_ifl_es_t;
-typedef struct libstats_ifl_ce { uint8_t bytes[76]; } libstats_ifl_ce_t;
-typedef struct libstats_ifl_atm { uint8_t bytes[968]; } libstats_ifl_atm_t;
+typedef struct libstats_ifl_ml {
+  uint8_t bytes[1304];
+} libstats_ifl_ml_t;
+typedef struct libstats_ifl_es {
+  uint8_t bytes[36];
+} libstats_ifl_es_t;
+typedef struct libstats_ifl_ce {
+  uint8_t bytes[76];
+} libstats_ifl_ce_t;
+typedef struct libstats_ifl_atm {
+  uint8_t bytes[968];
+} libstats_ifl_atm_t;
 
 typedef struct libstats_ifl_qhdr { /* 40 bytes, output (q) or input (inq) queue header */
   uint8_t head[12];
@@ -428,9 +436,9 @@ VSK_EXPORT extern char location_id_str[256];
  * written to the system log); then the reply's sections become LS_CURRENT and the record
  * is written. A new record gets an all-zero LS_CLEARED with the same sections. The
  * reply's sections stay the caller's. With `show` 1 the record is traced. */
-VSK_EXPORT vsk_status_t libstats_iflstats_full_update_record_in_db(
-    uint32_t ifl, libstats_iflstats_full_set_t *reply, const uint8_t *loc_id,
-    uint16_t loc_id_len, int show);
+VSK_EXPORT vsk_status_t
+libstats_iflstats_full_update_record_in_db(uint32_t ifl, libstats_iflstats_full_set_t *reply,
+                                           const uint8_t *loc_id, uint16_t loc_id_len, int show);
 VSK_EXPORT void libstats_iflstats_full_clear_syslog_entries_counter(void);
 /* Writes the text form of a location id to location_id_str and returns it: one
  * hexadecimal digit per byte (its first), all of the last byte's. Ids longer than 254

@@ -52,8 +52,8 @@ void mgtlib_iflm_set_reachable(mgtlib_iflm_t* handle, bool reachable) {
   handle->reachable = reachable;
 }
 
-int mgtlib_iflm_get_by_index(mgtlib_iflm_t* handle, uint32_t index, uint32_t index_len,
-                             void** msg, uint32_t* msg_len) {
+int mgtlib_iflm_get_by_index(mgtlib_iflm_t* handle, uint32_t index, uint32_t index_len, void** msg,
+                             uint32_t* msg_len) {
   if (handle == nullptr || index_len != sizeof(index) || msg == nullptr || msg_len == nullptr) {
     return EINVAL;
   }

@@ -12,8 +12,8 @@
 
 #include "libvsk/base/byte_reader.h"
 #include "libvsk/base/byte_writer.h"
-#include "libvsk/stats/layout.h"
 #include "libvsk/base/trace.h"
+#include "libvsk/stats/layout.h"
 #include "platform/logging.h"
 
 namespace vsk::stats {
@@ -195,8 +195,9 @@ int DecodeIflstatsFull(const uint8_t* data, uint32_t size, libstats_iflstats_ful
       }
       auto* c = static_cast<libstats_ifl_qcntr_t*>(NewSection(kQcntrSize, &body));
       if (c == nullptr) {
-        VSK_TRACE("%s", tag == LIBSTATS_TLV_QCNTR ? "mem alloc failed for iflstats queue counter"
-                                                  : "mem alloc failed for iflstats inqueue counter");
+        VSK_TRACE("%s", tag == LIBSTATS_TLV_QCNTR
+                            ? "mem alloc failed for iflstats queue counter"
+                            : "mem alloc failed for iflstats inqueue counter");
         return ENOMEM;
       }
       Set& set = record->stats[qc.set];

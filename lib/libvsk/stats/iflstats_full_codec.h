@@ -52,8 +52,7 @@ uint32_t TotalTlvLen(const libstats_iflstats_full_t& record);
 
 // Encodes `record` into a malloc'ed buffer of exactly TotalTlvLen bytes. 0, or -1 when
 // the buffer cannot be allocated or (a broken invariant) the written length differs.
-vsk_status_t EncodeIflstatsFull(const libstats_iflstats_full_t& record, Buffer* out,
-                                uint32_t* len);
+vsk_status_t EncodeIflstatsFull(const libstats_iflstats_full_t& record, Buffer* out, uint32_t* len);
 
 // Decodes `size` bytes of `data` into record->stats, which must hold no sections.
 // 0; 22 (EINVAL) for a TLV shorter than its header, one reaching past the value, a third

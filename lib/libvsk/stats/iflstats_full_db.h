@@ -15,8 +15,7 @@ vsk_status_t BuildFullKey(const libstats_iflstats_full_t& record, KeyBuffer* key
 
 // Encodes `record` and puts it in the primary table inside `txn`. A failed put traces
 // "<caller> store failed:%d". REQUIRES: the store usable.
-vsk_status_t PutFullRecord(DB_TXN* txn, const libstats_iflstats_full_t& record,
-                           const char* caller);
+vsk_status_t PutFullRecord(DB_TXN* txn, const libstats_iflstats_full_t& record, const char* caller);
 
 // Frees the sections of one set (libstats_free_iflstats_full), of both sets.
 void FreeSet(libstats_iflstats_full_set_t* set);

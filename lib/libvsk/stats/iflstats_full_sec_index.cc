@@ -50,8 +50,8 @@ bool MoveBaseline(Record* r) {
     }
   }
   for (int q = 0; q < LIBSTATS_MAX_QUEUES; ++q) {
-    for (auto [from, to] : {std::pair{current.qcntr, cleared.qcntr},
-                            std::pair{current.inqcntr, cleared.inqcntr}}) {
+    for (auto [from, to] :
+         {std::pair{current.qcntr, cleared.qcntr}, std::pair{current.inqcntr, cleared.inqcntr}}) {
       if (from[q] == nullptr) continue;
       to[q] = static_cast<libstats_ifl_qcntr_t*>(Duplicate(from[q], sizeof(*from[q])));
       ok = to[q] != nullptr && ok;
@@ -100,7 +100,8 @@ vsk_status_t ClearUsingCursor(uint32_t index, DB_TXN* txn, DBC* cursor, uint32_t
     } else {
       st = PutFullRecord(txn, *r, "libstats_iflstats_full_clear_stats_in_db");
       if (st != VSK_OK) {
-        VSK_TRACE("%s: iflstats full cleared failed ret:%d", "libstats_iflstats_full_clear_stats_in_db", st);
+        VSK_TRACE("%s: iflstats full cleared failed ret:%d",
+                  "libstats_iflstats_full_clear_stats_in_db", st);
       }
     }
     FreeSets(r);
@@ -330,9 +331,8 @@ Record* GetUsingCursor(DBC* cursor, uint32_t index, uint32_t* count,
     FreeSets(work);
     std::memset(work->stats, 0, sizeof(work->stats));
     ++*count;
-    VSK_TRACE("%s %d: ifl:%d loc_id:%s num of iflstats_full found:%d", kName, __LINE__,
-              sum->ifl, sum->loc_id != nullptr ? reinterpret_cast<char*>(sum->loc_id) : "",
-              *count);
+    VSK_TRACE("%s %d: ifl:%d loc_id:%s num of iflstats_full found:%d", kName, __LINE__, sum->ifl,
+              sum->loc_id != nullptr ? reinterpret_cast<char*>(sum->loc_id) : "", *count);
   }
   std::free(work);
   ShowFullRecord(sum);
@@ -468,8 +468,7 @@ vsk_status_t FullOpUsingSecIndex(uint32_t index, int32_t op, uint32_t* count,
 
 extern "C" {
 
-vsk_status_t libstats_iflstats_full_op_using_sec_index(uint32_t index, int32_t op,
-                                                       uint32_t* count,
+vsk_status_t libstats_iflstats_full_op_using_sec_index(uint32_t index, int32_t op, uint32_t* count,
                                                        libstats_iflstats_full_t** results,
                                                        const libstats_agg_link_table_t* links,
                                                        const libstats_agg_rates_t* rates) {
@@ -482,16 +481,16 @@ vsk_status_t libstats_iflstats_full_op_using_sec_index(uint32_t index, int32_t o
 
 vsk_status_t libstats_iflstats_full_clear_by_index(uint32_t index) {
   uint32_t count = 0;
-  vsk_status_t st = vsk::stats::FullOpUsingSecIndex(index, LIBSTATS_OP_CLEAR, &count, nullptr,
-                                                    nullptr, nullptr);
+  vsk_status_t st =
+      vsk::stats::FullOpUsingSecIndex(index, LIBSTATS_OP_CLEAR, &count, nullptr, nullptr, nullptr);
   VSK_TRACE("num of ifl stats:%d cleared\n", count);
   return st;
 }
 
 vsk_status_t libstats_iflstats_full_del_by_index(uint32_t index) {
   uint32_t count = 0;  // a delete does not count
-  vsk_status_t st = vsk::stats::FullOpUsingSecIndex(index, LIBSTATS_OP_DELETE, &count, nullptr,
-                                                    nullptr, nullptr);
+  vsk_status_t st =
+      vsk::stats::FullOpUsingSecIndex(index, LIBSTATS_OP_DELETE, &count, nullptr, nullptr, nullptr);
   VSK_TRACE("num of ifl stats:%d deleted\n", count);
   return st;
 }

@@ -47,8 +47,7 @@ void ShowQueueCounters(const libstats_ifl_qcntr_t& c) {
   VSK_TRACE("offered load pps:%u output pps:%u", c.offered_pps, c.output_pps);
   VSK_TRACE("tail drop pps:%u rate limit drop bps:%u pps:%u", c.tail_drop_pps, c.rl_drop_bps,
             c.rl_drop_pps);
-  VSK_TRACE("buf usage mu_byte:%u mu_percent:%u bu_byte:%u", c.mu_byte, c.mu_percent,
-            c.bu_byte);
+  VSK_TRACE("buf usage mu_byte:%u mu_percent:%u bu_byte:%u", c.mu_byte, c.mu_percent, c.bu_byte);
   for (int i = 0; i < 4; ++i) {
     VSK_TRACE("red drop pps[%d]:%u bps[%d]:%u", i, c.red_drop_pps[i], i, c.red_drop_bps[i]);
     VSK_TRACE("red drop pkts[%d]:%llu byte[%d]:%llu", i, ull{c.red_drop_packets[i]}, i,
@@ -73,13 +72,11 @@ void ShowQueues(const libstats_ifl_qhdr_t& h, libstats_ifl_qcntr_t* const (&coun
 void ShowMulticast(const libstats_ifl_mcast_t& m) {
   VSK_TRACE("ipv4 mcast input: %llupackets %llubytes", ull{m.ipv4_ipackets}, ull{m.ipv4_ibytes});
   VSK_TRACE("ipv4 mcast input rate: %d pps %d bps", m.ipv4_ipps, m.ipv4_ibps);
-  VSK_TRACE("ipv4 mcast output: %llupackets %llubytes", ull{m.ipv4_opackets},
-            ull{m.ipv4_obytes});
+  VSK_TRACE("ipv4 mcast output: %llupackets %llubytes", ull{m.ipv4_opackets}, ull{m.ipv4_obytes});
   VSK_TRACE("ipv4 mcast output rate: %d pps %d bps", m.ipv4_opps, m.ipv4_obps);
   VSK_TRACE("ipv6 mcast input: %llupackets %llubytes", ull{m.ipv6_ipackets}, ull{m.ipv6_ibytes});
   VSK_TRACE("ipv6 mcast input rate: %d pps %d bps", m.ipv6_ipps, m.ipv6_ibps);
-  VSK_TRACE("ipv6 mcast output: %llupackets %llubytes", ull{m.ipv6_opackets},
-            ull{m.ipv6_obytes});
+  VSK_TRACE("ipv6 mcast output: %llupackets %llubytes", ull{m.ipv6_opackets}, ull{m.ipv6_obytes});
   VSK_TRACE("ipv6 mcast output rate: %d pps %d bps", m.ipv6_opps, m.ipv6_obps);
 }
 
@@ -88,8 +85,8 @@ void ShowPolicerGroup(const char* dir, const uint64_t (&v)[LIBSTATS_POL_CLASSES]
                       const char* what) {
   VSK_TRACE("%s: low:%llu med-low:%llu high-low:%llu %s", dir, ull{v[LIBSTATS_POL_LOW]},
             ull{v[LIBSTATS_POL_MED_LOW]}, ull{v[LIBSTATS_POL_HIGH_LOW]}, what);
-  VSK_TRACE("%s: high:%llu drop:%llu %s", dir, ull{v[LIBSTATS_POL_HIGH]},
-            ull{v[LIBSTATS_POL_DROP]}, what);
+  VSK_TRACE("%s: high:%llu drop:%llu %s", dir, ull{v[LIBSTATS_POL_HIGH]}, ull{v[LIBSTATS_POL_DROP]},
+            what);
 }
 
 void ShowPolicer(const libstats_ifl_l2pol_t& p) {

@@ -101,17 +101,18 @@ void ZeroClearedSet(const Set& current, Set* cleared, uint32_t ifl, const void* 
     }
     SlotOf(cleared, s) = p;
   }
-  for (int q = 0; q < LIBSTATS_MAX_QUEUES; ++q) {
-    if (current.qcntr[q] != nullptr) {
-      cleared->qcntr[q] = static_cast<libstats_ifl_qcntr_t*>(std::calloc(1, sizeof(libstats_ifl_qcntr_t)));
-      if (cleared->qcntr[q] == nullptr) {
-        VSK_TRACE("mem alloc failed for iflstats_full %s stats ifl:%d loc_id:%p", "q_c", ifl, loc_id);
-      }
-    }
-    if (current.inqcntr[q] != nullptr) {
-      cleared->inqcntr[q] = static_cast<libstats_ifl_qcntr_t*>(std::calloc(1, sizeof(libstats_ifl_qcntr_t)));
-      if (cleared->inqcntr[q] == nullptr) {
-        VSK_TRACE("mem alloc failed for iflstats_full %s stats ifl:%d loc_id:%p", "in_q_c", ifl,
+  struct Counters {
+    libstats_ifl_qcntr_t* const* from;
+    libstats_ifl_qcntr_t** to;
+    const char* name;
+  };
+  for (Counters c : {Counters{current.qcntr, cleared->qcntr, "q_c"},
+                     Counters{current.inqcntr, cleared->inqcntr, "in_q_c"}}) {
+    for (int q = 0; q < LIBSTATS_MAX_QUEUES; ++q) {
+      if (c.from[q] == nullptr) continue;
+      c.to[q] = static_cast<libstats_ifl_qcntr_t*>(std::calloc(1, sizeof(libstats_ifl_qcntr_t)));
+      if (c.to[q] == nullptr) {
+        VSK_TRACE("mem alloc failed for iflstats_full %s stats ifl:%d loc_id:%p", c.name, ifl,
                   loc_id);
       }
     }
@@ -128,7 +129,8 @@ void TakeReply(Set* current, const Set& reply, uint32_t ifl) {
 
 vsk_status_t Update(uint32_t ifl, Set* reply, const uint8_t* loc_id, uint16_t loc_id_len,
                     int show) {
-  auto* record = static_cast<libstats_iflstats_full_t*>(std::calloc(1, sizeof(libstats_iflstats_full_t)));
+  auto* record =
+      static_cast<libstats_iflstats_full_t*>(std::calloc(1, sizeof(libstats_iflstats_full_t)));
   if (record == nullptr) {
     VSK_TRACE("mem allocation failed for record");
     return VSK_ERR_FATAL;
@@ -213,8 +215,8 @@ void CopyAggRates(libstats_iflstats_full_t* results, const libstats_agg_rates_t*
     l.ipps = r.ipps;
     l.obps = r.obps;
     l.opps = r.opps;
-    VSK_TRACE("input bps:%llu pps:%d output bps:%llu pps:%d for child ifl:%d", ull{l.ibps},
-              l.ipps, ull{l.obps}, l.opps, l.ifl);
+    VSK_TRACE("input bps:%llu pps:%d output bps:%llu pps:%d for child ifl:%d", ull{l.ibps}, l.ipps,
+              ull{l.obps}, l.opps, l.ifl);
   }
 }
 
@@ -228,8 +230,8 @@ char* fwdd_convert_location_id_str(uint32_t length, const uint8_t* bytes) {
 
 vsk_status_t libstats_iflstats_full_update_record_in_db(uint32_t ifl,
                                                         libstats_iflstats_full_set_t* reply,
-                                                        const uint8_t* loc_id,
-                                                        uint16_t loc_id_len, int show) {
+                                                        const uint8_t* loc_id, uint16_t loc_id_len,
+                                                        int show) {
   if (reply == nullptr || (loc_id == nullptr && loc_id_len != 0)) return VSK_ERR_INVALID_PARAM;
   return vsk::stats::Update(ifl, reply, loc_id, loc_id_len, show);
 }
@@ -265,8 +267,8 @@ void libstats_iflstats_full_agg_bps_pps(uint32_t ifl, uint8_t trace, libstats_ag
   }
   if (trace) {
     // Published text: the line starts with a blank.
-    VSK_TRACE(" bundle input bps:%llu pps:%d output bps:%llu pps:%d for ifl:%d",
-              ull{rates->ibps}, rates->ipps, ull{rates->obps}, rates->opps, ifl);
+    VSK_TRACE(" bundle input bps:%llu pps:%d output bps:%llu pps:%d for ifl:%d", ull{rates->ibps},
+              rates->ipps, ull{rates->obps}, rates->opps, ifl);
   }
 }
 

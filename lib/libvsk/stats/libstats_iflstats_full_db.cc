@@ -4,16 +4,15 @@
 // A record is keyed by interface and forwarding location (`ifl`, then the `loc_id`
 // bytes); its value is the TLV form of iflstats_full_codec.h. The secondary index by
 // interface is kept by Berkeley DB from the value (libstats_iflstats_full_get_secondary_index).
-#include "libvsk/stats/iflstats_full_db.h"
-
 #include <db.h>
 
 #include <cstdlib>
 #include <cstring>
 
-#include "libvsk/stats/iflstats_full_codec.h"
-#include "libvsk/stats/stats_internal.h"
 #include "libvsk/base/trace.h"
+#include "libvsk/stats/iflstats_full_codec.h"
+#include "libvsk/stats/iflstats_full_db.h"
+#include "libvsk/stats/stats_internal.h"
 #include "vsk/libstats.h"
 
 namespace vsk::stats {
@@ -55,24 +54,16 @@ vsk_status_t GetFullRecord(libstats_iflstats_full_t* record) {
   KeyBuffer key;
   vsk_status_t st = BuildFullKey(*record, &key);
   if (st != VSK_OK) return st;
-  Txn txn;
-  st = txn.Begin();
-  if (st != VSK_OK) return st;
-  DBT k = key.Dbt();
-  MallocDbt value;
   DB* db = g_stats.iflstats_full_db;
-  st = get_vsk_err(db->get(db, txn.get(), &k, value.dbt(), DB_RMW));
-  if (st != VSK_OK) {
-    txn.Abort(st);
-    VSK_TRACE("%s: get failed:%d", kName, st);
-    return st;
-  }
-  st = txn.Commit();
-  if (st != VSK_OK) {
-    db->errx(db, "Error searching iflstats full for record:");
-    VSK_TRACE("%s: err:%d searching", kName, st);
-    return st;
-  }
+  MallocDbt value;
+  st = RunInTxn(db,
+                {kName, "%s: get failed:%d",
+                 "Error searching iflstats full for record:", "%s: err:%d searching", true},
+                [&](DB_TXN* txn) {
+                  DBT k = key.Dbt();
+                  return get_vsk_err(db->get(db, txn, &k, value.dbt(), DB_RMW));
+                });
+  if (st != VSK_OK) return st;
   std::memset(record->stats, 0, sizeof(record->stats));
   int ret = DecodeIflstatsFull(value.data(), value.size(), record);
   if (ret != 0) {
@@ -85,15 +76,8 @@ vsk_status_t GetFullRecord(libstats_iflstats_full_t* record) {
 vsk_status_t WriteFullRecord(libstats_iflstats_full_t* record) {
   static constexpr const char kName[] = "libstats_write_iflstats_full_record_internal";
   if (!StoreUsable(kName)) return VSK_ERR_FATAL;
-  Txn txn;
-  vsk_status_t st = txn.Begin();
-  if (st != VSK_OK) return st;
-  st = PutFullRecord(txn.get(), *record, kName);
-  if (st != VSK_OK) {
-    txn.Abort(st);
-    return st;
-  }
-  return txn.Commit();
+  return RunInTxn(g_stats.iflstats_full_db, {kName, nullptr, nullptr, nullptr, false},
+                  [&](DB_TXN* txn) { return PutFullRecord(txn, *record, kName); });
 }
 
 void FreeSet(libstats_iflstats_full_set_t* set) {
@@ -142,23 +126,12 @@ vsk_status_t libstats_del_iflstats_full_record(libstats_iflstats_full_t* record)
   VSK_TRACE("%s: key_len:%zd", kName, static_cast<ssize_t>(key.len));
   VSK_TRACE("%s: buflen:%zd key_len:%zd", kName, static_cast<ssize_t>(sizeof(key.bytes)),
             static_cast<ssize_t>(key.len));
-  Txn txn;
-  st = txn.Begin();
-  if (st != VSK_OK) return st;
-  DBT k = key.Dbt();
   DB* db = g_stats.iflstats_full_db;
-  st = get_vsk_err(db->del(db, txn.get(), &k, 0));
-  if (st != VSK_OK) {
-    txn.Abort(st);
-    VSK_TRACE("%s: del failed:%d", kName, st);
-    return st;
-  }
-  st = txn.Commit();
-  if (st != VSK_OK) {
-    db->errx(db, "Error deleting record:");
-    VSK_TRACE("%s: err=%d", kName, st);
-  }
-  return st;
+  return RunInTxn(db, {kName, "%s: del failed:%d", "Error deleting record:", "%s: err=%d", true},
+                  [&](DB_TXN* txn) {
+                    DBT k = key.Dbt();
+                    return get_vsk_err(db->del(db, txn, &k, 0));
+                  });
 }
 
 void libstats_free_iflstats_full(libstats_iflstats_full_set_t* set) {

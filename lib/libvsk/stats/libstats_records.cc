@@ -11,9 +11,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "libvsk/base/trace.h"
 #include "libvsk/stats/layout.h"
 #include "libvsk/stats/stats_internal.h"
-#include "libvsk/base/trace.h"
 #include "vsk/libstats.h"
 
 namespace vsk::stats {
@@ -46,18 +46,11 @@ vsk_status_t StoreRecord(DB* table, const void* record, libstats_key_fn_t fn) {
   KeyAndValue kv;
   vsk_status_t st = BuildKey(record, fn, &kv);
   if (st != VSK_OK) return st;
-  Txn txn;
-  st = txn.Begin();
-  if (st != VSK_OK) return st;
-  DBT key = kv.key.Dbt();
-  DBT value = InDbt(kv.value, kv.value_len);
-  st = get_vsk_err(table->put(table, txn.get(), &key, &value, 0));
-  if (st != VSK_OK) {
-    txn.Abort(st);
-    VSK_TRACE("%s: store failed:%d", kName, st);
-    return st;
-  }
-  return txn.Commit();
+  return RunInTxn(table, {kName, "%s: store failed:%d", nullptr, nullptr, false}, [&](DB_TXN* txn) {
+    DBT key = kv.key.Dbt();
+    DBT value = InDbt(kv.value, kv.value_len);
+    return get_vsk_err(table->put(table, txn, &key, &value, 0));
+  });
 }
 
 // The read shared by both get operations: the stored value of `record`'s key, in memory
@@ -66,22 +59,15 @@ vsk_status_t ReadRecord(DB* table, const void* record, libstats_key_fn_t fn, Mal
   KeyAndValue kv;
   vsk_status_t st = BuildKey(record, fn, &kv);
   if (st != VSK_OK) return st;
-  Txn txn;
-  st = txn.Begin();
+  st = RunInTxn(
+      table,
+      {"libstats_get_stats_record_from_db", "%s: get failed:%d",
+       "Error searching iflstats for record:", "Error searching iflstats for record err:%d", false},
+      [&](DB_TXN* txn) {
+        DBT key = kv.key.Dbt();
+        return get_vsk_err(table->get(table, txn, &key, out->dbt(), DB_RMW));
+      });
   if (st != VSK_OK) return st;
-  DBT key = kv.key.Dbt();
-  st = get_vsk_err(table->get(table, txn.get(), &key, out->dbt(), DB_RMW));
-  if (st != VSK_OK) {
-    txn.Abort(st);
-    VSK_TRACE("%s: get failed:%d", "libstats_get_stats_record_from_db", st);
-    return st;
-  }
-  st = txn.Commit();
-  if (st != VSK_OK) {
-    table->errx(table, "Error searching iflstats for record:");
-    VSK_TRACE("Error searching iflstats for record err:%d", st);
-    return st;
-  }
   return out->data() == nullptr ? VSK_ERR_NOMEM : VSK_OK;
 }
 
@@ -90,22 +76,13 @@ vsk_status_t DeleteRecord(DB* table, const void* record, libstats_key_fn_t fn) {
   KeyAndValue kv;
   vsk_status_t st = BuildKey(record, fn, &kv);
   if (st != VSK_OK) return st;
-  Txn txn;
-  st = txn.Begin();
-  if (st != VSK_OK) return st;
-  DBT key = kv.key.Dbt();
-  st = get_vsk_err(table->del(table, txn.get(), &key, 0));
-  if (st != VSK_OK) {
-    txn.Abort(st);
-    VSK_TRACE("%s: del failed:%d", "libstats_del_stats_record", st);
-    return st;
-  }
-  st = txn.Commit();
-  if (st != VSK_OK) {
-    table->errx(table, "Error deleting record:");
-    VSK_TRACE("Error deleting record err:%d", st);
-  }
-  return st;
+  return RunInTxn(table,
+                  {"libstats_del_stats_record", "%s: del failed:%d",
+                   "Error deleting record:", "Error deleting record err:%d", false},
+                  [&](DB_TXN* txn) {
+                    DBT key = kv.key.Dbt();
+                    return get_vsk_err(table->del(table, txn, &key, 0));
+                  });
 }
 
 // Ends a walk after its last step or a failure: cursor closed, transaction aborted (a
@@ -142,9 +119,9 @@ int ServstatsKey(const void* record, uint8_t* key, uint32_t* key_len, const void
                  uint32_t* value_len) {
   auto* bytes = static_cast<const uint8_t*>(record);
   auto* r = static_cast<const libstats_servstats_t*>(record);
-  const uint64_t size = uint64_t{LIBSTATS_SERVSTATS_ENTRY_SIZE(r->entry_extra_len)} *
-                            r->entry_count +
-                        LIBSTATS_SERVSTATS_HEADER_SIZE;
+  const uint64_t size =
+      uint64_t{LIBSTATS_SERVSTATS_ENTRY_SIZE(r->entry_extra_len)} * r->entry_count +
+      LIBSTATS_SERVSTATS_HEADER_SIZE;
   std::memcpy(key, bytes + offsetof(libstats_servstats_t, key), kIndexBytes);
   *key_len = kIndexBytes;
   *value = bytes + offsetof(libstats_servstats_t, magic);
@@ -164,13 +141,13 @@ using namespace vsk::stats;
 
 extern "C" {
 
-int libstats_iflstats_key(const void* record, uint8_t* key, uint32_t* key_len,
-                          const void** value, uint32_t* value_len) {
+int libstats_iflstats_key(const void* record, uint8_t* key, uint32_t* key_len, const void** value,
+                          uint32_t* value_len) {
   return IflstatsKey(record, key, key_len, value, value_len);
 }
 
-int libstats_servstats_key(const void* record, uint8_t* key, uint32_t* key_len,
-                           const void** value, uint32_t* value_len) {
+int libstats_servstats_key(const void* record, uint8_t* key, uint32_t* key_len, const void** value,
+                           uint32_t* value_len) {
   return ServstatsKey(record, key, key_len, value, value_len);
 }
 

@@ -140,17 +140,17 @@ int OpenAll(DB_ENV* env) {
       g_stats.iflstats_full_file == nullptr || g_stats.iflstats_full_sec_file == nullptr) {
     return ENOMEM;
   }
-  int ret = OpenDatabase(&g_stats.iflstats_db, g_stats.iflstats_file, kInnerName, nullptr,
-                         false, env);
+  int ret =
+      OpenDatabase(&g_stats.iflstats_db, g_stats.iflstats_file, kInnerName, nullptr, false, env);
   if (ret != 0) return ret;
-  ret = OpenDatabase(&g_stats.iflstats_sec_db, g_stats.iflstats_sec_file, kInnerName, nullptr,
-                     true, env);
+  ret = OpenDatabase(&g_stats.iflstats_sec_db, g_stats.iflstats_sec_file, kInnerName, nullptr, true,
+                     env);
   if (ret != 0) return ret;
   // This association's result does not stop the opening (the next open decides): a plain
   // table without its index still stores and reads.
   Associate(g_stats.iflstats_db, g_stats.iflstats_sec_db, IflstatsSecondaryKey);
-  ret = OpenDatabase(&g_stats.servstats_db, g_stats.servstats_file, kInnerName, nullptr, false,
-                     env);
+  ret =
+      OpenDatabase(&g_stats.servstats_db, g_stats.servstats_file, kInnerName, nullptr, false, env);
   if (ret != 0) return ret;
   ret = OpenDatabase(&g_stats.iflstats_full_db, g_stats.iflstats_full_file, kInnerName, nullptr,
                      false, env);
@@ -210,8 +210,8 @@ namespace {
 
 extern "C" {
 
-int libstats_open_database(DB** out, const char* file, const char* inner, FILE* errfile,
-                           bool dups, DB_ENV* env) {
+int libstats_open_database(DB** out, const char* file, const char* inner, FILE* errfile, bool dups,
+                           DB_ENV* env) {
   if (out == nullptr || file == nullptr || inner == nullptr) return EINVAL;
   return vsk::stats::OpenDatabase(out, file, inner, errfile, dups, env);
 }

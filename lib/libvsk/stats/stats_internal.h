@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdlib>
 
+#include "libvsk/base/trace.h"
 #include "vsk/libstats.h"
 #include "vsk/store.h"
 
@@ -44,6 +45,41 @@ class Txn {
  private:
   vsk_db_txn_t block_{};
 };
+
+// The traces of an operation in a transaction of its own (RunInTxn).
+struct TxnTexts {
+  const char* name;           // the operation's name, first argument of the traces
+  const char* op_failed;      // traced with (name, status) when the operation fails; may be null
+  const char* commit_report;  // reported through the table handle when the commit fails
+  const char* commit_failed;  // traced when the commit fails: with (name, status) if
+  bool commit_named;          // commit_named, else with (status)
+};
+
+// Runs `op(txn)`, a table operation that returns a status, in a transaction of its own:
+// committed when the operation succeeds, aborted otherwise. The status of the operation
+// or of the commit comes back.
+template <typename Op>
+vsk_status_t RunInTxn(DB* table, const TxnTexts& texts, Op&& op) {
+  Txn txn;
+  vsk_status_t st = txn.Begin();
+  if (st != VSK_OK) return st;
+  st = op(txn.get());
+  if (st != VSK_OK) {
+    txn.Abort(st);
+    if (texts.op_failed != nullptr) VSK_TRACE(texts.op_failed, texts.name, st);
+    return st;
+  }
+  st = txn.Commit();
+  if (st != VSK_OK && texts.commit_failed != nullptr) {
+    table->errx(table, "%s", texts.commit_report);
+    if (texts.commit_named) {
+      VSK_TRACE(texts.commit_failed, texts.name, st);
+    } else {
+      VSK_TRACE(texts.commit_failed, st);
+    }
+  }
+  return st;
+}
 
 // A descriptor of bytes that Berkeley DB reads.
 inline DBT InDbt(const void* data, uint32_t size) {

@@ -24,8 +24,8 @@ constexpr uint32_t kGenNumOffset = offsetof(mgtlib_ifl_msg_t, gen_num);
 // The place of a conversion from version 0: it opens a transaction, says so and changes
 // nothing, since no conversion from version 0 is defined.
 void SampleConvert(int type) {
-  VSK_TRACE("%s(%d) DB version %d, current version %d", "libstats_issu_sample_convert_db", type,
-            0, kCurrentVersion);
+  VSK_TRACE("%s(%d) DB version %d, current version %d", "libstats_issu_sample_convert_db", type, 0,
+            kCurrentVersion);
   vsk_db_txn_t txn{};
   if (vsk_db_start_txn(&txn) != VSK_OK) return;
   VSK_TRACE("add sample issu conversion routine, type %d", type);
@@ -97,8 +97,7 @@ void IssuWalk(int type) {
     ret = cursor->get(cursor, key.dbt(), value.dbt(), DB_NEXT);
   }
   cursor->close(cursor);
-  VSK_TRACE("%s(%d) closing DB: recovered:%d, converted:%d", kIssuWalk, type, recovered,
-            converted);
+  VSK_TRACE("%s(%d) closing DB: recovered:%d, converted:%d", kIssuWalk, type, recovered, converted);
 }
 
 // Whether the record in `work` belongs to no living interface: the interface is gone,
@@ -107,8 +106,8 @@ void IssuWalk(int type) {
 bool Stale(mgtlib_iflm_t* handle, const libstats_iflstats_full_set_t& current) {
   void* msg = nullptr;
   uint32_t len = 0;
-  const int found = mgtlib_iflm_get_by_index(handle, current.generic.ifl, sizeof(uint32_t),
-                                             &msg, &len);
+  const int found =
+      mgtlib_iflm_get_by_index(handle, current.generic.ifl, sizeof(uint32_t), &msg, &len);
   bool stale = false;
   if (found == 0 && len >= kGenNumOffset + sizeof(uint32_t)) {
     uint32_t gen_num = 0;
@@ -123,11 +122,12 @@ bool Stale(mgtlib_iflm_t* handle, const libstats_iflstats_full_set_t& current) {
 
 vsk_status_t FullWalk(mgtlib_iflm_t* handle) {
   static constexpr const char kName[] = "libstats_iflstats_full_walk_all_stats";
-  auto* work = static_cast<libstats_iflstats_full_t*>(std::calloc(1, sizeof(libstats_iflstats_full_t)));
+  auto* work =
+      static_cast<libstats_iflstats_full_t*>(std::calloc(1, sizeof(libstats_iflstats_full_t)));
   if (work == nullptr) return ENOMEM;
   GroupWalk walk;
-  vsk_status_t st = walk.Begin(kName, g_stats.iflstats_full_sec_db,
-                               "%s: aborting txn cursor create err:%d");
+  vsk_status_t st =
+      walk.Begin(kName, g_stats.iflstats_full_sec_db, "%s: aborting txn cursor create err:%d");
   if (st != VSK_OK) {
     std::free(work);
     return st;

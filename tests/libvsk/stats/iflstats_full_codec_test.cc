@@ -1,8 +1,9 @@
 // The TLV form of full interface statistics records: exact bytes on disk, round trips of
 // records with every section, and a decoder that ends in the right status on any value.
+#include "libvsk/stats/iflstats_full_codec.h"
+
 #include <random>
 
-#include "libvsk/stats/iflstats_full_codec.h"
 #include "stats_fixture.h"
 
 namespace vsk::test {

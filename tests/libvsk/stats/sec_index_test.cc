@@ -16,7 +16,8 @@ namespace {
 void WriteGroupRecord(uint32_t ifl, const std::string& loc, uint64_t seed, uint32_t gen = 1) {
   libstats_iflstats_full_t* r = NewFullRecord(ifl, loc);
   for (auto& s : r->stats) {
-    s.generic = {ifl, 0, ifl, 0, seed, 2 * seed, 3 * seed, 4 * seed, 5, 6, 7, 8, 1, 2, 3, 4, 0, 0, {}};
+    s.generic = {ifl, 0, ifl, 0, seed, 2 * seed, 3 * seed, 4 * seed, 5, 6,
+                 7,   8, 1,   2, 3,    4,        0,        0,        {}};
     s.gen_num = gen;
     s.q = NewSection<libstats_ifl_qhdr_t>(0);
     s.q->num_q = 2;
@@ -128,9 +129,9 @@ TEST_F(SecIndexTest, AnInterfaceWithoutRecords) {
   libstats_iflstats_full_t* sum = nullptr;
   EXPECT_EQ(libstats_iflstats_full_clear_by_index(3), VSK_ERR_NOT_FOUND);
   EXPECT_EQ(libstats_iflstats_full_del_by_index(3), VSK_OK);
-  EXPECT_EQ(libstats_iflstats_full_op_using_sec_index(3, LIBSTATS_OP_GET, &count, &sum, nullptr,
-                                                      nullptr),
-            VSK_OK);
+  EXPECT_EQ(
+      libstats_iflstats_full_op_using_sec_index(3, LIBSTATS_OP_GET, &count, &sum, nullptr, nullptr),
+      VSK_OK);
   EXPECT_EQ(count, 0u);
   DeleteFullRecord(sum);
 }
@@ -177,7 +178,8 @@ TEST_F(SecIndexTest, ConversionWalkCountsVersionsAndChangesNothing) {
   EXPECT_EQ(traces().Count("libstats_issu_walk_all_stats(1) iflstats DB version 2 more recent "
                            "than current version 1: IGNORE"),
             1);
-  EXPECT_TRUE(traces().Contains("libstats_issu_walk_all_stats(1) closing DB: recovered:3, converted:1"));
+  EXPECT_TRUE(
+      traces().Contains("libstats_issu_walk_all_stats(1) closing DB: recovered:3, converted:1"));
   EXPECT_EQ(RawGet(g_stats.iflstats_db, Bytes{}.U64(0).b)[1], 0);
 
   traces().Clear();

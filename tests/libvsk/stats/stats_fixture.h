@@ -97,7 +97,8 @@ inline std::string FullKey(uint32_t ifl, const std::string& loc) {
 
 // A heap record of (ifl, loc) with no sections, as the library's callers build one.
 inline libstats_iflstats_full_t* NewFullRecord(uint32_t ifl, const std::string& loc) {
-  auto* r = static_cast<libstats_iflstats_full_t*>(std::calloc(1, sizeof(libstats_iflstats_full_t)));
+  auto* r =
+      static_cast<libstats_iflstats_full_t*>(std::calloc(1, sizeof(libstats_iflstats_full_t)));
   r->ifl = ifl;
   r->loc_id_len = static_cast<uint16_t>(loc.size());
   r->loc_id = static_cast<uint8_t*>(std::malloc(loc.size() + 1));

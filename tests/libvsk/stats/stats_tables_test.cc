@@ -35,8 +35,8 @@ TEST_F(StatsTablesTest, TablesOpenWithTheStoreAndKeepRecordsAcrossAReopen) {
   const std::string home = Path("/mfs/var/vsk/");
   EXPECT_EQ(std::string(g_stats.base_path), home);
   EXPECT_EQ(std::string(g_stats.iflstats_full_sec_file), home + "iflstatsfullSecondaryDB.db");
-  for (const char* f : {"iflstatsDB.db", "iflstatsSecDB.db", "servstatsDB.db",
-                        "iflstatsfullDB.db", "iflstatsfullSecondaryDB.db"}) {
+  for (const char* f : {"iflstatsDB.db", "iflstatsSecDB.db", "servstatsDB.db", "iflstatsfullDB.db",
+                        "iflstatsfullSecondaryDB.db"}) {
     EXPECT_TRUE(std::filesystem::exists(home + f)) << f;
   }
   libstats_iflstats_t* plain = NewIflstats(3, "ge-0/0/0.3", 0);

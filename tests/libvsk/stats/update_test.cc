@@ -48,7 +48,8 @@ class UpdateTest : public StatsTest {
   }
   // The stored record of ifl 9 on "fpc1"; the caller frees it.
   libstats_iflstats_full_t* Stored() {
-    libstats_iflstats_full_t* r = NewFullRecord(9, std::string(reinterpret_cast<const char*>(kLoc), 2));
+    libstats_iflstats_full_t* r =
+        NewFullRecord(9, std::string(reinterpret_cast<const char*>(kLoc), 2));
     EXPECT_EQ(libstats_get_iflstats_full_record(r), VSK_OK);
     return r;
   }
@@ -95,7 +96,8 @@ TEST_F(UpdateTest, CountersGrowGlitchesAreKeptAndSpikesAreLogged) {
     EXPECT_EQ(g_inflated_ifl_ipackets - before, s.inflated);
     EXPECT_EQ(SystemLines().size(), s.log_lines);
   }
-  EXPECT_TRUE(traces().Contains("record not updated ipackets_record:1000 ipackets_reply:999 for ifl:9"));
+  EXPECT_TRUE(
+      traces().Contains("record not updated ipackets_record:1000 ipackets_reply:999 for ifl:9"));
   ASSERT_EQ(SystemLines().size(), 1u);
   EXPECT_EQ(SystemLines()[0].first, LOG_ERR);
   EXPECT_EQ(SystemLines()[0].second,
