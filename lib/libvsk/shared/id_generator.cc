@@ -13,8 +13,9 @@
 #include <atomic>
 #include <cstdint>
 
-#include "libvsk/shared/layout.h"
 #include "libvsk/base/trace.h"
+#include "libvsk/shared/layout.h"
+#include "libvsk/shared/lock_hold.h"
 #include "vsk/shared.h"
 
 namespace vsk::shared {
@@ -32,7 +33,7 @@ using namespace vsk::shared;
 extern "C" {
 
 int vsk_id_generator_attach(bool create) {
-  if (vsk_lock_init(create) != 0) return -1;
+  if (LockInit(create) != 0) return -1;
   g_last_id = static_cast<uint64_t*>(vsk_get_shm_ptr(VSK_SHM_LAST_SESSION_ID_OFFSET));
   return 0;
 }
@@ -46,14 +47,15 @@ int vsk_id_generate(vsk_session_id_t* id) {
     VSK_TRACE("%s: id generator not attached or no result", "vsk_id_generate");
     return -1;
   }
-  if (vsk_acquire_lock(VSK_LOCK_ID) != 0) return -1;
+  LockHold hold(VSK_LOCK_ID);
+  if (hold.Begin() != VSK_OK) return -1;
   // The 64-bit add keeps the carry between the 32-bit halves.
   uint64_t next = (LastId().load(std::memory_order_relaxed) + 1) & VSK_SESSION_ID_MAX;
   if (next == 0) next = 1;
   LastId().store(next, std::memory_order_relaxed);
   *id = next;
   // The id is written before the release: if the release fails it is used up anyway.
-  return vsk_release_lock(VSK_LOCK_ID) == 0 ? 0 : -1;
+  return hold.Finish(0, -1);
 }
 
 int vsk_id_recover(vsk_session_id_t id) {
@@ -61,11 +63,12 @@ int vsk_id_recover(vsk_session_id_t id) {
     VSK_TRACE("%s: id generator not attached", "vsk_id_recover");
     return -1;
   }
-  if (vsk_acquire_lock(VSK_LOCK_ID) != 0) return -1;
+  LockHold hold(VSK_LOCK_ID);
+  if (hold.Begin() != VSK_OK) return -1;
   if (id > LastId().load(std::memory_order_relaxed)) {
     LastId().store(id, std::memory_order_relaxed);
   }
-  return vsk_release_lock(VSK_LOCK_ID) == 0 ? 0 : -1;
+  return hold.Finish(0, -1);
 }
 
 vsk_session_id_t vsk_id_get_last(void) {

@@ -3,6 +3,7 @@
 // mapping, because it needs room or because another process grew it, remaps the whole
 // file at the new size. Nothing is ever given back to the heap.
 #include "libvsk/shared/intf_file.h"
+#include "libvsk/shared/lock_hold.h"
 
 #include <errno.h>
 #include <sys/mman.h>
@@ -114,13 +115,13 @@ uint32_t Allocate(uint32_t size) {
 
 vsk_status_t Lock() {
   if (g_map.base == nullptr) return VSK_ERR_FATAL;
-  if (vsk_acquire_lock(VSK_LOCK_HEAP) != 0) return VSK_ERR_FATAL;
+  if (AcquireLock(VSK_LOCK_HEAP) != 0) return VSK_ERR_FATAL;
   int32_t holder = Header()->lock_pid;
   if (holder != 0) {
     // The semaphore came back through SEM_UNDO, but its holder died inside the table and
     // may have left it half-changed: nobody may use it until it is rebuilt.
     VSK_TRACE("*** BAD *** LOCK was still open by pid %d", holder);
-    if (vsk_release_lock(VSK_LOCK_HEAP) != 0) VSK_TRACE("Failed to unlock with failed pid");
+    if (ReleaseLock(VSK_LOCK_HEAP) != 0) VSK_TRACE("Failed to unlock with failed pid");
     vsk_db_event_recover();
     return VSK_ERR_SECONDARY_RECOVERY;
   }
@@ -130,7 +131,7 @@ vsk_status_t Lock() {
 
 vsk_status_t Unlock() {
   if (g_map.base != nullptr) Header()->lock_pid = 0;
-  return vsk_release_lock(VSK_LOCK_HEAP) == 0 ? VSK_OK : VSK_ERR_FATAL;
+  return ReleaseLock(VSK_LOCK_HEAP) == 0 ? VSK_OK : VSK_ERR_FATAL;
 }
 
 vsk_status_t Begin() {

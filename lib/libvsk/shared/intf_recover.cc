@@ -17,6 +17,7 @@
 #include <cstring>
 
 #include "libvsk/shared/intf_file.h"
+#include "libvsk/shared/lock_hold.h"
 #include "libvsk/base/trace.h"
 #include "platform/paths.h"
 #include "vsk/intf.h"
@@ -188,7 +189,7 @@ vsk_status_t vsk_db_secondary_failcheck(void) {
     VSK_TRACE("Please init API before calling");
     return VSK_ERR_FATAL;
   }
-  if (vsk_acquire_lock(VSK_LOCK_HEAP) != 0) return VSK_ERR_FATAL;
+  if (vsk::shared::AcquireLock(VSK_LOCK_HEAP) != 0) return VSK_ERR_FATAL;
   int32_t holder = Header()->lock_pid;
   if (holder != 0) VSK_TRACE("*** LOCK was still open by pid %d, recover", holder);
   vsk_status_t rc = Unlock();

@@ -25,6 +25,7 @@
 
 #include "libvsk/base/trace.h"
 #include "libvsk/shared/layout.h"
+#include "libvsk/shared/lock_hold.h"
 #include "libvsk/store/joins.h"
 #include "vsk/shared.h"
 #include "vsk/store.h"
@@ -73,7 +74,7 @@ PoolView* CheckedPool(const char* fn, uint32_t type) {
 }
 
 // Result of an operation whose list work is done: gives semaphore 1 back.
-int Unlock(int result) { return vsk_release_lock(VSK_LOCK_UNIT) == 0 ? result : VSK_UNIT_ERR_LOCK; }
+int Unlock(int result) { return ReleaseLock(VSK_LOCK_UNIT) == 0 ? result : VSK_UNIT_ERR_LOCK; }
 
 // The store opens both pools right after replication: the creator formats them at every
 // open (the master's rebuild lists them); every other process attaches. Failures are
@@ -141,7 +142,7 @@ int vsk_unit_allocate(uint32_t* unit, uint32_t type) {
   static const char kFn[] = "vsk_unit_allocate";
   PoolView* pool = CheckedPool(kFn, type);
   if (pool == nullptr || unit == nullptr) return VSK_UNIT_ERR_ARG;
-  if (vsk_acquire_lock(VSK_LOCK_UNIT) != 0) return VSK_UNIT_ERR_LOCK;
+  if (AcquireLock(VSK_LOCK_UNIT) != 0) return VSK_UNIT_ERR_LOCK;
   UnitPoolHeader& h = *pool->header;
   if (h.head == kNone) return Unlock(VSK_UNIT_ERR_EMPTY);
   if (h.head < 0 || static_cast<uint32_t>(h.head) >= Entries(*pool)) {
@@ -161,7 +162,7 @@ int vsk_unit_release(uint32_t unit, uint32_t type) {
   if (pool == nullptr) return VSK_UNIT_ERR_ARG;
   uint32_t i = unit - pool->first_unit;
   if (i > Entries(*pool)) return VSK_UNIT_ERR_ARG;
-  if (vsk_acquire_lock(VSK_LOCK_UNIT) != 0) return VSK_UNIT_ERR_LOCK;
+  if (AcquireLock(VSK_LOCK_UNIT) != 0) return VSK_UNIT_ERR_LOCK;
   UnitPoolHeader& h = *pool->header;
   // A free entry other than the tail holds a next index. A second release of the current
   // tail is not caught (its entry reads -1) and links it to itself.
