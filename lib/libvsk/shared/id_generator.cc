@@ -14,6 +14,7 @@
 #include <cstdint>
 
 #include "libvsk/base/trace.h"
+#include "libvsk/shared/attachments.h"
 #include "libvsk/shared/layout.h"
 #include "libvsk/shared/lock_hold.h"
 #include "vsk/shared.h"
@@ -26,6 +27,9 @@ uint64_t* g_last_id = nullptr;
 std::atomic_ref<uint64_t> LastId() { return std::atomic_ref<uint64_t>(*g_last_id); }
 
 }  // namespace
+
+bool IdGeneratorAttached() { return g_last_id != nullptr; }
+
 }  // namespace vsk::shared
 
 using namespace vsk::shared;

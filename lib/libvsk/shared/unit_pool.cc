@@ -24,6 +24,7 @@
 #include <cstring>
 
 #include "libvsk/base/trace.h"
+#include "libvsk/shared/attachments.h"
 #include "libvsk/shared/layout.h"
 #include "libvsk/shared/lock_hold.h"
 #include "libvsk/store/joins.h"
@@ -94,6 +95,11 @@ int Unlock(int result) { return ReleaseLock(VSK_LOCK_UNIT) == 0 ? result : VSK_U
      .close_failed = nullptr}};
 
 }  // namespace
+
+bool UnitPoolAttached(uint32_t type) {
+  return type < kPoolTypes && unit_allocator[type].header != nullptr;
+}
+
 }  // namespace vsk::shared
 
 using namespace vsk::shared;

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "libvsk/store/context.h"
+#include "libvsk/store/view.h"
 #include "store_helpers.h"
 #include "support/harness.h"
 
@@ -24,11 +24,12 @@ int g_stats_result = 0;
 int g_prov_close_result = 0;
 
 vsk_status_t OpenStats(bool creator) {
-  const store::StoreContext* ctx = store::Context();
+  const store::View store;
   // The session tables are open, the environment is there, the store is not ready yet.
   g_seen.push_back(std::string("open stats ") + (creator ? "creator " : "joiner ") +
-                   std::to_string(ctx->state) + (store::Environment() != nullptr ? " env" : "") +
-                   (ctx->client_session_db != nullptr ? " tables" : ""));
+                   std::to_string(store.state()) +
+                   (store::Environment() != nullptr ? " env" : "") +
+                   (store.client_session_db() != nullptr ? " tables" : ""));
   return g_stats_result;
 }
 vsk_status_t OpenProvisioning(bool) {

@@ -5,7 +5,7 @@
 
 #include <db.h>
 
-#include "libvsk/store/context.h"
+#include "libvsk/store/view.h"
 #include "store_helpers.h"
 #include "support/harness.h"
 
@@ -19,7 +19,7 @@ class TxnGuardTest : public VskTest {
   void SetUp() override {
     VskTest::SetUp();
     ASSERT_EQ(InitAs(&link_, true, true), 0) << traces().Dump();
-    db_ = store::Context()->client_session_db;
+    db_ = store::View().client_session_db();
   }
   void TearDown() override {
     vsk_db_close();
