@@ -30,6 +30,7 @@ constexpr const char* kMessages[] = {
     "session database is read only",
     "session database internal state is recovering",
     "session database replication is not supported in current platform",
+    // Published text: the capital "Cannot" is part of it.
     "session database Cannot find array; need array identifying TLV; please set",
     "session database is not supported in current platform",
     nullptr,

@@ -41,7 +41,7 @@ void TellEnvironment(orvd_ctx* ctx) {
   ctx->db_env_change_cbk(env);
 }
 
-// Steps 5 and 6 of the start-up: the store, then the interface table.
+// The store, then the interface table: each needs the one before.
 vsk_status_t OpenStore(orvd_ctx* ctx, bool is_orvd) {
   vsk_status_t rc = vsk_db_init(ctx, is_orvd);
   if (rc == VSK_OK) rc = vsk_db_secondary_init(is_orvd);
@@ -167,6 +167,7 @@ vsk_status_t orvd_reregister(orvd_ctx_t* ctx) {
   }
   rc = OpenStore(ctx, false);
   if (rc != VSK_OK) {
+    // Published text: the "n" after the message is part of it (a lost backslash).
     ORVD_TRACE(ctx, "Failed to init session db %sn", vsk_get_err_msg(rc));
     orvd_reg_cleanup(ctx, true, true);
     return VSK_ERR_ORVD_FATAL;

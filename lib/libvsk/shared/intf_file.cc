@@ -3,7 +3,6 @@
 // mapping, because it needs room or because another process grew it, remaps the whole
 // file at the new size. Nothing is ever given back to the heap.
 #include "libvsk/shared/intf_file.h"
-#include "libvsk/shared/lock_hold.h"
 
 #include <errno.h>
 #include <sys/mman.h>
@@ -12,6 +11,7 @@
 #include <cstring>
 
 #include "libvsk/base/trace.h"
+#include "libvsk/shared/lock_hold.h"
 #include "platform/paths.h"
 #include "vsk/shared.h"
 #include "vsk/store.h"
@@ -108,6 +108,7 @@ uint32_t Allocate(uint32_t size) {
     h = Header();
   }
   uint32_t offset = h->heap_top;
+  // Published text: "AQUIRE" is spelt so on purpose; tools match it.
   VSK_TRACE("MEM AQUIRE %d, offset %d", static_cast<int>(size), static_cast<int>(offset));
   h->heap_top += size;
   return offset;

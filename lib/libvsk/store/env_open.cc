@@ -74,7 +74,7 @@ class EnvSetup {
   vsk_status_t status_ = VSK_OK;
 };
 
-// Step 2: every parameter, in order. False with the status in `setup` on a failure.
+// Every environment parameter, in order. False with the status in `setup` on a failure.
 bool SetParameters(StoreContext* ctx, bool is_orvd, EnvSetup& setup) {
   DB_ENV* env = ctx->dbenv;
   const bool master = vsk_db_rep_is_master();
@@ -101,7 +101,7 @@ bool SetParameters(StoreContext* ctx, bool is_orvd, EnvSetup& setup) {
                     "Error setting DB environment flags: %s");
 }
 
-// Step 6. Every process attaches to the outbound queue and names its transport: on the
+// Replication: every process attaches to the outbound queue and names its transport: on the
 // master a joiner that writes (even a table open logs) must have one.
 vsk_status_t SetUpReplication(DB_ENV* env, bool is_orvd) {
   const bool master = vsk_db_rep_is_master();
