@@ -6,6 +6,7 @@
 // tree must be released before the list.
 #include <cstring>
 
+#include "libvsk/base/status.h"
 #include "libvsk/base/trace.h"
 #include "vsk/attr.h"
 
@@ -44,7 +45,7 @@ vsk_status_t vsk_update_session(patricia_root_t* tree, const vsk_attr_update_lis
         }
         st = vsk_attr_tree_add(tree, 2, key, e->new_length, e->new_value, false);
         if (st != VSK_OK) {
-          VSK_TRACE("%s: Failed to replace attribute, err=%s", __func__, vsk_get_err_msg(st));
+          VSK_TRACE("%s: Failed to replace attribute, err=%s", __func__, vsk::base::ErrorText(st));
           return st;
         }
         break;
@@ -53,7 +54,7 @@ vsk_status_t vsk_update_session(patricia_root_t* tree, const vsk_attr_update_lis
           st = vsk_attr_tree_remove(tree, 2, key, 0, nullptr, false);
           if (st != VSK_OK && st != VSK_ERR_ATTR_MISMATCH) {
             VSK_TRACE("%s: Failed to blind delete attributes, err=%s", __func__,
-                      vsk_get_err_msg(st));
+                      vsk::base::ErrorText(st));
             return st;
           }
         } else {
@@ -64,7 +65,7 @@ vsk_status_t vsk_update_session(patricia_root_t* tree, const vsk_attr_update_lis
           }
           st = vsk_attr_tree_remove(tree, 2, key, e->length, e->value, true);
           if (st != VSK_OK) {
-            VSK_TRACE("%s: Failed to delete attribute, err=%s", __func__, vsk_get_err_msg(st));
+            VSK_TRACE("%s: Failed to delete attribute, err=%s", __func__, vsk::base::ErrorText(st));
             return st;
           }
         }
@@ -114,7 +115,7 @@ vsk_status_t vsk_update_session_dynamic(patricia_root_t* tree, const vsk_dyn_upd
         ident_value = e.new_value;
       } else {
         VSK_TRACE("%s: No array value in identifying TLV, err=%s ", __func__,
-                  vsk_get_err_msg(VSK_ERR_INVALID_PARAM));
+                  vsk::base::ErrorText(VSK_ERR_INVALID_PARAM));
         return VSK_ERR_INVALID_PARAM;
       }
     } else if (tag == VSK_ARRAY_MEMBER_TLV) {
@@ -153,20 +154,22 @@ vsk_status_t vsk_update_session_dynamic(patricia_root_t* tree, const vsk_dyn_upd
           }
           st = vsk_dyn_tree_remove(tree, klen, e.name, e.length, e.value, cur_id, true);
           if (st != VSK_OK && !(st == VSK_ERR_ATTR_MISMATCH && ident_replaced)) {
-            VSK_TRACE("%s: Failed to delete old attribute, err=%s", __func__, vsk_get_err_msg(st));
+            VSK_TRACE("%s: Failed to delete old attribute, err=%s", __func__,
+                      vsk::base::ErrorText(st));
             return st;
           }
         } else {
           st = vsk_dyn_tree_remove(tree, klen, e.name, 0, nullptr, cur_id, false);
           if (st != VSK_OK && st != VSK_ERR_ATTR_MISMATCH) {
-            VSK_TRACE("%s: Failed to delete old attributes, err=%s", __func__, vsk_get_err_msg(st));
+            VSK_TRACE("%s: Failed to delete old attributes, err=%s", __func__,
+                      vsk::base::ErrorText(st));
             return st;
           }
         }
         st = vsk_dyn_tree_add(tree, klen, e.name, e.new_length, e.new_value, tag, array_value,
                               &cur_id, &cur_members, &cur_index, &cur_index_node, false);
         if (st != VSK_OK) {
-          VSK_TRACE("%s: Failed to replace attribute, err=%s", __func__, vsk_get_err_msg(st));
+          VSK_TRACE("%s: Failed to replace attribute, err=%s", __func__, vsk::base::ErrorText(st));
           return st;
         }
         break;
@@ -175,7 +178,7 @@ vsk_status_t vsk_update_session_dynamic(patricia_root_t* tree, const vsk_dyn_upd
                               &cur_members, &cur_index, &cur_index_node, false);
         if (st != VSK_OK) {
           VSK_TRACE("%s: Failed to append attributes to patricia tree, err=%s", __func__,
-                    vsk_get_err_msg(st));
+                    vsk::base::ErrorText(st));
           return st;
         }
         break;
@@ -189,7 +192,7 @@ vsk_status_t vsk_update_session_dynamic(patricia_root_t* tree, const vsk_dyn_upd
           st = vsk_dyn_tree_remove(tree, klen, e.name, 0, nullptr, cur_id, false);
           if (st != VSK_OK && st != VSK_ERR_ATTR_MISMATCH) {
             VSK_TRACE("%s: Failed to blind delete attributes, err=%s", __func__,
-                      vsk_get_err_msg(st));
+                      vsk::base::ErrorText(st));
             return st;
           }
         } else {
@@ -200,7 +203,7 @@ vsk_status_t vsk_update_session_dynamic(patricia_root_t* tree, const vsk_dyn_upd
           }
           st = vsk_dyn_tree_remove(tree, klen, e.name, e.length, e.value, cur_id, true);
           if (st != VSK_OK) {
-            VSK_TRACE("%s: Failed to delete attribute, err=%s", __func__, vsk_get_err_msg(st));
+            VSK_TRACE("%s: Failed to delete attribute, err=%s", __func__, vsk::base::ErrorText(st));
             return st;
           }
         }
@@ -214,7 +217,7 @@ vsk_status_t vsk_update_session_dynamic(patricia_root_t* tree, const vsk_dyn_upd
         }
         st = vsk_dyn_tree_remove(tree, klen, e.name, e.length, e.value, cur_id, e.length != 0);
         if (st != VSK_OK) {
-          VSK_TRACE("%s: Failed to delete attribute, err=%s", __func__, vsk_get_err_msg(st));
+          VSK_TRACE("%s: Failed to delete attribute, err=%s", __func__, vsk::base::ErrorText(st));
           return st;
         }
         break;

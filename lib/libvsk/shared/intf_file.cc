@@ -11,7 +11,9 @@
 #include <cstring>
 
 #include "libvsk/base/trace.h"
+#include "libvsk/shared/avl.h"
 #include "libvsk/shared/lock_hold.h"
+#include "libvsk/store/env.h"
 #include "platform/paths.h"
 #include "vsk/shared.h"
 #include "vsk/store.h"
@@ -90,7 +92,7 @@ int GrowOrFollow(int32_t new_size) {
     return -1;
   }
   g_map.base = static_cast<char*>(p);
-  SHGenAVLInitBase(g_map.base);
+  vsk::shared::avl::InitBase(g_map.base);
   VSK_TRACE("OFFSET Changed");
   Header()->file_size = new_size;
   g_map.mapped_size = new_size;
@@ -123,7 +125,7 @@ vsk_status_t Lock() {
     // may have left it half-changed: nobody may use it until it is rebuilt.
     VSK_TRACE("*** BAD *** LOCK was still open by pid %d", holder);
     if (ReleaseLock(VSK_LOCK_HEAP) != 0) VSK_TRACE("Failed to unlock with failed pid");
-    vsk_db_event_recover();
+    vsk::store::EventRecover();
     return VSK_ERR_SECONDARY_RECOVERY;
   }
   Header()->lock_pid = g_map.pid;
@@ -155,12 +157,13 @@ vsk_status_t Begin() {
 vsk_status_t Finish(vsk_status_t status) { return Unlock() == VSK_OK ? status : VSK_ERR_FATAL; }
 
 void StoreInterfaceFunctions() {
-  SHGenAVLTreeSetFunctions(&Header()->interfaces, CompareInterface, InterfaceKey, nullptr, nullptr);
+  vsk::shared::avl::SetFunctions(&Header()->interfaces, CompareInterface, InterfaceKey, nullptr,
+                                 nullptr);
 }
 
 SHGenAVLTree SessionTree(uint32_t root) {
   SHGenAVLTree tree{};
-  SHGenAVLTreeSetFunctions(&tree, CompareSession, SessionKey, nullptr, nullptr);
+  vsk::shared::avl::SetFunctions(&tree, CompareSession, SessionKey, nullptr, nullptr);
   tree.root = root;
   return tree;
 }

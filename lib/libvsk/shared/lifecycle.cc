@@ -14,8 +14,11 @@
 
 #include "libvsk/base/trace.h"
 #include "libvsk/shared/attachments.h"
+#include "libvsk/shared/ids_and_counters.h"
 #include "libvsk/shared/intf_file.h"
 #include "libvsk/shared/layout.h"
+#include "libvsk/shared/regions.h"
+#include "libvsk/store/env.h"
 #include "platform/lodex.h"
 #include "platform/paths.h"
 #include "vsk/shared.h"
@@ -47,13 +50,13 @@ int AttachKeyFiles(bool create) {
 }
 
 int AttachCounters(bool) {
-  vsk_summary_counter_attach();
+  vsk::shared::CounterAttach();
   return 0;
 }
 
 // The status word: the creator marks the shared state as opened, not yet rebuilt.
 int AttachStatusWord(bool create) {
-  vsk_db_status = static_cast<uint32_t*>(vsk_get_shm_ptr(VSK_SHM_DB_STATUS_OFFSET));
+  vsk_db_status = static_cast<uint32_t*>(vsk::shared::ShmPtr(VSK_SHM_DB_STATUS_OFFSET));
   if (create && vsk_db_status != nullptr) *vsk_db_status = VSK_DB_STATUS_OPENED;
   return vsk_db_status != nullptr ? 0 : -1;
 }
@@ -65,15 +68,15 @@ void DetachUnitPools() {
 
 const Attachment kAttachments[] = {
     {"key files", AttachKeyFiles, nullptr, nullptr, nullptr, nullptr},
-    {"main segment", vsk_shared_memory_init, vsk_detach_shm,
-     [] { return vsk_get_shm_ptr(0) != nullptr; }, "Failed to init shared memory %d", nullptr},
-    {"snapshot segment", vsk_snap_shared_memory_init, [] { vsk_snap_detach_shm(); },
-     [] { return vsk_snap_get_shared_memory_ptr() != nullptr; },
+    {"main segment", SharedMemoryInit, DetachShm, [] { return vsk::shared::ShmPtr(0) != nullptr; },
+     "Failed to init shared memory %d", nullptr},
+    {"snapshot segment", SnapSharedMemoryInit, [] { SnapDetachShm(); },
+     [] { return vsk::shared::SnapShmPtr() != nullptr; },
      "Failed to init snapshot shared memory %d\n", nullptr},
     // The id generator obtains the semaphore set (kept across a close).
-    {"semaphore set and id generator", vsk_id_generator_attach, vsk_id_generator_detach,
-     IdGeneratorAttached, "Failed to init id generator %d", nullptr},
-    {"summary counters", AttachCounters, vsk_summary_counter_detach,
+    {"semaphore set and id generator", IdGeneratorAttach, IdGeneratorDetach, IdGeneratorAttached,
+     "Failed to init id generator %d", nullptr},
+    {"summary counters", AttachCounters, CounterDetach,
      [] { return vsk_summary_counter != nullptr; }, nullptr, nullptr},
     {"status word", AttachStatusWord, [] { vsk_db_status = nullptr; },
      [] { return vsk_db_status != nullptr; }, nullptr, nullptr},
@@ -118,7 +121,7 @@ extern "C" {
 int vsk_open_internal(bool create) { return vsk::shared::AttachAll(create); }
 
 int vsk_close_internal(void) {
-  const int result = vsk_db_close();
+  const int result = vsk::store::Close();
   vsk::shared::DetachAll();
   return result;
 }

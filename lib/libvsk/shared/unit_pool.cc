@@ -23,10 +23,12 @@
 #include <cstdio>
 #include <cstring>
 
+#include "libvsk/base/role.h"
 #include "libvsk/base/trace.h"
 #include "libvsk/shared/attachments.h"
 #include "libvsk/shared/layout.h"
 #include "libvsk/shared/lock_hold.h"
+#include "libvsk/shared/regions.h"
 #include "libvsk/store/joins.h"
 #include "vsk/shared.h"
 #include "vsk/store.h"
@@ -118,7 +120,7 @@ void vsk_unit_init(int32_t max, bool init, uint32_t type) {
     return;
   }
   const PoolGeometry& geometry = kGeometry[type];
-  auto* header = static_cast<UnitPoolHeader*>(vsk_get_shm_ptr(geometry.offset));
+  auto* header = static_cast<UnitPoolHeader*>(vsk::shared::ShmPtr(geometry.offset));
   if (header == nullptr) {
     VSK_TRACE("%s: unit_allocator[%d] is NULL", kFn, static_cast<int>(type));
     return;
@@ -261,7 +263,7 @@ void vsk_dump_pool(uint32_t type) {
   std::printf("max unit number = %d\n", static_cast<int>(h.max));
   std::printf("head = %d\n", h.head);
   std::printf("tail = %d\n", h.tail);
-  std::printf("master = %d\n", vsk_db_rep_is_master() ? 1 : 0);
+  std::printf("master = %d\n", vsk::base::IsMaster() ? 1 : 0);
   std::printf("allocated = {\n");
   const uint32_t entries = Entries(*pool);
   for (uint32_t i = 0; i < entries; ++i) {

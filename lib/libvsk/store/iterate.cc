@@ -10,8 +10,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "libvsk/base/status.h"
 #include "libvsk/base/trace.h"
 #include "libvsk/store/context.h"
+#include "libvsk/store/dyn_db_internal.h"
 #include "libvsk/store/records.h"
 #include "vsk/dyn_db.h"
 #include "vsk/tables.h"
@@ -24,16 +26,16 @@ namespace vsk::store {
 namespace {
 
 vsk_status_t SetOn(DBC* cursor, vsk_session_id_t id) {
-  return dyn_db_set_cursor(cursor, &id, sizeof id);
+  return vsk::store::DynSetCursor(cursor, &id, sizeof id);
 }
 
 // Key of the table's last record; 0 for an empty table (or when it cannot be read).
 vsk_session_id_t LastKey(DBC* cursor) {
   vsk_session_key_t* key = nullptr;
-  dyn_db_get_cursor(cursor, nullptr, nullptr, &key, DecodeSessionKey, nullptr, nullptr, nullptr,
-                    nullptr, DB_LAST, nullptr, 0);
+  vsk::store::DynGetCursor(cursor, nullptr, nullptr, &key, DecodeSessionKey, nullptr, nullptr,
+                           nullptr, nullptr, DB_LAST, nullptr, 0);
   vsk_session_id_t id = key != nullptr ? key->id : 0;
-  vsk_db_release_key_session_id(key, true);
+  vsk::store::ReleaseKeySessionId(key, true);
   return id;
 }
 
@@ -48,7 +50,7 @@ vsk_status_t WalkSessions(DB* db, vsk_value_decoder_t decoder, vsk_db_txn_t* wal
   // The walk's cursor, inside the caller's transaction, for this call only.
   DBC* cursor = nullptr;
   int ret = db->cursor(db, walk->txn, &cursor, 0);
-  if (ret != 0) return get_vsk_err(ret);
+  if (ret != 0) return vsk::base::TranslateError(ret);
   walk->cursor = cursor;
   vsk_status_t st = VSK_OK;
   uint32_t op = DB_FIRST;
@@ -92,21 +94,21 @@ vsk_status_t WalkSessions(DB* db, vsk_value_decoder_t decoder, vsk_db_txn_t* wal
   }
   // Read the record at the position, decoded (and filtered by `mask`).
   if (st == VSK_OK) {
-    st = dyn_db_get_cursor(cursor, nullptr, nullptr, key_out, DecodeSessionKey, record_out, decoder,
-                           nullptr, nullptr, op, mask, mask_len);
+    st = vsk::store::DynGetCursor(cursor, nullptr, nullptr, key_out, DecodeSessionKey, record_out,
+                                  decoder, nullptr, nullptr, op, mask, mask_len);
     // Look ahead to the next key, so the caller can resume there; at the end *next_out stays as it
     // was.
     if (st == VSK_OK || st == VSK_ERR_SNAPSHOT_ONLY) {
       vsk_status_t ahead =
-          dyn_db_get_cursor(cursor, nullptr, nullptr, next_out, DecodeSessionKey, nullptr, nullptr,
-                            nullptr, nullptr, DB_NEXT, nullptr, 0);
+          vsk::store::DynGetCursor(cursor, nullptr, nullptr, next_out, DecodeSessionKey, nullptr,
+                                   nullptr, nullptr, nullptr, DB_NEXT, nullptr, 0);
       if (ahead != VSK_OK && ahead != VSK_ERR_NOT_FOUND) st = ahead;
     }
   }
   // The cursor goes in every case; its close failure counts only after a good read.
   ret = cursor->close(cursor);
   walk->cursor = nullptr;
-  if (st == VSK_OK) st = get_vsk_err(ret);
+  if (st == VSK_OK) st = vsk::base::TranslateError(ret);
   return st;
 }
 
@@ -174,28 +176,28 @@ vsk_status_t vsk_db_iterate_app_defined(vsk_db_txn_t* walk, const void* current_
   }
   DBC* cursor = nullptr;
   int ret = db->cursor(db, walk->txn, &cursor, 0);
-  if (ret != 0) return get_vsk_err(ret);
+  if (ret != 0) return vsk::base::TranslateError(ret);
   walk->cursor = cursor;
   const uint16_t key_len = vsk_app_defined[table_id].key_len;
   uint32_t op = DB_FIRST;
   vsk_status_t st = VSK_OK;
   if (next_key != nullptr) {
-    st = dyn_db_set_cursor(cursor, next_key, key_len);
+    st = vsk::store::DynSetCursor(cursor, next_key, key_len);
     op = DB_CURRENT;
   }
   if (st == VSK_OK) {
     (*key_out)->table_id = table_id;
     (*next_out)->table_id = table_id;
     g_walk_key_len = key_len;
-    st = dyn_db_get_cursor(cursor, nullptr, nullptr, &(*key_out)->key, DecodeAppDefKey, nullptr,
-                           nullptr, nullptr, nullptr, op, nullptr, 0);
+    st = vsk::store::DynGetCursor(cursor, nullptr, nullptr, &(*key_out)->key, DecodeAppDefKey,
+                                  nullptr, nullptr, nullptr, nullptr, op, nullptr, 0);
   }
   if (st == VSK_OK) {
-    st = dyn_db_get_cursor(cursor, nullptr, nullptr, &(*next_out)->key, DecodeAppDefKey, nullptr,
-                           nullptr, nullptr, nullptr, DB_NEXT, nullptr, 0);
+    st = vsk::store::DynGetCursor(cursor, nullptr, nullptr, &(*next_out)->key, DecodeAppDefKey,
+                                  nullptr, nullptr, nullptr, nullptr, DB_NEXT, nullptr, 0);
     ret = cursor->close(cursor);
     walk->cursor = nullptr;
-    if (st == VSK_OK || st == VSK_ERR_NOT_FOUND) return get_vsk_err(ret);
+    if (st == VSK_OK || st == VSK_ERR_NOT_FOUND) return vsk::base::TranslateError(ret);
     return st;
   }
   cursor->close(cursor);

@@ -2,6 +2,7 @@
 // by writing and deleting a throw-away client record under session id 0 (never a real
 // session) in one transaction. Only the log records remain.
 #include "libvsk/base/trace.h"
+#include "libvsk/store/tables.h"
 #include "libvsk/store/txn.h"
 #include "vsk/attr.h"
 #include "vsk/store.h"
@@ -11,9 +12,7 @@ namespace {
 constexpr int kAttempts = 4;
 }
 
-extern "C" {
-
-vsk_status_t vsk_trigger_sync(void) {
+extern "C" vsk_status_t vsk_trigger_sync(void) {
   using vsk::store::Txn;
   vsk_status_t st = vsk::store::Check();
   if (st != VSK_OK) return st;
@@ -32,8 +31,8 @@ vsk_status_t vsk_trigger_sync(void) {
     vsk_db_txn_t block{};
     Txn txn(&block);
     vsk_status_t pass = txn.Begin();
-    if (pass == VSK_OK) pass = vsk_db_put_client_session(&block, &id, &rec);
-    if (pass == VSK_OK) pass = vsk_db_del_client_session(&block, &id);
+    if (pass == VSK_OK) pass = vsk::store::PutClientSession(&block, &id, &rec);
+    if (pass == VSK_OK) pass = vsk::store::DelClientSession(&block, &id);
     if (pass != VSK_OK) return txn.Fail(pass);
     committed = true;
     return txn.Commit();  // the commit's status is the call's, without a retry
@@ -43,5 +42,3 @@ vsk_status_t vsk_trigger_sync(void) {
   VSK_TRACE("Failed to trigger db synchronizatoin %d", st);
   return st;
 }
-
-}  // extern "C"

@@ -8,6 +8,7 @@
 
 #include <db.h>
 
+#include "libvsk/base/status.h"
 #include "libvsk/base/trace.h"
 #include "libvsk/store/context.h"
 #include "libvsk/store/joins.h"
@@ -46,7 +47,7 @@ vsk_status_t StartTxn(vsk_db_txn_t* block) {
     VSK_TRACE("Failed to start transaction: %s", db_strerror(ret));
     block->txn = nullptr;
   }
-  return get_vsk_err(ret);
+  return vsk::base::TranslateError(ret);
 }
 
 vsk_status_t EndTxn(vsk_db_txn_t* block) {
@@ -54,7 +55,7 @@ vsk_status_t EndTxn(vsk_db_txn_t* block) {
   int ret = block->txn->commit(block->txn, 0);
   if (ret != 0) VSK_TRACE("Failed to end transaction: %s\n", db_strerror(ret));
   block->txn = nullptr;
-  return get_vsk_err(ret);
+  return vsk::base::TranslateError(ret);
 }
 
 vsk_status_t AbortTxn(vsk_db_txn_t* block, vsk_status_t status) {
@@ -63,7 +64,7 @@ vsk_status_t AbortTxn(vsk_db_txn_t* block, vsk_status_t status) {
   int ret = block->txn->abort(block->txn);
   if (ret != 0) VSK_TRACE("Failed to abort transaction: %s\n", db_strerror(ret));
   block->txn = nullptr;
-  return get_vsk_err(ret);
+  return vsk::base::TranslateError(ret);
 }
 
 Txn::~Txn() {
