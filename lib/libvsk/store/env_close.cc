@@ -11,6 +11,7 @@
 #include <db.h>
 
 #include "libvsk/orvd_ctx.h"
+#include "libvsk/sidedata/provdb_internal.h"
 #include "libvsk/store/env_internal.h"
 #include "libvsk/trace.h"
 #include "platform/lodex.h"
@@ -81,6 +82,17 @@ int vsk_db_close(void) {
   }
 
   // The statistics and provisioning tables close here, before the environment.
+  {
+    // In panic the table is only forgotten: nothing was closed, so nothing is reported.
+    const bool report = vsk::sidedata::ProvisionTableOpen() && !vsk_in_panic;
+    const int ret = vsk::sidedata::CloseProvisionTable();
+    if (ret != 0) {
+      VSK_TRACE("Failed to close dcp provisioning db %s", db_strerror(ret));
+      failed = true;
+    } else if (report) {
+      VSK_TRACE("closed dcp provisioning db");
+    }
+  }
 
   if (!vsk_in_panic) {
     int ret = ctx->dbenv->close(ctx->dbenv, 0);

@@ -17,6 +17,7 @@
 #include <cstring>
 #include <string>
 
+#include "libvsk/sidedata/provdb_internal.h"
 #include "libvsk/store/env_internal.h"
 #include "libvsk/trace.h"
 #include "platform/lodex.h"
@@ -238,6 +239,11 @@ vsk_status_t vsk_db_init(orvd_ctx* orvd_handle, bool is_orvd) {
   if (st != VSK_OK) return st;
 
   // The statistics and provisioning tables open here, after the session tables.
+  ret = vsk::sidedata::OpenProvisionTable(ctx->dbenv);
+  if (ret != 0) {
+    return TableOpenFailure(ctx, ret, "DCF Provisioning database is not available %s",
+                            "Failed to init DCF provisioning db %s");
+  }
 
   ctx->state = VSK_ENV_READY;
   return VSK_OK;
