@@ -105,13 +105,13 @@ bool ProvisionTableOpen() { return g_provdb.db != nullptr; }
 
 int OpenProvisionTable(DB_ENV* env) {
   if (env == nullptr) {
-    PROVDB_FAILURE_TRACE("provdb_init_db:- Error invalid vsk env ptr\n");
+    PROVDB_FAILURE_TRACE_IN("provdb_init_db", "provdb_init_db:- Error invalid vsk env ptr\n");
     return -1;
   }
   provdb_initialize_provision_dbs(&g_provdb);
   int ret = provdb_set_db_filenames(&g_provdb) ? provdb_databases_setup(&g_provdb, env) : ENOMEM;
   if (ret != 0) {
-    PROVDB_FAILURE_TRACE("provdb_init_db:- Error opening databases\n");
+    PROVDB_FAILURE_TRACE_IN("provdb_init_db", "provdb_init_db:- Error opening databases\n");
     CloseProvisionTable();
   }
   return ret;
@@ -120,7 +120,9 @@ int OpenProvisionTable(DB_ENV* env) {
 int CloseProvisionTable() {
   const int ret = provdb_database_close(&g_provdb.db);
   provdb_databases_free(&g_provdb);
-  if (ret != 0) PROVDB_FAILURE_TRACE("provdb_db_close:- failed with err:%d\n", ret);
+  if (ret != 0) {
+    PROVDB_FAILURE_TRACE_IN("provdb_db_close", "provdb_db_close:- failed with err:%d\n", ret);
+  }
   return ret;
 }
 

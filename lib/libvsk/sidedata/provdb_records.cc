@@ -22,16 +22,7 @@ bool KeyFits(const provdb_provision_info_record_t* r) {
   return r->key != nullptr && r->key_len <= kRoom - kHead;
 }
 
-// The table, or null after the trace `env_text` when the store or the table is not open.
-DB* Table(const char* env_text) {
-  DB_ENV* env = nullptr;
-  vsk_db_get_dbenv(&env);
-  if (env == nullptr || provdb_state().db == nullptr) {
-    PROVDB_FAILURE_TRACE("%s", env_text);
-    return nullptr;
-  }
-  return provdb_state().db;
-}
+constexpr const char kGet[] = "provdb_get_provision_info_record";
 
 vsk_status_t provdb_store_provision_info_record(ProvisionDbs* state,
                                                 const provdb_provision_info_record_t* r) {
@@ -88,8 +79,8 @@ vsk_status_t TakeValue(const DBT& value, provdb_provision_info_record_t* r) {
   uint32_t len = 0;
   if (value.size < kLengthWord ||
       (std::memcpy(&len, value.data, kLengthWord), len > value.size - kLengthWord)) {
-    PROVDB_FAILURE_TRACE("provdb_get_provision_info_record:- bad stored value, %u bytes\n",
-                         value.size);
+    PROVDB_FAILURE_TRACE_IN(kGet, "provdb_get_provision_info_record:- bad stored value, %u bytes\n",
+                            value.size);
     return VSK_ERR_CORRUPT;
   }
   auto* data = static_cast<uint8_t*>(std::malloc(len != 0 ? len : 1));
@@ -101,11 +92,16 @@ vsk_status_t TakeValue(const DBT& value, provdb_provision_info_record_t* r) {
 }
 
 vsk_status_t GetRecord(provdb_provision_info_record_t* r) {
-  DB* db = Table("provdb_get_provision_info_record: bad vsk env ptr\n");
-  if (db == nullptr) return VSK_ERR_FATAL;
+  DB_ENV* env = nullptr;
+  vsk_db_get_dbenv(&env);
+  DB* db = provdb_state().db;
+  if (env == nullptr || db == nullptr) {
+    PROVDB_FAILURE_TRACE_IN(kGet, "provdb_get_provision_info_record: bad vsk env ptr\n");
+    return VSK_ERR_FATAL;
+  }
   if (!KeyFits(r)) {
-    PROVDB_FAILURE_TRACE("provdb_get_provision_info_record:- invalid key, key_len %u\n",
-                         r->key_len);
+    PROVDB_FAILURE_TRACE_IN(kGet, "provdb_get_provision_info_record:- invalid key, key_len %u\n",
+                            r->key_len);
     return VSK_ERR_INVALID_PARAM;
   }
   uint8_t key_buf[kRoom] = {};
@@ -121,13 +117,13 @@ vsk_status_t GetRecord(provdb_provision_info_record_t* r) {
   st = get_vsk_err(db->get(db, txn.txn, &key, &value, DB_RMW));
   if (st != VSK_OK) {
     vsk_db_abort_txn(&txn, st);
-    PROVDB_FAILURE_TRACE("provdb_get_provision_info_record:- get failed:%d\n", st);
+    PROVDB_FAILURE_TRACE_IN(kGet, "provdb_get_provision_info_record:- get failed:%d\n", st);
     return st;
   }
   st = vsk_db_end_txn(&txn);
   if (st != VSK_OK) {
     db->errx(db, "Err searching provdb for record:");
-    PROVDB_FAILURE_TRACE("Err searching provdb for record err:%d", st);
+    PROVDB_FAILURE_TRACE_IN(kGet, "Err searching provdb for record err:%d", st);
   } else {
     st = TakeValue(value, r);
   }
