@@ -3,7 +3,7 @@
 // of the tagged form, made by one macro). Each checks its arguments and makes one call into
 // the table codec.
 #include "libvsk/sidedata/field_codec.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "vsk/pfltd.h"
 
 namespace vsk::sidedata {

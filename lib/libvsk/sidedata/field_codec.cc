@@ -2,12 +2,20 @@
 // decode and release, in the tagged and the positional form.
 #include "libvsk/sidedata/field_codec.h"
 
+#include <endian.h>
+
 #include <cstring>
 
-#include "libvsk/sidedata/wire_reader.h"
+#include "libvsk/base/byte_reader.h"
+#include "libvsk/base/byte_writer.h"
+#include "libvsk/store/records.h"
 
 namespace vsk::sidedata {
 namespace {
+
+using base::ByteReader;
+using base::ByteWriter;
+using store::RecordWriter;
 
 bool Selected(const uint8_t* mask, size_t bit) {
   return mask == nullptr || ((mask[bit / 8] >> (bit % 8)) & 1) != 0;
@@ -32,44 +40,38 @@ const char* Item(const pfltd_vsk_array_t& a, uint32_t i) {
   return a.items[i] != nullptr ? a.items[i] : "";
 }
 
-// The two-pass writer: counts every byte asked for, writes only what fits.
-class WireWriter {
- public:
-  WireWriter(uint8_t* buffer, uint32_t size) : out_(buffer), size_(buffer ? size : 0) {}
-
-  // Room for `n` bytes at the end, or null when they do not fit; the end moves on anyway.
-  uint8_t* Reserve(uint64_t n) {
-    uint8_t* at = end_ + n <= size_ ? out_ + end_ : nullptr;
-    end_ += n;
-    return at;
-  }
-  // Zero bytes up to a multiple of 4, written only when all of them fit.
-  void Pad() {
-    const uint64_t padded = RoundUp4(end_);
-    if (padded <= size_) std::memset(out_ + end_, 0, padded - end_);
-    end_ = padded;
-  }
-  uint32_t size_needed() const { return end_ > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(end_); }
-
- private:
-  uint8_t* out_;
-  uint64_t size_;
-  uint64_t end_ = 0;
-};
-
-void PutBe(uint8_t* at, uint32_t value, uint32_t width) {
-  for (uint32_t i = 0; i < width; ++i) at[i] = static_cast<uint8_t>(value >> (8 * (width - 1 - i)));
+// Zero bytes up to a multiple of 4 of the running offset, written only when all of them
+// fit.
+void Pad(RecordWriter& out) {
+  const uint32_t n = static_cast<uint32_t>(RoundUp4(out.total()) - out.total());
+  ByteWriter piece;
+  if (n != 0 && out.Reserve(n, &piece)) piece.Bytes(nullptr, n);
 }
 
-bool GetBe(WireReader& in, uint32_t width, uint32_t* out) {
+// Big-endian integers of 2 or 4 bytes on the wire.
+void PutBe(ByteWriter& out, uint32_t value, uint32_t width) {
+  if (width == 2) {
+    out.Put<uint16_t>(htobe16(static_cast<uint16_t>(value)));
+  } else {
+    out.Put<uint32_t>(htobe32(value));
+  }
+}
+
+bool GetBe(ByteReader& in, uint32_t width, uint32_t* out) {
   if (width == 2) {
     uint16_t v;
-    if (!in.GetBe16(&v)) return false;
-    *out = v;
+    if (!in.Get(&v)) return false;
+    *out = be16toh(v);
     return true;
   }
-  return in.GetBe32(out);
+  uint32_t v;
+  if (!in.Get(&v)) return false;
+  *out = be32toh(v);
+  return true;
 }
+
+// Moves `in` on to `pos`; false when that lies past the end.
+bool SkipTo(ByteReader& in, uint64_t pos) { return pos >= in.pos() && in.Skip(pos - in.pos()); }
 
 // The value bytes of one tagged field, or null for a field that writes no element.
 struct Value {
@@ -99,28 +101,25 @@ Value TaggedValueSize(const FieldDesc& f, const void* record) {
   return Value{};
 }
 
-void WriteTaggedValue(const FieldDesc& f, const void* record, uint8_t* at) {
+// REQUIRES: `out` has room for the value TaggedValueSize gave.
+void WriteTaggedValue(const FieldDesc& f, const void* record, ByteWriter& out) {
   switch (f.kind) {
     case FieldKind::kString: {
       const char* s = Member<char*>(record, f);
-      std::memcpy(at, s, std::strlen(s) + 1);
+      out.Bytes(s, std::strlen(s) + 1);
       break;
     }
     case FieldKind::kU32:
-      PutBe(at, Member<uint32_t>(record, f), 4);
+      PutBe(out, Member<uint32_t>(record, f), 4);
       break;
     case FieldKind::kArray: {
       const auto& a = Member<pfltd_vsk_array_t>(record, f);
-      for (uint32_t i = 0; i < ItemCount(a); ++i) {
-        const size_t n = std::strlen(Item(a, i)) + 1;
-        std::memcpy(at, Item(a, i), n);
-        at += n;
-      }
+      for (uint32_t i = 0; i < ItemCount(a); ++i) out.Bytes(Item(a, i), std::strlen(Item(a, i)) + 1);
       break;
     }
     case FieldKind::kBlob: {
       const auto& b = Member<vsk_tlv_blob_t>(record, f);
-      if (b.data != nullptr && b.len != 0) std::memcpy(at, b.data, b.len);
+      if (b.data != nullptr) out.Bytes(b.data, b.len);
       break;
     }
   }
@@ -146,10 +145,11 @@ bool AllocItems(pfltd_vsk_array_t& a, uint32_t count, vsk_codec_alloc_t alloc, v
 }
 
 // Reads the value of one tagged element into its field.
-int32_t ReadTaggedValue(const FieldDesc& f, void* record, const WireReader& value,
+int32_t ReadTaggedValue(const FieldDesc& f, void* record, ByteReader value,
                         vsk_codec_alloc_t alloc, void* ctx) {
-  const uint8_t* v = value.here();
-  const uint32_t len = value.size();
+  const auto len = static_cast<uint32_t>(value.size());
+  const uint8_t* v = nullptr;
+  value.Take(len, &v);
   switch (f.kind) {
     case FieldKind::kString: {
       char*& s = Member<char*>(record, f);
@@ -160,8 +160,8 @@ int32_t ReadTaggedValue(const FieldDesc& f, void* record, const WireReader& valu
       return s != nullptr ? 0 : kNoMemory;
     }
     case FieldKind::kU32: {
-      WireReader r = value;
-      return r.GetBe32(&Member<uint32_t>(record, f)) ? 0 : kMalformed;
+      ByteReader number(v, len);
+      return GetBe(number, 4, &Member<uint32_t>(record, f)) ? 0 : kMalformed;
     }
     case FieldKind::kArray: {
       auto& a = Member<pfltd_vsk_array_t>(record, f);
@@ -198,40 +198,46 @@ int32_t ReadTaggedValue(const FieldDesc& f, void* record, const WireReader& valu
 
 // One positional text: up to its NUL, or all but the last remaining byte when there is
 // none. `pad` moves on to a multiple of 4 afterwards.
-int32_t ReadPositionalText(WireReader& in, char** out, bool pad, bool need_nul,
+int32_t ReadPositionalText(ByteReader& in, char** out, bool pad, bool need_nul,
                            vsk_codec_alloc_t alloc, void* ctx) {
-  if (in.remaining() == 0) return kMalformed;
-  const auto* nul = static_cast<const uint8_t*>(std::memchr(in.here(), 0, in.remaining()));
-  if (nul == nullptr && need_nul) return kMalformed;
-  const uint32_t n = nul != nullptr ? static_cast<uint32_t>(nul - in.here()) : in.remaining() - 1;
+  if (in.empty()) return kMalformed;
+  const size_t start_pos = in.pos();
+  const uint8_t* start = in.here();
+  const char* text = nullptr;
+  size_t n = 0;
+  if (!in.CString(&text, &n)) {
+    if (need_nul) return kMalformed;
+    n = in.remaining() - 1;
+  }
   if (alloc == nullptr) return kNoMemory;
-  *out = CopyText(in.here(), n, n + 1, alloc, ctx);
+  *out = CopyText(start, n, n + 1, alloc, ctx);
   if (*out == nullptr) return kNoMemory;
-  const uint64_t end = uint64_t{in.pos()} + n + 1;
+  const uint64_t end = uint64_t{start_pos} + n + 1;
   // Padding that runs past the input leaves nothing for the field after the text.
-  return in.Seek(pad ? RoundUp4(end) : end) ? 0 : kMalformed;
+  return SkipTo(in, pad ? RoundUp4(end) : end) ? 0 : kMalformed;
 }
 
 }  // namespace
 
 uint32_t EncodeTagged(const Schema& schema, const void* record, const uint8_t* mask,
                       uint8_t* buffer, uint32_t size) {
-  WireWriter out(buffer, size);
+  RecordWriter out(buffer, size);
   const uint32_t hw = schema.header_width;
   for (size_t i = 0; i < schema.fields.size(); ++i) {
     const FieldDesc& f = schema.fields[i];
     if (!Selected(mask, i)) continue;
     const Value v = TaggedValueSize(f, record);
     if (!v.present) continue;
-    if (uint8_t* at = out.Reserve(2 * hw + v.length)) {
-      PutBe(at, f.tag, hw);
-      // A list longer than the length field holds keeps only the low bits of its length.
-      PutBe(at + hw, static_cast<uint32_t>(v.length), hw);
-      WriteTaggedValue(f, record, at + 2 * hw);
+    ByteWriter piece;
+    if (out.Reserve(static_cast<uint32_t>(2 * hw + v.length), &piece)) {
+      PutBe(piece, f.tag, hw);
+      // A value longer than the length field holds keeps only the low bits of its length.
+      PutBe(piece, static_cast<uint32_t>(v.length), hw);
+      WriteTaggedValue(f, record, piece);
     }
-    if (f.kind != FieldKind::kU32) out.Pad();
+    if (f.kind != FieldKind::kU32) Pad(out);
   }
-  return out.size_needed();
+  return out.total();
 }
 
 int32_t DecodeTagged(const Schema& schema, void* record, uint8_t* mask, const uint8_t* buffer,
@@ -240,17 +246,17 @@ int32_t DecodeTagged(const Schema& schema, void* record, uint8_t* mask, const ui
   if (mask != nullptr) std::memset(mask, 0, schema.mask_bytes);
   const uint32_t hw = schema.header_width;
   uint64_t seen = 0;
-  WireReader in(buffer, size);
+  ByteReader in(buffer, size);
   for (;;) {
-    const uint32_t start = in.pos();
+    const auto start = static_cast<int32_t>(in.pos());
     uint32_t tag = 0;
     uint32_t length = 0;
-    WireReader value(nullptr, 0);
+    ByteReader value;
     // A header or a value that does not fit ends the decode before the element.
     if (!GetBe(in, hw, &tag) || !GetBe(in, hw, &length) || !in.Slice(length, &value)) {
-      return static_cast<int32_t>(start);
+      return start;
     }
-    const uint32_t end = in.pos();
+    const size_t end = in.pos();
     const int index = tag < schema.by_tag.size() ? schema.by_tag[tag] : -1;
     if (index >= 0) {
       const FieldDesc& f = schema.fields[index];
@@ -267,31 +273,32 @@ int32_t DecodeTagged(const Schema& schema, void* record, uint8_t* mask, const ui
     }
     // The next element starts on a multiple of 4; when that lies past the input the
     // decode ends at this element's end.
-    if (!in.Seek(RoundUp4(end))) return static_cast<int32_t>(end);
+    if (!SkipTo(in, RoundUp4(end))) return static_cast<int32_t>(end);
   }
 }
 
 uint32_t EncodePositional(const Schema& schema, const void* record, uint8_t* buffer,
                           uint32_t size) {
-  WireWriter out(buffer, size);
-  auto put_text = [&out](const char* s) {
-    const size_t n = std::strlen(s) + 1;
-    if (uint8_t* at = out.Reserve(n)) std::memcpy(at, s, n);
+  RecordWriter out(buffer, size);
+  ByteWriter piece;
+  auto put_text = [&out, &piece](const char* s) {
+    const auto n = static_cast<uint32_t>(std::strlen(s) + 1);
+    if (out.Reserve(n, &piece)) piece.Bytes(s, n);
   };
   for (const FieldDesc& f : schema.fields) {
     switch (f.kind) {
       case FieldKind::kString: {
         const char* s = Member<char*>(record, f);
         put_text(s != nullptr ? s : "");
-        out.Pad();
+        Pad(out);
         break;
       }
       case FieldKind::kU32:
-        if (uint8_t* at = out.Reserve(4)) PutBe(at, Member<uint32_t>(record, f), 4);
+        if (out.Reserve(4, &piece)) PutBe(piece, Member<uint32_t>(record, f), 4);
         break;
       case FieldKind::kArray: {
         const auto& a = Member<pfltd_vsk_array_t>(record, f);
-        if (uint8_t* at = out.Reserve(4)) PutBe(at, ItemCount(a), 4);
+        if (out.Reserve(4, &piece)) PutBe(piece, ItemCount(a), 4);
         for (uint32_t i = 0; i < ItemCount(a); ++i) put_text(Item(a, i));
         break;
       }
@@ -299,13 +306,13 @@ uint32_t EncodePositional(const Schema& schema, const void* record, uint8_t* buf
         break;  // no positional form
     }
   }
-  return out.size_needed();
+  return out.total();
 }
 
 int32_t DecodePositional(const Schema& schema, void* record, const uint8_t* buffer,
                          uint32_t size, vsk_codec_alloc_t alloc, void* context) {
   std::memset(record, 0, schema.record_size);
-  WireReader in(buffer, size);
+  ByteReader in(buffer, size);
   for (const FieldDesc& f : schema.fields) {
     int32_t r = 0;
     switch (f.kind) {
@@ -313,13 +320,13 @@ int32_t DecodePositional(const Schema& schema, void* record, const uint8_t* buff
         r = ReadPositionalText(in, &Member<char*>(record, f), true, false, alloc, context);
         break;
       case FieldKind::kU32:
-        r = in.GetBe32(&Member<uint32_t>(record, f)) ? 0 : kMalformed;
+        r = GetBe(in, 4, &Member<uint32_t>(record, f)) ? 0 : kMalformed;
         break;
       case FieldKind::kArray: {
         auto& a = Member<pfltd_vsk_array_t>(record, f);
         uint32_t count = 0;
         // Every text takes at least its NUL: a count above the bytes left cannot be met.
-        if (!in.GetBe32(&count) || count > in.remaining()) return kMalformed;
+        if (!GetBe(in, 4, &count) || count > in.remaining()) return kMalformed;
         if (count == 0) break;
         if (alloc == nullptr || !AllocItems(a, count, alloc, context)) return kNoMemory;
         for (uint32_t i = 0; i < count && r == 0; ++i) {
@@ -380,7 +387,8 @@ uint32_t EncodeUnion(const UnionSchema& schema, const void* record, const uint8_
   if (buffer == nullptr || size < 4) {
     return 4 + (member != nullptr ? EncodeTagged(*member, body, mask, nullptr, 0) : 0);
   }
-  PutBe(buffer, static_cast<uint32_t>(type), 4);
+  ByteWriter head(buffer, 4);
+  PutBe(head, static_cast<uint32_t>(type), 4);
   return 4 + (member != nullptr ? EncodeTagged(*member, body, mask, buffer + 4, size - 4) : 0);
 }
 
@@ -388,14 +396,14 @@ int32_t DecodeUnion(const UnionSchema& schema, void* record, uint8_t* mask,
                     const uint8_t* buffer, uint32_t size, vsk_codec_alloc_t alloc,
                     void* context) {
   Discriminator(record) = -1;
-  WireReader in(buffer, size);
+  ByteReader in(buffer, size);
   uint32_t type = 0;
-  if (!in.GetBe32(&type)) return 0;
+  if (!GetBe(in, 4, &type)) return 0;
   const Schema* member = MemberOf(schema, static_cast<int32_t>(type));
   if (member == nullptr) return kUnknownDiscriminator;
   Discriminator(record) = static_cast<int32_t>(type);
   const int32_t r = DecodeTagged(*member, static_cast<uint8_t*>(record) + schema.member_offset,
-                                 mask, in.here(), in.remaining(), alloc, context);
+                                 mask, buffer + 4, size - 4, alloc, context);
   return r >= 0 ? r + 4 : r;
 }
 

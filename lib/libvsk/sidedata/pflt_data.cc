@@ -8,7 +8,7 @@
 
 #include "libvsk/sidedata/app_private_read.h"
 #include "libvsk/sidedata/field_codec.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "vsk/pfltd.h"
 #include "vsk/tables.h"
 

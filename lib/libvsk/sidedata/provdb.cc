@@ -1,6 +1,6 @@
 // The provisioning table's life: naming, opening and closing "dcpprovDB.db" inside the
-// store's environment. The store's open calls provdb_init_db after the session tables and
-// its close calls provdb_db_close before the environment goes.
+// store's environment. It joins the store's open (after the statistics tables) and close
+// (before the environment) through the store's provisioning join, registered below.
 //
 //   closed (db null) --provdb_init_db--> open --provdb_db_close--> closed
 //   a failed open closes what it made; in panic the close only forgets the handle.
@@ -9,6 +9,7 @@
 #include <string>
 
 #include "libvsk/sidedata/provdb_internal.h"
+#include "libvsk/store/joins.h"
 #include "platform/paths.h"
 #include "platform/progname.h"
 #include "vsk/provdb.h"
@@ -96,6 +97,15 @@ int provdb_database_close(DB** db) {
   *db = nullptr;
   return ret;
 }
+
+vsk_status_t OpenJoin(bool /*creator*/) { return OpenProvisionTable(store::Environment()); }
+vsk_status_t CloseJoin() { return CloseProvisionTable(); }
+
+const store::StoreJoinRegistrar kProvisioningJoin{
+    store::JoinSlot::kProvisioning,
+    {"provisioning", OpenJoin, CloseJoin, "DCF Provisioning database is not available %s",
+     "Failed to init DCF provisioning db %s", "closed dcp provisioning db",
+     "Failed to close dcp provisioning db %s"}};
 
 }  // namespace
 

@@ -12,7 +12,7 @@
 #include <db.h>
 #include <unistd.h>
 
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 
 namespace vsk::sidedata {
 
