@@ -2,50 +2,16 @@
 // a firewall operator expects for IPv4 and IPv6 rules, and the rules that do not decode.
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
+#include "pfltd_records.h"
 #include "vsk/pfltd.h"
 
 namespace vsk::test {
 namespace {
 
 using Lines = std::vector<std::string>;
-
-// The bytes of one rule, written field by field as the firewall daemon stores them.
-struct Rule {
-  uint8_t family = 1, action = 0;
-  std::vector<uint8_t> src, dst;  // 4 or 16 bytes, network order
-  uint8_t src_prefix = 0, dst_prefix = 0, protocol = 0;
-  uint16_t src_port = 0, dst_port = 0;
-  uint8_t src_op = 0, dst_op = 0;
-  std::string forwarding_class, policer;
-
-  std::string Hex() const {
-    std::vector<uint8_t> b = {family, action, 0xAA, 0xBB};
-    const size_t n = family == 3 ? 16 : 4;
-    for (const auto* a : {&src, &dst}) {
-      std::vector<uint8_t> addr = *a;
-      addr.resize(n);
-      b.insert(b.end(), addr.begin(), addr.end());
-    }
-    b.insert(b.end(), {src_prefix, dst_prefix, protocol, 0xCC, static_cast<uint8_t>(src_port >> 8),
-                       static_cast<uint8_t>(src_port), static_cast<uint8_t>(dst_port >> 8),
-                       static_cast<uint8_t>(dst_port), src_op, dst_op, 0xDD, 0xDD, 0xEE, 0xFF});
-    for (const std::string* name : {&forwarding_class, &policer}) {
-      b.push_back(static_cast<uint8_t>(name->size()));
-      b.insert(b.end(), name->begin(), name->end());
-    }
-    std::string text;
-    char pair[3];
-    for (uint8_t byte : b) {
-      std::snprintf(pair, sizeof(pair), "%02x", byte);
-      text += pair;
-    }
-    return text;
-  }
-};
 
 Lines Decode(const char* text) {
   char** lines = nullptr;
@@ -64,7 +30,7 @@ Lines Decode(const char* text) {
 const Lines kError = {"Error decoding ADF rule."};
 
 TEST(AdfRule, Ipv4RuleWithEveryMatchField) {
-  Rule r;
+  RuleText r;
   r.action = 1;
   r.src = {10, 1, 0, 0};
   r.src_prefix = 16;
@@ -84,7 +50,7 @@ TEST(AdfRule, Ipv4RuleWithEveryMatchField) {
 }
 
 TEST(AdfRule, Ipv6RuleWithEveryMatchField) {
-  Rule r;
+  RuleText r;
   r.family = 3;
   r.action = 2;
   r.src = {0x20, 0x01, 0x0d, 0xb8};
@@ -109,7 +75,7 @@ TEST(AdfRule, Ipv6RuleWithEveryMatchField) {
 }
 
 TEST(AdfRule, RulesWithoutMatchFieldsAndOddOperators) {
-  Rule r;
+  RuleText r;
   r.src = {10, 0, 0, 1};  // an address without a prefix length is not a match
   r.src_port = 80;        // nor a port without an operator
   EXPECT_EQ(Decode(r.Hex().c_str()), Lines({"then {", "    discard;", "}"}));
@@ -123,7 +89,7 @@ TEST(AdfRule, RulesWithoutMatchFieldsAndOddOperators) {
 }
 
 TEST(AdfRule, TextForms) {
-  Rule r;
+  RuleText r;
   r.action = 1;
   r.forwarding_class = "af1";
   const std::string hex = r.Hex();
@@ -148,12 +114,12 @@ TEST(AdfRule, TextForms) {
 }
 
 TEST(AdfRule, RulesThatDoNotDecode) {
-  Rule r;
+  RuleText r;
   std::string bad_char = r.Hex();
   bad_char[9] = 'x';  // inside the source address
-  Rule family = r;
+  RuleText family = r;
   family.family = 2;
-  Rule too_long = r;
+  RuleText too_long = r;
   too_long.policer = std::string(41, 'q');
   const std::string short_name = r.Hex().substr(0, 2 * 26) + "05616263";  // 5 bytes claimed, 3 given
   for (const std::string& text :

@@ -1,9 +1,11 @@
 // Records of the filter daemon's data for the tests, the fuzz seed corpus and the
 // benchmark: a record with every field set (texts, numbers and lists of varied lengths, so
-// that every padding case occurs), its comparison, and counting allocators.
+// that every padding case occurs), its comparison, counting allocators, and the text of a
+// stored filter rule built field by field.
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -125,5 +127,39 @@ inline std::vector<uint8_t> EncodeIdr(const pfltd_vsk_data_t& r) {
   idr_encode_pfltd_vsk_data_0(&r, out.data(), static_cast<uint32_t>(out.size()));
   return out;
 }
+
+// The bytes of one rule, written field by field as the firewall daemon stores them.
+struct RuleText {
+  uint8_t family = 1, action = 0;
+  std::vector<uint8_t> src, dst;  // 4 or 16 bytes, network order
+  uint8_t src_prefix = 0, dst_prefix = 0, protocol = 0;
+  uint16_t src_port = 0, dst_port = 0;
+  uint8_t src_op = 0, dst_op = 0;
+  std::string forwarding_class, policer;
+
+  std::string Hex() const {
+    std::vector<uint8_t> b = {family, action, 0xAA, 0xBB};
+    const size_t n = family == 3 ? 16 : 4;
+    for (const auto* a : {&src, &dst}) {
+      std::vector<uint8_t> addr = *a;
+      addr.resize(n);
+      b.insert(b.end(), addr.begin(), addr.end());
+    }
+    b.insert(b.end(), {src_prefix, dst_prefix, protocol, 0xCC, static_cast<uint8_t>(src_port >> 8),
+                       static_cast<uint8_t>(src_port), static_cast<uint8_t>(dst_port >> 8),
+                       static_cast<uint8_t>(dst_port), src_op, dst_op, 0xDD, 0xDD, 0xEE, 0xFF});
+    for (const std::string* name : {&forwarding_class, &policer}) {
+      b.push_back(static_cast<uint8_t>(name->size()));
+      b.insert(b.end(), name->begin(), name->end());
+    }
+    std::string text;
+    char pair[3];
+    for (uint8_t byte : b) {
+      std::snprintf(pair, sizeof(pair), "%02x", byte);
+      text += pair;
+    }
+    return text;
+  }
+};
 
 }  // namespace vsk::test
