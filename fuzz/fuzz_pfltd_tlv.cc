@@ -63,8 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       Run<vsk_indexes_t>(in, n, mask, tlv_decode_vsk_indexes, tlv_release_vsk_indexes);
       break;
     case 2:
-      Run<vsk_dup_indexes_t>(in, n, mask, tlv_decode_vsk_dup_indexes,
-                             tlv_release_vsk_dup_indexes);
+      Run<vsk_dup_indexes_t>(in, n, mask, tlv_decode_vsk_dup_indexes, tlv_release_vsk_dup_indexes);
       break;
     case 3:
       Run<vsk_ipv4_vr_t>(in, n, mask, tlv_decode_ipv4_vr, tlv_release_ipv4_vr);

@@ -81,8 +81,8 @@ int main(int argc, char** argv) {
   v6.src = {0x20, 0x01, 0x0d, 0xb8}, v6.dst = {0xfe, 0x80};
   v6.src_op = 1, v6.dst_op = 4;
   vsk::test::RuleText bare;
-  for (const auto& [name, rule] : {std::pair{"ipv4", v4}, std::pair{"ipv6", v6},
-                                   std::pair{"bare", bare}}) {
+  for (const auto& [name, rule] :
+       {std::pair{"ipv4", v4}, std::pair{"ipv6", v6}, std::pair{"bare", bare}}) {
     const std::string text = rule.Hex();
     Write(root / "adf_rule", name, 0, Bytes(text.begin(), text.end()), false);
   }

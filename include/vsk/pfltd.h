@@ -38,21 +38,21 @@ typedef struct pfltd_vsk_array {
  * meaning. Texts may be NULL. The order is the order of encoding; the comment gives the
  * bit of the presence mask (bit n is bit n % 8 of byte n / 8 of an 8-byte mask). */
 typedef struct pfltd_vsk_data {
-  char *t1;             /* 0 */
-  uint32_t t2;          /* 1 */
-  uint32_t t37;         /* 2 */
-  pfltd_vsk_array_t t3; /* 3 */
-  char *t4;             /* 4 */
-  uint32_t t5;          /* 5 */
-  uint32_t t38;         /* 6 */
-  pfltd_vsk_array_t t6; /* 7 */
-  char *t7;             /* 8 */
-  uint32_t t8;          /* 9 */
-  char *t9;             /* 10 */
-  uint32_t t10;         /* 11 */
-  char *t11;            /* 12 */
-  uint32_t t12;         /* 13 */
-  uint32_t t39;         /* 14 */
+  char *t1;              /* 0 */
+  uint32_t t2;           /* 1 */
+  uint32_t t37;          /* 2 */
+  pfltd_vsk_array_t t3;  /* 3 */
+  char *t4;              /* 4 */
+  uint32_t t5;           /* 5 */
+  uint32_t t38;          /* 6 */
+  pfltd_vsk_array_t t6;  /* 7 */
+  char *t7;              /* 8 */
+  uint32_t t8;           /* 9 */
+  char *t9;              /* 10 */
+  uint32_t t10;          /* 11 */
+  char *t11;             /* 12 */
+  uint32_t t12;          /* 13 */
+  uint32_t t39;          /* 14 */
   pfltd_vsk_array_t t13; /* 15 */
   char *t14;             /* 16 */
   uint32_t t15;          /* 17 */
@@ -86,9 +86,8 @@ typedef struct pfltd_vsk_data {
 /* Tagged form: elements of tag (16 bits), length (16 bits) and value, texts and lists
  * padded to 4 bytes. With a `mask` only the fields whose bit is set are written, and a
  * NULL text is never written. */
-VSK_EXPORT uint32_t tlv_encode_pfltd_vsk_data(const pfltd_vsk_data_t *record,
-                                              const uint8_t *mask, uint8_t *buffer,
-                                              uint32_t size);
+VSK_EXPORT uint32_t tlv_encode_pfltd_vsk_data(const pfltd_vsk_data_t *record, const uint8_t *mask,
+                                              uint8_t *buffer, uint32_t size);
 /* Zeroes `record` (and the 8 mask bytes), then reads elements; with a `mask`, the first of
  * several elements of one field wins and the mask tells which fields were present. */
 VSK_EXPORT int32_t tlv_decode_pfltd_vsk_data(pfltd_vsk_data_t *record, uint8_t *mask,
@@ -100,8 +99,8 @@ VSK_EXPORT void tlv_release_pfltd_vsk_data(pfltd_vsk_data_t *record, const uint8
 
 /* Positional form: every field in order, no tags. A NULL text is written as an empty
  * one, so it decodes as "". */
-VSK_EXPORT uint32_t idr_encode_pfltd_vsk_data_0(const pfltd_vsk_data_t *record,
-                                                uint8_t *buffer, uint32_t size);
+VSK_EXPORT uint32_t idr_encode_pfltd_vsk_data_0(const pfltd_vsk_data_t *record, uint8_t *buffer,
+                                                uint32_t size);
 VSK_EXPORT int32_t idr_decode_pfltd_vsk_data_0(pfltd_vsk_data_t *record, const uint8_t *buffer,
                                                uint32_t size, vsk_codec_alloc_t alloc,
                                                void *context);
@@ -142,11 +141,7 @@ typedef struct vsk_underlying_interface_name {
   vsk_tlv_blob_t t1;
 } vsk_underlying_interface_name_t;
 
-enum {
-  VSK_INDEXES_IPV4_VR = 0,
-  VSK_INDEXES_IPV6_VR = 1,
-  VSK_INDEXES_ACCT_SESSION_ID = 2
-};
+enum { VSK_INDEXES_IPV4_VR = 0, VSK_INDEXES_IPV6_VR = 1, VSK_INDEXES_ACCT_SESSION_ID = 2 };
 typedef struct vsk_indexes {
   int32_t type; /* -1 after a decode that found none */
   union {
@@ -173,14 +168,13 @@ typedef struct vsk_dup_indexes {
 } vsk_dup_indexes_t;
 
 /* Every codec below has the form of the tagged record's three functions. */
-#define VSK_INDEX_CODEC_DECL(name, type)                                                      \
-  VSK_EXPORT uint32_t tlv_encode_##name(const type *record, const uint8_t *mask,              \
-                                        uint8_t *buffer, uint32_t size);                      \
-  VSK_EXPORT int32_t tlv_decode_##name(type *record, uint8_t *mask, const uint8_t *buffer,    \
-                                       uint32_t size, vsk_codec_alloc_t alloc,                \
-                                       void *context);                                        \
-  VSK_EXPORT void tlv_release_##name(type *record, const uint8_t *mask,                       \
-                                     vsk_codec_free_t free_fn, void *context);
+#define VSK_INDEX_CODEC_DECL(name, type)                                                          \
+  VSK_EXPORT uint32_t tlv_encode_##name(const type *record, const uint8_t *mask, uint8_t *buffer, \
+                                        uint32_t size);                                           \
+  VSK_EXPORT int32_t tlv_decode_##name(type *record, uint8_t *mask, const uint8_t *buffer,        \
+                                       uint32_t size, vsk_codec_alloc_t alloc, void *context);    \
+  VSK_EXPORT void tlv_release_##name(type *record, const uint8_t *mask, vsk_codec_free_t free_fn, \
+                                     void *context);
 
 VSK_INDEX_CODEC_DECL(vsk_indexes, vsk_indexes_t)
 VSK_INDEX_CODEC_DECL(vsk_dup_indexes, vsk_dup_indexes_t)

@@ -38,8 +38,8 @@ VSK_EXPORT int provdb_is_db_open(void);
 /* Stores the record, replacing one under the same key. 0, -6 for a missing key or data or
  * a side that does not fit its room, -1 when the table is not open, or the status of the
  * failed transaction or write. */
-VSK_EXPORT vsk_status_t provdb_write_provision_info_record(
-    const provdb_provision_info_record_t *record);
+VSK_EXPORT vsk_status_t
+provdb_write_provision_info_record(const provdb_provision_info_record_t *record);
 /* Reads the record of `key` and `key_len`: sets `data_len` and allocates `data`. -7 when
  * absent (then `data` is left alone), -5 for a stored value shorter than its length word,
  * -2 without memory, -6 for bad arguments, -1 when the table is not open. */

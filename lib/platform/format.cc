@@ -13,9 +13,9 @@ constexpr int kRouterInet6 = 28;
 
 }  // namespace
 
-extern "C" int format_ipaddr(int family, const void* address, unsigned address_len,
-                             int with_prefix, unsigned prefix_len, int with_port, unsigned port,
-                             char* out, size_t room) {
+extern "C" int format_ipaddr(int family, const void* address, unsigned address_len, int with_prefix,
+                             unsigned prefix_len, int with_port, unsigned port, char* out,
+                             size_t room) {
   if (out == nullptr || room == 0) return 0;
   out[0] = '\0';
   const bool v6 = family == AF_INET6 || family == kRouterInet6;

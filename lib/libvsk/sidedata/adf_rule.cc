@@ -125,13 +125,12 @@ bool ReadRule(HexText& in, Rule* r) {
   if (!in.Byte(&r->family)) return false;
   if (r->family != kFamilyIpv4 && r->family != kFamilyIpv6) return false;
   const size_t address_bytes = r->family == kFamilyIpv4 ? 4 : 16;
-  return in.Byte(&r->action) && in.Bytes(unused, 2) &&
-         in.Bytes(r->source, address_bytes) && in.Bytes(r->destination, address_bytes) &&
-         in.Byte(&r->source_prefix) && in.Byte(&r->destination_prefix) &&
-         in.Byte(&r->protocol) && in.Byte(&unused[0]) && in.Number(2, &r->source_port) &&
-         in.Number(2, &r->destination_port) && in.Byte(&r->source_op) &&
-         in.Byte(&r->destination_op) && in.Number(2, &unused_number) && in.Bytes(unused, 2) &&
-         ReadName(in, r->forwarding_class) && ReadName(in, r->policer);
+  return in.Byte(&r->action) && in.Bytes(unused, 2) && in.Bytes(r->source, address_bytes) &&
+         in.Bytes(r->destination, address_bytes) && in.Byte(&r->source_prefix) &&
+         in.Byte(&r->destination_prefix) && in.Byte(&r->protocol) && in.Byte(&unused[0]) &&
+         in.Number(2, &r->source_port) && in.Number(2, &r->destination_port) &&
+         in.Byte(&r->source_op) && in.Byte(&r->destination_op) && in.Number(2, &unused_number) &&
+         in.Bytes(unused, 2) && ReadName(in, r->forwarding_class) && ReadName(in, r->policer);
 }
 
 // The lines of a term, each copied out of one work buffer.
@@ -164,9 +163,9 @@ struct PortTexts {
 };
 constexpr PortTexts kSourcePort = {"    source-port 0-%d;", "    source-port %d;",
                                    "    source-port %d-65535;", "    source-port-except %d;"};
-constexpr PortTexts kDestinationPort = {
-    "    destination-port 0-%d;", "    destination-port %d;", "    destination-port %d-65535;",
-    "    destination-port-except %d;"};
+constexpr PortTexts kDestinationPort = {"    destination-port 0-%d;", "    destination-port %d;",
+                                        "    destination-port %d-65535;",
+                                        "    destination-port-except %d;"};
 
 void PortLine(Lines& lines, const PortTexts& texts, uint8_t op, uint32_t port) {
   const int p = static_cast<int>(port);

@@ -2,8 +2,8 @@
 // forms, and the session index codecs (two unions and seven members, each three functions
 // of the tagged form, made by one macro). Each checks its arguments and makes one call into
 // the table codec.
-#include "libvsk/sidedata/field_codec.h"
 #include "libvsk/base/trace.h"
+#include "libvsk/sidedata/field_codec.h"
 #include "vsk/pfltd.h"
 
 namespace vsk::sidedata {
@@ -42,25 +42,24 @@ struct UnionCodec {
 }  // namespace
 }  // namespace vsk::sidedata
 
-#define VSK_INDEX_CODEC(name, type, codec)                                                     \
-  uint32_t tlv_encode_##name(const type* record, const uint8_t* mask, uint8_t* buffer,         \
-                             uint32_t size) {                                                  \
-    if (record == nullptr) {                                                                   \
-      VSK_TRACE("%s: no record given", __func__);                                              \
-      return 0;                                                                                \
-    }                                                                                          \
-    return codec.Encode(record, mask, buffer, size);                                           \
-  }                                                                                            \
-  int32_t tlv_decode_##name(type* record, uint8_t* mask, const uint8_t* buffer, uint32_t size, \
-                            vsk_codec_alloc_t alloc, void* context) {                          \
-    if (!vsk::sidedata::ValidInput(record, buffer, size, __func__)) {                          \
-      return vsk::sidedata::kMalformed;                                                        \
-    }                                                                                          \
-    return codec.Decode(record, mask, buffer, size, alloc, context);                           \
-  }                                                                                            \
-  void tlv_release_##name(type* record, const uint8_t*, vsk_codec_free_t free_fn,              \
-                          void* context) {                                                     \
-    if (record != nullptr && free_fn != nullptr) codec.Free(record, free_fn, context);         \
+#define VSK_INDEX_CODEC(name, type, codec)                                                         \
+  uint32_t tlv_encode_##name(const type* record, const uint8_t* mask, uint8_t* buffer,             \
+                             uint32_t size) {                                                      \
+    if (record == nullptr) {                                                                       \
+      VSK_TRACE("%s: no record given", __func__);                                                  \
+      return 0;                                                                                    \
+    }                                                                                              \
+    return codec.Encode(record, mask, buffer, size);                                               \
+  }                                                                                                \
+  int32_t tlv_decode_##name(type* record, uint8_t* mask, const uint8_t* buffer, uint32_t size,     \
+                            vsk_codec_alloc_t alloc, void* context) {                              \
+    if (!vsk::sidedata::ValidInput(record, buffer, size, __func__)) {                              \
+      return vsk::sidedata::kMalformed;                                                            \
+    }                                                                                              \
+    return codec.Decode(record, mask, buffer, size, alloc, context);                               \
+  }                                                                                                \
+  void tlv_release_##name(type* record, const uint8_t*, vsk_codec_free_t free_fn, void* context) { \
+    if (record != nullptr && free_fn != nullptr) codec.Free(record, free_fn, context);             \
   }
 
 using vsk::sidedata::MemberCodec;
@@ -94,12 +93,12 @@ uint32_t tlv_encode_pfltd_vsk_data(const pfltd_vsk_data_t* record, const uint8_t
 int32_t tlv_decode_pfltd_vsk_data(pfltd_vsk_data_t* record, uint8_t* mask, const uint8_t* buffer,
                                   uint32_t size, vsk_codec_alloc_t alloc, void* context) {
   if (!vsk::sidedata::ValidInput(record, buffer, size, __func__)) return vsk::sidedata::kMalformed;
-  return vsk::sidedata::DecodeTagged(vsk::sidedata::kPfltdSchema, record, mask, buffer, size,
-                                     alloc, context);
+  return vsk::sidedata::DecodeTagged(vsk::sidedata::kPfltdSchema, record, mask, buffer, size, alloc,
+                                     context);
 }
 
-void tlv_release_pfltd_vsk_data(pfltd_vsk_data_t* record, const uint8_t*,
-                                vsk_codec_free_t free_fn, void* context) {
+void tlv_release_pfltd_vsk_data(pfltd_vsk_data_t* record, const uint8_t*, vsk_codec_free_t free_fn,
+                                void* context) {
   if (record == nullptr || free_fn == nullptr) return;
   vsk::sidedata::Release(vsk::sidedata::kPfltdSchema, record, free_fn, context);
 }
@@ -113,8 +112,8 @@ uint32_t idr_encode_pfltd_vsk_data_0(const pfltd_vsk_data_t* record, uint8_t* bu
   return vsk::sidedata::EncodePositional(vsk::sidedata::kPfltdSchema, record, buffer, size);
 }
 
-int32_t idr_decode_pfltd_vsk_data_0(pfltd_vsk_data_t* record, const uint8_t* buffer,
-                                    uint32_t size, vsk_codec_alloc_t alloc, void* context) {
+int32_t idr_decode_pfltd_vsk_data_0(pfltd_vsk_data_t* record, const uint8_t* buffer, uint32_t size,
+                                    vsk_codec_alloc_t alloc, void* context) {
   if (!vsk::sidedata::ValidInput(record, buffer, size, __func__)) return vsk::sidedata::kMalformed;
   return vsk::sidedata::DecodePositional(vsk::sidedata::kPfltdSchema, record, buffer, size, alloc,
                                          context);

@@ -114,7 +114,8 @@ void WriteTaggedValue(const FieldDesc& f, const void* record, ByteWriter& out) {
       break;
     case FieldKind::kArray: {
       const auto& a = Member<pfltd_vsk_array_t>(record, f);
-      for (uint32_t i = 0; i < ItemCount(a); ++i) out.Bytes(Item(a, i), std::strlen(Item(a, i)) + 1);
+      for (uint32_t i = 0; i < ItemCount(a); ++i)
+        out.Bytes(Item(a, i), std::strlen(Item(a, i)) + 1);
       break;
     }
     case FieldKind::kBlob: {
@@ -145,8 +146,8 @@ bool AllocItems(pfltd_vsk_array_t& a, uint32_t count, vsk_codec_alloc_t alloc, v
 }
 
 // Reads the value of one tagged element into its field.
-int32_t ReadTaggedValue(const FieldDesc& f, void* record, ByteReader value,
-                        vsk_codec_alloc_t alloc, void* ctx) {
+int32_t ReadTaggedValue(const FieldDesc& f, void* record, ByteReader value, vsk_codec_alloc_t alloc,
+                        void* ctx) {
   const auto len = static_cast<uint32_t>(value.size());
   const uint8_t* v = nullptr;
   value.Take(len, &v);
@@ -261,8 +262,8 @@ int32_t DecodeTagged(const Schema& schema, void* record, uint8_t* mask, const ui
     if (index >= 0) {
       const FieldDesc& f = schema.fields[index];
       const bool already = ((seen >> index) & 1) != 0;
-      const bool keep_first = schema.repeat == RepeatRule::kMaskKeepsFirst && mask != nullptr &&
-                              Selected(mask, index);
+      const bool keep_first =
+          schema.repeat == RepeatRule::kMaskKeepsFirst && mask != nullptr && Selected(mask, index);
       if (already && schema.repeat == RepeatRule::kAlwaysMalformed) return kMalformed;
       if (!keep_first) {
         const int32_t r = ReadTaggedValue(f, record, value, alloc, context);
@@ -309,8 +310,8 @@ uint32_t EncodePositional(const Schema& schema, const void* record, uint8_t* buf
   return out.total();
 }
 
-int32_t DecodePositional(const Schema& schema, void* record, const uint8_t* buffer,
-                         uint32_t size, vsk_codec_alloc_t alloc, void* context) {
+int32_t DecodePositional(const Schema& schema, void* record, const uint8_t* buffer, uint32_t size,
+                         vsk_codec_alloc_t alloc, void* context) {
   std::memset(record, 0, schema.record_size);
   ByteReader in(buffer, size);
   for (const FieldDesc& f : schema.fields) {
@@ -392,9 +393,8 @@ uint32_t EncodeUnion(const UnionSchema& schema, const void* record, const uint8_
   return 4 + (member != nullptr ? EncodeTagged(*member, body, mask, buffer + 4, size - 4) : 0);
 }
 
-int32_t DecodeUnion(const UnionSchema& schema, void* record, uint8_t* mask,
-                    const uint8_t* buffer, uint32_t size, vsk_codec_alloc_t alloc,
-                    void* context) {
+int32_t DecodeUnion(const UnionSchema& schema, void* record, uint8_t* mask, const uint8_t* buffer,
+                    uint32_t size, vsk_codec_alloc_t alloc, void* context) {
   Discriminator(record) = -1;
   ByteReader in(buffer, size);
   uint32_t type = 0;

@@ -14,8 +14,8 @@
 //     release function frees it also after a failure.
 #pragma once
 
-#include <cstddef>
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <span>
 
@@ -76,10 +76,9 @@ int32_t DecodeTagged(const Schema& schema, void* record, uint8_t* mask, const ui
                      uint32_t size, vsk_codec_alloc_t alloc, void* context);
 
 // Positional form; the schema must hold no blobs.
-uint32_t EncodePositional(const Schema& schema, const void* record, uint8_t* buffer,
-                          uint32_t size);
-int32_t DecodePositional(const Schema& schema, void* record, const uint8_t* buffer,
-                         uint32_t size, vsk_codec_alloc_t alloc, void* context);
+uint32_t EncodePositional(const Schema& schema, const void* record, uint8_t* buffer, uint32_t size);
+int32_t DecodePositional(const Schema& schema, void* record, const uint8_t* buffer, uint32_t size,
+                         vsk_codec_alloc_t alloc, void* context);
 
 // Frees every non-null text, list element, list and blob of `record` through `free_fn`.
 // Does not clear the pointers.
@@ -96,11 +95,9 @@ struct UnionSchema {
 uint32_t EncodeUnion(const UnionSchema& schema, const void* record, const uint8_t* mask,
                      uint8_t* buffer, uint32_t size);
 // The discriminator is -1 until a known one is read; an unknown one gives -4.
-int32_t DecodeUnion(const UnionSchema& schema, void* record, uint8_t* mask,
-                    const uint8_t* buffer, uint32_t size, vsk_codec_alloc_t alloc,
-                    void* context);
-void ReleaseUnion(const UnionSchema& schema, void* record, vsk_codec_free_t free_fn,
-                  void* context);
+int32_t DecodeUnion(const UnionSchema& schema, void* record, uint8_t* mask, const uint8_t* buffer,
+                    uint32_t size, vsk_codec_alloc_t alloc, void* context);
+void ReleaseUnion(const UnionSchema& schema, void* record, vsk_codec_free_t free_fn, void* context);
 
 // The filter daemon's record, for both of its forms.
 extern const Schema kPfltdSchema;

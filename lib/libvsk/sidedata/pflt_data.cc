@@ -6,9 +6,9 @@
 // and 16, which the result reduces to a flag) is released with the decoded record.
 #include <cstdlib>
 
+#include "libvsk/base/trace.h"
 #include "libvsk/sidedata/app_private_read.h"
 #include "libvsk/sidedata/field_codec.h"
-#include "libvsk/base/trace.h"
 #include "vsk/pfltd.h"
 #include "vsk/tables.h"
 
@@ -32,7 +32,9 @@ void TakeList(pfltd_vsk_array_t& list, uint32_t* count, char*** items) {
   list.count = 0;
 }
 
-uint32_t HasItems(const pfltd_vsk_array_t& list) { return list.items != nullptr && list.count != 0; }
+uint32_t HasItems(const pfltd_vsk_array_t& list) {
+  return list.items != nullptr && list.count != 0;
+}
 
 void Unpack(pfltd_vsk_data_t& r, vsk_app_pflt_data_t* out) {
   out->t1 = Take(r.t1);

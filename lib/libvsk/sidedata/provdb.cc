@@ -4,6 +4,8 @@
 //
 //   closed (db null) --provdb_init_db--> open --provdb_db_close--> closed
 //   a failed open closes what it made; in panic the close only forgets the handle.
+#include "vsk/provdb.h"
+
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -12,7 +14,6 @@
 #include "libvsk/store/joins.h"
 #include "platform/paths.h"
 #include "platform/progname.h"
-#include "vsk/provdb.h"
 #include "vsk/store.h"
 
 namespace vsk::sidedata {
@@ -46,8 +47,8 @@ void provdb_databases_free(ProvisionDbs* state) {
 
 // Opens one table of the module. Unlike the statistics tables, a handle whose open failed
 // stays in *out: the caller's close releases it.
-int provdb_open_database(DB** out, const char* file_name, const char* inner_name,
-                         bool duplicates, DB_ENV* env) {
+int provdb_open_database(DB** out, const char* file_name, const char* inner_name, bool duplicates,
+                         DB_ENV* env) {
   if (env == nullptr) {
     PROVDB_FAILURE_TRACE("Error invalid vsk env ptr\n");
     return -1;

@@ -36,9 +36,9 @@ bool ProvisionTableOpen();
 
 // Every failure trace of the module comes after a line that names the process, the
 // module's function (`fn`, by its public name where it has one) and the source line.
-#define PROVDB_FAILURE_TRACE_IN(fn, ...)                                                      \
-  do {                                                                                       \
+#define PROVDB_FAILURE_TRACE_IN(fn, ...)                                                    \
+  do {                                                                                      \
     VSK_TRACE("daemon:%d function:%s line:%d\n", static_cast<int>(getpid()), fn, __LINE__); \
-    VSK_TRACE(__VA_ARGS__);                                                                  \
+    VSK_TRACE(__VA_ARGS__);                                                                 \
   } while (0)
 #define PROVDB_FAILURE_TRACE(...) PROVDB_FAILURE_TRACE_IN(__func__, __VA_ARGS__)

@@ -36,9 +36,10 @@ vsk_status_t provdb_store_provision_info_record(ProvisionDbs* state,
   }
   if (!KeyFits(r) || (r->data == nullptr && r->data_len != 0) ||
       r->data_len > kRoom - kLengthWord) {
-    PROVDB_FAILURE_TRACE("provdb_store_provision_info_record:- invalid record key_len %u "
-                         "data_len %u\n",
-                         r->key_len, r->data_len);
+    PROVDB_FAILURE_TRACE(
+        "provdb_store_provision_info_record:- invalid record key_len %u "
+        "data_len %u\n",
+        r->key_len, r->data_len);
     return VSK_ERR_INVALID_PARAM;
   }
   uint8_t key_buf[kRoom] = {};
@@ -141,8 +142,7 @@ vsk_status_t provdb_write_provision_info_record(const provdb_provision_info_reco
     VSK_TRACE("%s: no record given", __func__);
     return VSK_ERR_INVALID_PARAM;
   }
-  return vsk::sidedata::provdb_store_provision_info_record(&vsk::sidedata::provdb_state(),
-                                                           record);
+  return vsk::sidedata::provdb_store_provision_info_record(&vsk::sidedata::provdb_state(), record);
 }
 
 vsk_status_t provdb_get_provision_info_record(provdb_provision_info_record_t* record) {

@@ -8,10 +8,8 @@
 namespace vsk::sidedata {
 namespace {
 
-#define VSK_FIELD(record, kind, tag, type)                                           \
-  FieldDesc {                                                                        \
-    tag, static_cast<uint16_t>(offsetof(record, t##tag)), FieldKind::kind, sizeof(type) \
-  }
+#define VSK_FIELD(record, kind, tag, type) \
+  FieldDesc { tag, static_cast<uint16_t>(offsetof(record, t##tag)), FieldKind::kind, sizeof(type) }
 #define S(tag) VSK_FIELD(pfltd_vsk_data_t, kString, tag, char*)
 #define U(tag) VSK_FIELD(pfltd_vsk_data_t, kU32, tag, uint32_t)
 #define A(tag) VSK_FIELD(pfltd_vsk_data_t, kArray, tag, pfltd_vsk_array_t)
@@ -48,8 +46,7 @@ constexpr std::array<FieldDesc, 3> kIpv6VrFields = {B(vsk_ipv6_vr_t, 1), B(vsk_i
 constexpr std::array<FieldDesc, 1> kAcctSessionIdFields = {B(vsk_acct_session_id_t, 1)};
 constexpr std::array<FieldDesc, 2> kUnnumIntfPrefIpFields = {B(vsk_unnum_intf_pref_ip_t, 1),
                                                              B(vsk_unnum_intf_pref_ip_t, 2)};
-constexpr std::array<FieldDesc, 1> kUnderlyingInterfaceFields = {
-    B(vsk_underlying_interface_t, 1)};
+constexpr std::array<FieldDesc, 1> kUnderlyingInterfaceFields = {B(vsk_underlying_interface_t, 1)};
 constexpr std::array<FieldDesc, 1> kProfileNameFields = {B(vsk_profile_name_t, 1)};
 constexpr std::array<FieldDesc, 1> kUnderlyingInterfaceNameFields = {
     B(vsk_underlying_interface_name_t, 1)};
@@ -64,12 +61,11 @@ constexpr auto kTwoBlobsByTag = TagIndex<2>(kUnnumIntfPrefIpFields);
 template <size_t N, size_t M>
 constexpr Schema MemberSchema(const std::array<FieldDesc, N>& fields,
                               const std::array<int8_t, M>& by_tag, uint32_t record_size) {
-  return Schema{fields, by_tag, record_size, 4, VSK_INDEX_MEMBER_MASK_BYTES,
-                RepeatRule::kAlwaysMalformed};
+  return Schema{
+      fields, by_tag, record_size, 4, VSK_INDEX_MEMBER_MASK_BYTES, RepeatRule::kAlwaysMalformed};
 }
 
-constexpr const Schema* kIndexesMembers[] = {&kIpv4VrSchema, &kIpv6VrSchema,
-                                             &kAcctSessionIdSchema};
+constexpr const Schema* kIndexesMembers[] = {&kIpv4VrSchema, &kIpv6VrSchema, &kAcctSessionIdSchema};
 constexpr const Schema* kDupIndexesMembers[] = {&kUnnumIntfPrefIpSchema,
                                                 &kUnderlyingInterfaceSchema, &kProfileNameSchema,
                                                 &kUnderlyingInterfaceNameSchema};
@@ -78,8 +74,12 @@ static_assert(offsetof(vsk_indexes_t, u) == 8 && offsetof(vsk_dup_indexes_t, u) 
 
 }  // namespace
 
-const Schema kPfltdSchema{kPfltdFields, kPfltdByTag, sizeof(pfltd_vsk_data_t), 2,
-                          PFLTD_VSK_DATA_MASK_BYTES, RepeatRule::kMaskKeepsFirst};
+const Schema kPfltdSchema{kPfltdFields,
+                          kPfltdByTag,
+                          sizeof(pfltd_vsk_data_t),
+                          2,
+                          PFLTD_VSK_DATA_MASK_BYTES,
+                          RepeatRule::kMaskKeepsFirst};
 
 const Schema kIpv4VrSchema = MemberSchema(kIpv4VrFields, kIpv4VrByTag, sizeof(vsk_ipv4_vr_t));
 const Schema kIpv6VrSchema = MemberSchema(kIpv6VrFields, kIpv6VrByTag, sizeof(vsk_ipv6_vr_t));

@@ -41,12 +41,12 @@ TEST(AdfRule, Ipv4RuleWithEveryMatchField) {
   r.dst_port = 80, r.dst_op = 2;
   r.forwarding_class = "expedited";
   r.policer = "police-10m";
-  EXPECT_EQ(Decode(r.Hex().c_str()),
-            Lines({"from {", "    source-address 10.1.0.0/16;",
-                   "    destination-address 192.0.2.1/32;", "    protocol 6;",
-                   "    source-port 1025-65535;", "    destination-port 80;", "}", "then {",
-                   "    forwarding-class expedited;", "    policer police-10m;", "    accept;",
-                   "}"}));
+  EXPECT_EQ(
+      Decode(r.Hex().c_str()),
+      Lines({"from {", "    source-address 10.1.0.0/16;", "    destination-address 192.0.2.1/32;",
+             "    protocol 6;", "    source-port 1025-65535;", "    destination-port 80;", "}",
+             "then {", "    forwarding-class expedited;", "    policer police-10m;", "    accept;",
+             "}"}));
 }
 
 TEST(AdfRule, Ipv6RuleWithEveryMatchField) {
@@ -61,11 +61,11 @@ TEST(AdfRule, Ipv6RuleWithEveryMatchField) {
   r.src_port = 0, r.src_op = 1;  // the upper bound of "less than 0" prints as -1
   r.dst_port = 53, r.dst_op = 4;
   r.policer = std::string(40, 'p');
-  EXPECT_EQ(Decode(r.Hex().c_str()),
-            Lines({"from {", "    source-address 2001:db8::/32;",
-                   "    destination-address fe80::1/128;", "    protocol 17;",
-                   "    source-port 0--1;", "    destination-port-except 53;", "}", "then {",
-                   "    policer " + std::string(40, 'p') + ";", "    discard;", "}"}));
+  EXPECT_EQ(
+      Decode(r.Hex().c_str()),
+      Lines({"from {", "    source-address 2001:db8::/32;", "    destination-address fe80::1/128;",
+             "    protocol 17;", "    source-port 0--1;", "    destination-port-except 53;", "}",
+             "then {", "    policer " + std::string(40, 'p') + ";", "    discard;", "}"}));
   r.src_op = 3, r.src_port = 65535;
   r.dst_op = 1, r.dst_port = 1024;
   const Lines got = Decode(r.Hex().c_str());
@@ -84,8 +84,8 @@ TEST(AdfRule, RulesWithoutMatchFieldsAndOddOperators) {
   r.src_op = 9;
   r.dst_op = 7;
   EXPECT_EQ(Decode(r.Hex().c_str()),
-            Lines({"from {", "    protocol 6;", "    protocol 6;", "    protocol 6;", "}",
-                   "then {", "    discard;", "}"}));
+            Lines({"from {", "    protocol 6;", "    protocol 6;", "    protocol 6;", "}", "then {",
+                   "    discard;", "}"}));
 }
 
 TEST(AdfRule, TextForms) {
@@ -94,7 +94,8 @@ TEST(AdfRule, TextForms) {
   r.forwarding_class = "af1";
   const std::string hex = r.Hex();
   std::string spaced;
-  for (char c : hex) spaced += std::string(" \t\n", 1 + spaced.size() % 3) + c;  // white space before every digit
+  for (char c : hex)
+    spaced += std::string(" \t\n", 1 + spaced.size() % 3) + c;  // white space before every digit
   std::string upper = hex;
   for (char& c : upper) c = static_cast<char>(toupper(c));
   const Lines want = {"then {", "    forwarding-class af1;", "    accept;", "}"};
@@ -121,7 +122,8 @@ TEST(AdfRule, RulesThatDoNotDecode) {
   family.family = 2;
   RuleText too_long = r;
   too_long.policer = std::string(41, 'q');
-  const std::string short_name = r.Hex().substr(0, 2 * 26) + "05616263";  // 5 bytes claimed, 3 given
+  const std::string short_name =
+      r.Hex().substr(0, 2 * 26) + "05616263";  // 5 bytes claimed, 3 given
   for (const std::string& text :
        {std::string(), bad_char, family.Hex(), too_long.Hex(), short_name, std::string("  \n")}) {
     EXPECT_EQ(Decode(text.c_str()), kError) << text;

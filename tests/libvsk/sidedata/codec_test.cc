@@ -39,10 +39,10 @@ struct Decoded {
   Decoded(const Bytes& in, bool with_mask, bool positional = false, int fail_at = -1) {
     heap.fail_at = fail_at;
     const auto size = static_cast<uint32_t>(in.size());
-    result = positional ? idr_decode_pfltd_vsk_data_0(&record, in.data(), size,
-                                                      CountingHeap::Alloc, &heap)
-                        : tlv_decode_pfltd_vsk_data(&record, with_mask ? mask : nullptr,
-                                                    in.data(), size, CountingHeap::Alloc, &heap);
+    result = positional
+                 ? idr_decode_pfltd_vsk_data_0(&record, in.data(), size, CountingHeap::Alloc, &heap)
+                 : tlv_decode_pfltd_vsk_data(&record, with_mask ? mask : nullptr, in.data(), size,
+                                             CountingHeap::Alloc, &heap);
   }
   ~Decoded() {
     tlv_release_pfltd_vsk_data(&record, nullptr, CountingHeap::Free, &heap);
@@ -53,8 +53,8 @@ struct Decoded {
 TEST(PfltdCodec, AllZeroRecordIsNumbersAndEmptyListsInFieldOrder) {
   pfltd_vsk_data_t zero{};
   Bytes want;
-  for (uint16_t tag : {2, 37, 3, 5, 38, 6, 8, 10, 12, 39, 13, 15, 40, 16, 18, 19, 21, 22, 24, 25,
-                       27, 28, 30, 32, 34, 36}) {
+  for (uint16_t tag : {2,  37, 3,  5,  38, 6,  8,  10, 12, 39, 13, 15, 40,
+                       16, 18, 19, 21, 22, 24, 25, 27, 28, 30, 32, 34, 36}) {
     const bool list = tag == 3 || tag == 6 || tag == 13 || tag == 16 || tag == 19 || tag == 22 ||
                       tag == 25 || tag == 28;
     want = want + Elem(tag, list ? std::string() : std::string(4, '\0'));
@@ -76,8 +76,8 @@ TEST(PfltdCodec, MaskedTextsNumbersAndListsByteExact) {
   r.t37 = 5;
   r.t3 = {items, 2, 0};
   const uint8_t mask[8] = {0x1b};  // bits 0, 1, 3, 4: the null text of bit 4 writes nothing
-  const Bytes want = {0, 1, 0, 3, 'a', 'b', 0,   0,   0, 2,   0, 4,   0x11, 0x22,
-                      0x33, 0x44, 0, 3, 0, 5, 'x', 0, 'y', 'z', 0, 0, 0, 0};
+  const Bytes want = {0,    1,    0, 3, 'a', 'b', 0,   0, 0,   2,   0, 4, 0x11, 0x22,
+                      0x33, 0x44, 0, 3, 0,   5,   'x', 0, 'y', 'z', 0, 0, 0,    0};
   EXPECT_EQ(EncodeTlv(r, mask), want);
 
   const Bytes positional = {'a', 'b', 0, 0, 0x11, 0x22, 0x33, 0x44, 0, 0, 0, 5,
@@ -228,8 +228,8 @@ TEST(IndexCodec, UnionsRoundTripAndKeepTheirEdgeRules) {
   vsk_indexes_t v4{};
   v4.type = VSK_INDEXES_IPV4_VR;
   v4.u.ipv4_vr = {{a, 4}, {nullptr, 0}, {b, 5}};
-  const Bytes want = {0, 0, 0, 0,  0, 0, 0, 1, 0, 0, 0, 4, 10, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0, 0,
-                      0, 0, 0, 3,  0, 0, 0, 5, 1, 2, 3, 4, 5,  0, 0, 0};
+  const Bytes want = {0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 4, 10, 0, 0, 1, 0, 0, 0, 2,
+                      0, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0, 5, 1,  2, 3, 4, 5, 0, 0, 0};
   Bytes got(tlv_encode_vsk_indexes(&v4, nullptr, nullptr, 0));
   ASSERT_EQ(got.size(), want.size());
   tlv_encode_vsk_indexes(&v4, nullptr, got.data(), static_cast<uint32_t>(got.size()));

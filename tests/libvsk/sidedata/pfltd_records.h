@@ -21,12 +21,25 @@ class FullRecord {
  public:
   // `salt` varies the contents so that different records differ.
   explicit FullRecord(int salt = 0) {
+    for (const int tag : kTextTags) {
+      std::string text = "text";
+      text += std::to_string(tag);
+      text.append(static_cast<size_t>((tag + salt) % 7), 'x');
+      Text(tag) = Keep(std::move(text));
+    }
+    for (const int tag : kNumberTags) {
+      Number(tag) = 0x01000000u * static_cast<uint32_t>(tag) + static_cast<uint32_t>(salt) + 0xA5u;
+    }
     int n = 0;
-    for (const int tag : kTextTags) Text(tag) = Keep("text" + std::to_string(tag) + std::string(static_cast<size_t>((tag + salt) % 7), 'x'));
-    for (const int tag : kNumberTags) Number(tag) = 0x01000000u * static_cast<uint32_t>(tag) + static_cast<uint32_t>(salt) + 0xA5u;
     for (const int tag : kListTags) {
       auto& items = lists_.emplace_back();
-      for (int i = 0; i <= (tag + n++) % 4; ++i) items.push_back(Keep("l" + std::to_string(tag) + "." + std::string(static_cast<size_t>(i), 'y')));
+      for (int i = 0; i <= (tag + n++) % 4; ++i) {
+        std::string text = "l";
+        text += std::to_string(tag);
+        text += '.';
+        text.append(static_cast<size_t>(i), 'y');
+        items.push_back(Keep(std::move(text)));
+      }
       List(tag) = {items.data(), static_cast<uint32_t>(items.size()), 0};
     }
   }
@@ -56,23 +69,26 @@ class FullRecord {
     return r.t##tag;
 inline char*& FullRecord::TextOf(pfltd_vsk_data_t& r, int tag) {
   switch (tag) {
-    VSK_TAG_CASE(1) VSK_TAG_CASE(4) VSK_TAG_CASE(7) VSK_TAG_CASE(9) VSK_TAG_CASE(11)
-    VSK_TAG_CASE(14) VSK_TAG_CASE(17) VSK_TAG_CASE(20) VSK_TAG_CASE(23) VSK_TAG_CASE(26)
-    VSK_TAG_CASE(29) VSK_TAG_CASE(31) VSK_TAG_CASE(33) default : return r.t35;
+    VSK_TAG_CASE(1)
+    VSK_TAG_CASE(4) VSK_TAG_CASE(7) VSK_TAG_CASE(9) VSK_TAG_CASE(11) VSK_TAG_CASE(14)
+        VSK_TAG_CASE(17) VSK_TAG_CASE(20) VSK_TAG_CASE(23) VSK_TAG_CASE(26) VSK_TAG_CASE(29)
+            VSK_TAG_CASE(31) VSK_TAG_CASE(33) default : return r.t35;
   }
 }
 inline uint32_t& FullRecord::NumberOf(pfltd_vsk_data_t& r, int tag) {
   switch (tag) {
-    VSK_TAG_CASE(2) VSK_TAG_CASE(5) VSK_TAG_CASE(37) VSK_TAG_CASE(38) VSK_TAG_CASE(8)
-    VSK_TAG_CASE(10) VSK_TAG_CASE(12) VSK_TAG_CASE(39) VSK_TAG_CASE(15) VSK_TAG_CASE(40)
-    VSK_TAG_CASE(18) VSK_TAG_CASE(21) VSK_TAG_CASE(24) VSK_TAG_CASE(27) VSK_TAG_CASE(30)
-    VSK_TAG_CASE(32) VSK_TAG_CASE(34) default : return r.t36;
+    VSK_TAG_CASE(2)
+    VSK_TAG_CASE(5) VSK_TAG_CASE(37) VSK_TAG_CASE(38) VSK_TAG_CASE(8) VSK_TAG_CASE(10)
+        VSK_TAG_CASE(12) VSK_TAG_CASE(39) VSK_TAG_CASE(15) VSK_TAG_CASE(40) VSK_TAG_CASE(18)
+            VSK_TAG_CASE(21) VSK_TAG_CASE(24) VSK_TAG_CASE(27) VSK_TAG_CASE(30) VSK_TAG_CASE(32)
+                VSK_TAG_CASE(34) default : return r.t36;
   }
 }
 inline pfltd_vsk_array_t& FullRecord::ListOf(pfltd_vsk_data_t& r, int tag) {
   switch (tag) {
-    VSK_TAG_CASE(3) VSK_TAG_CASE(6) VSK_TAG_CASE(13) VSK_TAG_CASE(16) VSK_TAG_CASE(19)
-    VSK_TAG_CASE(22) VSK_TAG_CASE(25) default : return r.t28;
+    VSK_TAG_CASE(3)
+    VSK_TAG_CASE(6) VSK_TAG_CASE(13) VSK_TAG_CASE(16) VSK_TAG_CASE(19) VSK_TAG_CASE(22)
+        VSK_TAG_CASE(25) default : return r.t28;
   }
 }
 #undef VSK_TAG_CASE
@@ -80,12 +96,16 @@ inline pfltd_vsk_array_t& FullRecord::ListOf(pfltd_vsk_data_t& r, int tag) {
 // Field-by-field difference of two records, "" when equal. Null and "" texts differ.
 inline std::string Diff(pfltd_vsk_data_t a, pfltd_vsk_data_t b) {
   std::string out;
-  auto text = [](const char* s) { return s != nullptr ? "\"" + std::string(s) + "\"" : std::string("null"); };
+  auto text = [](const char* s) {
+    return s != nullptr ? "\"" + std::string(s) + "\"" : std::string("null");
+  };
   for (int tag : FullRecord::kTextTags) {
-    if (text(FullRecord::TextOf(a, tag)) != text(FullRecord::TextOf(b, tag))) out += " text" + std::to_string(tag);
+    if (text(FullRecord::TextOf(a, tag)) != text(FullRecord::TextOf(b, tag)))
+      out += " text" + std::to_string(tag);
   }
   for (int tag : FullRecord::kNumberTags) {
-    if (FullRecord::NumberOf(a, tag) != FullRecord::NumberOf(b, tag)) out += " number" + std::to_string(tag);
+    if (FullRecord::NumberOf(a, tag) != FullRecord::NumberOf(b, tag))
+      out += " number" + std::to_string(tag);
   }
   for (int tag : FullRecord::kListTags) {
     const auto& la = FullRecord::ListOf(a, tag);

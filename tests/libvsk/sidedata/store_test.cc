@@ -243,9 +243,8 @@ TEST_F(SideDataStoreTest, FirewallRecordReadFromAnotherProcess) {
     auto text = [](const char* a, const char* b) { return a && b && std::string(a) == b; };
     bool ok = text(d->t1, want.record.t1) && d->t2 == want.record.t2 && d->t3_present == 1 &&
               d->t6_present == 0 && text(d->t11, want.record.t11) && d->t12 == want.record.t12 &&
-              text(d->t14, want.record.t14) && d->t16_present == 1 &&
-              text(d->t7, want.record.t7) && text(d->t9, want.record.t9) &&
-              d->t19_count == 0 && d->t19 == nullptr &&
+              text(d->t14, want.record.t14) && d->t16_present == 1 && text(d->t7, want.record.t7) &&
+              text(d->t9, want.record.t9) && d->t19_count == 0 && d->t19 == nullptr &&
               d->t22_count == want.record.t22.count && text(d->t22[0], want.record.t22.items[0]) &&
               d->t28_count == want.record.t28.count &&
               text(d->t28[d->t28_count - 1], want.record.t28.items[d->t28_count - 1]) &&
