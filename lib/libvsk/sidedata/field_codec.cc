@@ -380,8 +380,8 @@ int32_t& Discriminator(void* record) { return *static_cast<int32_t*>(record); }
 
 }  // namespace
 
-uint32_t EncodeUnion(const UnionSchema& schema, const void* record, const uint8_t* mask,
-                     uint8_t* buffer, uint32_t size) {
+uint32_t EncodeTagged(const UnionSchema& schema, const void* record, const uint8_t* mask,
+                      uint8_t* buffer, uint32_t size) {
   const int32_t type = *static_cast<const int32_t*>(record);
   const Schema* member = MemberOf(schema, type);
   const void* body = static_cast<const uint8_t*>(record) + schema.member_offset;
@@ -393,8 +393,8 @@ uint32_t EncodeUnion(const UnionSchema& schema, const void* record, const uint8_
   return 4 + (member != nullptr ? EncodeTagged(*member, body, mask, buffer + 4, size - 4) : 0);
 }
 
-int32_t DecodeUnion(const UnionSchema& schema, void* record, uint8_t* mask, const uint8_t* buffer,
-                    uint32_t size, vsk_codec_alloc_t alloc, void* context) {
+int32_t DecodeTagged(const UnionSchema& schema, void* record, uint8_t* mask, const uint8_t* buffer,
+                     uint32_t size, vsk_codec_alloc_t alloc, void* context) {
   Discriminator(record) = -1;
   ByteReader in(buffer, size);
   uint32_t type = 0;
@@ -407,8 +407,7 @@ int32_t DecodeUnion(const UnionSchema& schema, void* record, uint8_t* mask, cons
   return r >= 0 ? r + 4 : r;
 }
 
-void ReleaseUnion(const UnionSchema& schema, void* record, vsk_codec_free_t free_fn,
-                  void* context) {
+void Release(const UnionSchema& schema, void* record, vsk_codec_free_t free_fn, void* context) {
   if (const Schema* member = MemberOf(schema, Discriminator(record))) {
     Release(*member, static_cast<uint8_t*>(record) + schema.member_offset, free_fn, context);
   }

@@ -92,12 +92,12 @@ struct UnionSchema {
 };
 
 // An unknown discriminator writes only itself. With `size` below 4 nothing is written.
-uint32_t EncodeUnion(const UnionSchema& schema, const void* record, const uint8_t* mask,
-                     uint8_t* buffer, uint32_t size);
+uint32_t EncodeTagged(const UnionSchema& schema, const void* record, const uint8_t* mask,
+                      uint8_t* buffer, uint32_t size);
 // The discriminator is -1 until a known one is read; an unknown one gives -4.
-int32_t DecodeUnion(const UnionSchema& schema, void* record, uint8_t* mask, const uint8_t* buffer,
-                    uint32_t size, vsk_codec_alloc_t alloc, void* context);
-void ReleaseUnion(const UnionSchema& schema, void* record, vsk_codec_free_t free_fn, void* context);
+int32_t DecodeTagged(const UnionSchema& schema, void* record, uint8_t* mask, const uint8_t* buffer,
+                     uint32_t size, vsk_codec_alloc_t alloc, void* context);
+void Release(const UnionSchema& schema, void* record, vsk_codec_free_t free_fn, void* context);
 
 // The filter daemon's record, for both of its forms.
 extern const Schema kPfltdSchema;

@@ -4,7 +4,9 @@
 // Ownership: every text and list the caller receives was allocated with malloc by the
 // decoder and moved into the result; what is not carried over (the lists of tags 3, 6, 13
 // and 16, which the result reduces to a flag) is released with the decoded record.
+#include <cstddef>
 #include <cstdlib>
+#include <utility>
 
 #include "libvsk/base/trace.h"
 #include "libvsk/sidedata/app_private_read.h"
@@ -18,68 +20,86 @@ namespace {
 void* MallocContext(size_t size, void*) { return std::malloc(size); }
 void FreeContext(void* ptr, void*) { std::free(ptr); }
 
-// Hands a text over to the result; the record forgets it so its release leaves it.
-char* Take(char*& text) {
-  char* out = text;
-  text = nullptr;
-  return out;
+// One word of the result (two for a list: count and items) and the field it comes from.
+enum class Word : uint8_t { kText, kNumber, kListFlag, kList };
+struct WordSource {
+  Word kind;
+  uint16_t from;   // offset of the field in the decoded record
+  uint16_t to;     // offset of the word in the result (a list's items)
+  uint16_t count;  // a list's count word in the result
+};
+
+#define VSK_WORD(kind, tag, to, count)                                                       \
+  WordSource {                                                                               \
+    Word::kind, offsetof(pfltd_vsk_data_t, t##tag), offsetof(vsk_app_pflt_data_t, to), count \
+  }
+#define TEXT(tag) VSK_WORD(kText, tag, t##tag, 0)
+#define NUMBER(tag) VSK_WORD(kNumber, tag, t##tag, 0)
+#define FLAG(tag) VSK_WORD(kListFlag, tag, t##tag##_present, 0)
+#define LIST(tag) VSK_WORD(kList, tag, t##tag, offsetof(vsk_app_pflt_data_t, t##tag##_count))
+
+// The result in its order. The numbers of tags 37 to 40 are not carried over.
+constexpr WordSource kWords[] = {
+    TEXT(1),  NUMBER(2),  FLAG(3),    TEXT(4),   NUMBER(5),  FLAG(6),    TEXT(11), NUMBER(12),
+    FLAG(13), TEXT(14),   NUMBER(15), FLAG(16),  TEXT(7),    NUMBER(8),  TEXT(9),  NUMBER(10),
+    TEXT(17), NUMBER(18), LIST(19),   TEXT(20),  NUMBER(21), LIST(22),   TEXT(23), NUMBER(24),
+    LIST(25), TEXT(26),   NUMBER(27), LIST(28),  TEXT(33),   NUMBER(34), TEXT(35), NUMBER(36),
+    TEXT(29), NUMBER(30), TEXT(31),   NUMBER(32)};
+
+#undef TEXT
+#undef NUMBER
+#undef FLAG
+#undef LIST
+#undef VSK_WORD
+
+constexpr size_t WordCount() {
+  size_t n = 0;
+  for (const WordSource& w : kWords) n += w.kind == Word::kList ? 2 : 1;
+  return n;
+}
+static_assert(WordCount() == 40, "the result has 40 words");
+
+template <typename T>
+T& At(void* base, uint16_t offset) {
+  return *reinterpret_cast<T*>(static_cast<uint8_t*>(base) + offset);
 }
 
-void TakeList(pfltd_vsk_array_t& list, uint32_t* count, char*** items) {
-  *count = list.count;
-  *items = list.items;
-  list.items = nullptr;
-  list.count = 0;
+// Moves every text and kept list from `record` into `out`; the record forgets what it
+// gave, so that its release frees only what was not carried over.
+void Unpack(pfltd_vsk_data_t& record, vsk_app_pflt_data_t* out) {
+  for (const WordSource& w : kWords) {
+    switch (w.kind) {
+      case Word::kText:
+        At<char*>(out, w.to) = std::exchange(At<char*>(&record, w.from), nullptr);
+        break;
+      case Word::kNumber:
+        At<uint32_t>(out, w.to) = At<uint32_t>(&record, w.from);
+        break;
+      case Word::kListFlag: {
+        const auto& list = At<pfltd_vsk_array_t>(&record, w.from);
+        At<uint32_t>(out, w.to) = list.items != nullptr && list.count != 0;
+        break;
+      }
+      case Word::kList: {
+        auto& list = At<pfltd_vsk_array_t>(&record, w.from);
+        At<uint32_t>(out, w.count) = std::exchange(list.count, 0);
+        At<char**>(out, w.to) = std::exchange(list.items, nullptr);
+        break;
+      }
+    }
+  }
 }
 
-uint32_t HasItems(const pfltd_vsk_array_t& list) {
-  return list.items != nullptr && list.count != 0;
-}
-
-void Unpack(pfltd_vsk_data_t& r, vsk_app_pflt_data_t* out) {
-  out->t1 = Take(r.t1);
-  out->t2 = r.t2;
-  out->t3_present = HasItems(r.t3);
-  out->t4 = Take(r.t4);
-  out->t5 = r.t5;
-  out->t6_present = HasItems(r.t6);
-  out->t11 = Take(r.t11);
-  out->t12 = r.t12;
-  out->t13_present = HasItems(r.t13);
-  out->t14 = Take(r.t14);
-  out->t15 = r.t15;
-  out->t16_present = HasItems(r.t16);
-  out->t7 = Take(r.t7);
-  out->t8 = r.t8;
-  out->t9 = Take(r.t9);
-  out->t10 = r.t10;
-  out->t17 = Take(r.t17);
-  out->t18 = r.t18;
-  TakeList(r.t19, &out->t19_count, &out->t19);
-  out->t20 = Take(r.t20);
-  out->t21 = r.t21;
-  TakeList(r.t22, &out->t22_count, &out->t22);
-  out->t23 = Take(r.t23);
-  out->t24 = r.t24;
-  TakeList(r.t25, &out->t25_count, &out->t25);
-  out->t26 = Take(r.t26);
-  out->t27 = r.t27;
-  TakeList(r.t28, &out->t28_count, &out->t28);
-  out->t33 = Take(r.t33);
-  out->t34 = r.t34;
-  out->t35 = Take(r.t35);
-  out->t36 = r.t36;
-  out->t29 = Take(r.t29);
-  out->t30 = r.t30;
-  out->t31 = Take(r.t31);
-  out->t32 = r.t32;
-  // The numbers of tags 37 to 40 are not carried over.
-}
-
-void FreeList(char** items, uint32_t count) {
-  if (items == nullptr) return;
-  for (uint32_t i = 0; i < count; ++i) std::free(items[i]);
-  std::free(items);
+// Frees every text and list the result holds.
+void FreeWords(vsk_app_pflt_data_t* d) {
+  for (const WordSource& w : kWords) {
+    if (w.kind == Word::kText) std::free(At<char*>(d, w.to));
+    if (w.kind != Word::kList) continue;
+    char** items = At<char**>(d, w.to);
+    if (items == nullptr) continue;
+    for (uint32_t i = 0; i < At<uint32_t>(d, w.count); ++i) std::free(items[i]);
+    std::free(items);
+  }
 }
 
 vsk_status_t GetPfltData(vsk_session_id_t session_id, vsk_app_pflt_data_t** result) {
@@ -122,16 +142,8 @@ vsk_status_t vsk_app_pflt_data_get(vsk_session_id_t session_id, vsk_app_pflt_dat
 
 void vsk_app_pflt_data_free(vsk_app_pflt_data_t** result) {
   if (result == nullptr || *result == nullptr) return;
-  vsk_app_pflt_data_t* d = *result;
-  for (char* text : {d->t1, d->t4, d->t11, d->t14, d->t7, d->t9, d->t17, d->t20, d->t23, d->t26,
-                     d->t33, d->t35, d->t29, d->t31}) {
-    std::free(text);
-  }
-  vsk::sidedata::FreeList(d->t19, d->t19_count);
-  vsk::sidedata::FreeList(d->t22, d->t22_count);
-  vsk::sidedata::FreeList(d->t25, d->t25_count);
-  vsk::sidedata::FreeList(d->t28, d->t28_count);
-  std::free(d);
+  vsk::sidedata::FreeWords(*result);
+  std::free(*result);
   *result = nullptr;
 }
 
