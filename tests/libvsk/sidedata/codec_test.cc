@@ -55,8 +55,8 @@ TEST(PfltdCodec, AllZeroRecordIsNumbersAndEmptyListsInFieldOrder) {
   Bytes want;
   for (uint16_t tag : {2,  37, 3,  5,  38, 6,  8,  10, 12, 39, 13, 15, 40,
                        16, 18, 19, 21, 22, 24, 25, 27, 28, 30, 32, 34, 36}) {
-    const bool list = tag == 3 || tag == 6 || tag == 13 || tag == 16 || tag == 19 || tag == 22 ||
-                      tag == 25 || tag == 28;
+    const bool list =
+        std::string("\3\6\15\20\23\26\31\34").find(static_cast<char>(tag)) != std::string::npos;
     want = want + Elem(tag, list ? std::string() : std::string(4, '\0'));
   }
   ASSERT_EQ(want.size(), 176u);

@@ -4,6 +4,7 @@
 // stored filter rule built field by field.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -16,47 +17,52 @@
 
 namespace vsk::test {
 
-// Owns the texts and lists a built record points at.
+// Where each field of a kind lies, by tag.
+struct TagAt {
+  int tag;
+  size_t offset;
+};
+#define VSK_AT(tag) \
+  TagAt { tag, offsetof(pfltd_vsk_data_t, t##tag) }
+inline constexpr TagAt kTexts[] = {VSK_AT(1),  VSK_AT(4),  VSK_AT(7),  VSK_AT(9),  VSK_AT(11),
+                                   VSK_AT(14), VSK_AT(17), VSK_AT(20), VSK_AT(23), VSK_AT(26),
+                                   VSK_AT(29), VSK_AT(31), VSK_AT(33), VSK_AT(35)};
+inline constexpr TagAt kNumbers[] = {VSK_AT(2),  VSK_AT(5),  VSK_AT(37), VSK_AT(38), VSK_AT(8),
+                                     VSK_AT(10), VSK_AT(12), VSK_AT(39), VSK_AT(15), VSK_AT(40),
+                                     VSK_AT(18), VSK_AT(21), VSK_AT(24), VSK_AT(27), VSK_AT(30),
+                                     VSK_AT(32), VSK_AT(34), VSK_AT(36)};
+inline constexpr TagAt kLists[] = {VSK_AT(3),  VSK_AT(6),  VSK_AT(13), VSK_AT(16),
+                                   VSK_AT(19), VSK_AT(22), VSK_AT(25), VSK_AT(28)};
+#undef VSK_AT
+
+template <typename T>
+T& FieldAt(pfltd_vsk_data_t& r, const TagAt& at) {
+  return *reinterpret_cast<T*>(reinterpret_cast<char*>(&r) + at.offset);
+}
+
+// A record with every field set; owns the texts and lists it points at. `salt` varies
+// the contents so that different records differ.
 class FullRecord {
  public:
-  // `salt` varies the contents so that different records differ.
   explicit FullRecord(int salt = 0) {
-    for (const int tag : kTextTags) {
-      std::string text = "text";
-      text += std::to_string(tag);
-      text.append(static_cast<size_t>((tag + salt) % 7), 'x');
-      Text(tag) = Keep(std::move(text));
+    for (const TagAt& at : kTexts) {
+      FieldAt<char*>(record, at) =
+          Keep(std::to_string(at.tag).append(static_cast<size_t>((at.tag + salt) % 7), 'x'));
     }
-    for (const int tag : kNumberTags) {
-      Number(tag) = 0x01000000u * static_cast<uint32_t>(tag) + static_cast<uint32_t>(salt) + 0xA5u;
+    for (const TagAt& at : kNumbers) {
+      FieldAt<uint32_t>(record, at) =
+          0x01000000u * static_cast<uint32_t>(at.tag) + 0xA5u + static_cast<uint32_t>(salt);
     }
-    int n = 0;
-    for (const int tag : kListTags) {
+    for (const TagAt& at : kLists) {
       auto& items = lists_.emplace_back();
-      for (int i = 0; i <= (tag + n++) % 4; ++i) {
-        std::string text = "l";
-        text += std::to_string(tag);
-        text += '.';
-        text.append(static_cast<size_t>(i), 'y');
-        items.push_back(Keep(std::move(text)));
+      for (int i = 0; i <= (at.tag + salt) % 4; ++i) {
+        items.push_back(Keep(std::to_string(at.tag).append(static_cast<size_t>(i), 'y')));
       }
-      List(tag) = {items.data(), static_cast<uint32_t>(items.size()), 0};
+      FieldAt<pfltd_vsk_array_t>(record, at) = {items.data(), static_cast<uint32_t>(items.size()),
+                                                0};
     }
   }
   pfltd_vsk_data_t record{};
-
-  static constexpr int kTextTags[14] = {1, 4, 7, 9, 11, 14, 17, 20, 23, 26, 29, 31, 33, 35};
-  static constexpr int kNumberTags[18] = {2,  5,  37, 38, 8,  10, 12, 39, 15,
-                                          40, 18, 21, 24, 27, 30, 32, 34, 36};
-  static constexpr int kListTags[8] = {3, 6, 13, 16, 19, 22, 25, 28};
-
-  char*& Text(int tag) { return TextOf(record, tag); }
-  uint32_t& Number(int tag) { return NumberOf(record, tag); }
-  pfltd_vsk_array_t& List(int tag) { return ListOf(record, tag); }
-
-  static char*& TextOf(pfltd_vsk_data_t& r, int tag);
-  static uint32_t& NumberOf(pfltd_vsk_data_t& r, int tag);
-  static pfltd_vsk_array_t& ListOf(pfltd_vsk_data_t& r, int tag);
 
  private:
   char* Keep(std::string s) { return texts_.emplace_back(std::move(s)).data(); }
@@ -64,55 +70,23 @@ class FullRecord {
   std::deque<std::vector<char*>> lists_;
 };
 
-#define VSK_TAG_CASE(tag) \
-  case tag:               \
-    return r.t##tag;
-inline char*& FullRecord::TextOf(pfltd_vsk_data_t& r, int tag) {
-  switch (tag) {
-    VSK_TAG_CASE(1)
-    VSK_TAG_CASE(4) VSK_TAG_CASE(7) VSK_TAG_CASE(9) VSK_TAG_CASE(11) VSK_TAG_CASE(14)
-        VSK_TAG_CASE(17) VSK_TAG_CASE(20) VSK_TAG_CASE(23) VSK_TAG_CASE(26) VSK_TAG_CASE(29)
-            VSK_TAG_CASE(31) VSK_TAG_CASE(33) default : return r.t35;
-  }
-}
-inline uint32_t& FullRecord::NumberOf(pfltd_vsk_data_t& r, int tag) {
-  switch (tag) {
-    VSK_TAG_CASE(2)
-    VSK_TAG_CASE(5) VSK_TAG_CASE(37) VSK_TAG_CASE(38) VSK_TAG_CASE(8) VSK_TAG_CASE(10)
-        VSK_TAG_CASE(12) VSK_TAG_CASE(39) VSK_TAG_CASE(15) VSK_TAG_CASE(40) VSK_TAG_CASE(18)
-            VSK_TAG_CASE(21) VSK_TAG_CASE(24) VSK_TAG_CASE(27) VSK_TAG_CASE(30) VSK_TAG_CASE(32)
-                VSK_TAG_CASE(34) default : return r.t36;
-  }
-}
-inline pfltd_vsk_array_t& FullRecord::ListOf(pfltd_vsk_data_t& r, int tag) {
-  switch (tag) {
-    VSK_TAG_CASE(3)
-    VSK_TAG_CASE(6) VSK_TAG_CASE(13) VSK_TAG_CASE(16) VSK_TAG_CASE(19) VSK_TAG_CASE(22)
-        VSK_TAG_CASE(25) default : return r.t28;
-  }
-}
-#undef VSK_TAG_CASE
-
-// Field-by-field difference of two records, "" when equal. Null and "" texts differ.
+// The tags of the fields in which two records differ, "" when equal. Null and "" differ.
 inline std::string Diff(pfltd_vsk_data_t a, pfltd_vsk_data_t b) {
+  auto text = [](const char* s) { return s != nullptr ? std::string(s) + '$' : std::string(); };
   std::string out;
-  auto text = [](const char* s) {
-    return s != nullptr ? "\"" + std::string(s) + "\"" : std::string("null");
-  };
-  for (int tag : FullRecord::kTextTags) {
-    if (text(FullRecord::TextOf(a, tag)) != text(FullRecord::TextOf(b, tag)))
-      out += " text" + std::to_string(tag);
+  for (const TagAt& at : kTexts) {
+    if (text(FieldAt<char*>(a, at)) != text(FieldAt<char*>(b, at)))
+      out += ' ' + std::to_string(at.tag);
   }
-  for (int tag : FullRecord::kNumberTags) {
-    if (FullRecord::NumberOf(a, tag) != FullRecord::NumberOf(b, tag))
-      out += " number" + std::to_string(tag);
+  for (const TagAt& at : kNumbers) {
+    if (FieldAt<uint32_t>(a, at) != FieldAt<uint32_t>(b, at)) out += ' ' + std::to_string(at.tag);
   }
-  for (int tag : FullRecord::kListTags) {
-    const auto& la = FullRecord::ListOf(a, tag);
-    const auto& lb = FullRecord::ListOf(b, tag);
+  for (const TagAt& at : kLists) {
+    const auto& la = FieldAt<pfltd_vsk_array_t>(a, at);
+    const auto& lb = FieldAt<pfltd_vsk_array_t>(b, at);
     bool same = la.count == lb.count;
     for (uint32_t i = 0; same && i < la.count; ++i) same = text(la.items[i]) == text(lb.items[i]);
-    if (!same) out += " list" + std::to_string(tag);
+    if (!same) out += ' ' + std::to_string(at.tag);
   }
   return out;
 }
