@@ -6,9 +6,9 @@
 //   a failed open closes what it made; in panic the close only forgets the handle.
 #include "vsk/provdb.h"
 
+#include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "libvsk/sidedata/provdb_internal.h"
 #include "libvsk/store/joins.h"
@@ -32,11 +32,17 @@ void provdb_initialize_provision_dbs(ProvisionDbs* state) {
   *state = ProvisionDbs{};
 }
 
+// False when a name cannot be made; what was made is freed with the state.
 bool provdb_set_db_filenames(ProvisionDbs* state) {
-  const std::string base = platform::RootedPath(platform::kStoreHome);
-  state->base_path = strdup(base.c_str());
-  state->file_name = strdup((base + kFileName).c_str());
-  return state->base_path != nullptr && state->file_name != nullptr;
+  char base[PATH_MAX];
+  const size_t n = platform::RootedPath(platform::kStoreHome, base, sizeof(base));
+  if (n >= sizeof(base)) return false;
+  state->base_path = strdup(base);
+  state->file_name = static_cast<char*>(std::malloc(n + sizeof(kFileName)));
+  if (state->file_name == nullptr) return false;
+  std::memcpy(state->file_name, base, n);
+  std::memcpy(state->file_name + n, kFileName, sizeof(kFileName));
+  return state->base_path != nullptr;
 }
 
 void provdb_databases_free(ProvisionDbs* state) {
@@ -99,8 +105,10 @@ int provdb_database_close(DB** db) {
   return ret;
 }
 
-vsk_status_t OpenJoin(bool /*creator*/) { return OpenProvisionTable(store::Environment()); }
-vsk_status_t CloseJoin() { return CloseProvisionTable(); }
+vsk_status_t OpenJoin(bool /*creator*/) noexcept {
+  return OpenProvisionTable(store::Environment());
+}
+vsk_status_t CloseJoin() noexcept { return CloseProvisionTable(); }
 
 const store::StoreJoinRegistrar kProvisioningJoin{
     store::JoinSlot::kProvisioning,
