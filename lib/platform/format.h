@@ -5,7 +5,7 @@
 //   Writes an address as text into `out` (at most `room` bytes with its NUL) and returns the
 //   text's length, or 0 on failure (then `out` holds "" when room allows).
 //   - family: AF_INET (2) for IPv4; IPv6 under this host's AF_INET6 or under 28, the
-//     router's own number for it, which stored values and callers of the design use.
+//     router's own number for it, which stored values and the library's callers use.
 //   - address: the address bytes in network order.
 //   - address_len: how many bytes `address` holds; 0 means the family's full length (4 or
 //     16). Fewer bytes are the leading ones, the rest read as zero.
