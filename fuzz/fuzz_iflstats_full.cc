@@ -40,7 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (vsk::stats::EncodeIflstatsFull(record, &encoded, &len) != VSK_OK) std::abort();
     if (len != vsk::stats::TotalTlvLen(record)) std::abort();
   }
-  libstats_free_iflstats_full_all(&record);
+  vsk::stats::FreeSets(&record);
   std::free(raw);
   return 0;
 }

@@ -26,25 +26,29 @@ typedef struct mgtlib_ifl_msg {
   uint32_t gen_num;  // at byte 84
 } mgtlib_ifl_msg_t;
 
-#define MGTLIB_VISIBLE __attribute__((visibility("default")))
-
 // A new, empty and reachable registry; null when memory is short.
-MGTLIB_VISIBLE mgtlib_iflm_t* mgtlib_iflm_open(void);
-MGTLIB_VISIBLE void mgtlib_iflm_close(mgtlib_iflm_t* handle);
+__attribute__((visibility("default"))) mgtlib_iflm_t* mgtlib_iflm_open(void);
+__attribute__((visibility("default"))) void mgtlib_iflm_close(mgtlib_iflm_t* handle);
 // Adds interface `index` or replaces what is known of it. 0, EINVAL or ENOMEM.
-MGTLIB_VISIBLE int mgtlib_iflm_add(mgtlib_iflm_t* handle, uint32_t index, uint32_t gen_num,
-                                   const char* name, uint32_t mtu);
+__attribute__((visibility("default"))) int mgtlib_iflm_add(mgtlib_iflm_t* handle, uint32_t index,
+                                                           uint32_t gen_num, const char* name,
+                                                           uint32_t mtu);
 // Forgets interface `index`. 0, or ENOENT when it was not known.
-MGTLIB_VISIBLE int mgtlib_iflm_remove(mgtlib_iflm_t* handle, uint32_t index);
+__attribute__((visibility("default"))) int mgtlib_iflm_remove(mgtlib_iflm_t* handle,
+                                                              uint32_t index);
 // Marks the source of the registry reachable or not.
-MGTLIB_VISIBLE void mgtlib_iflm_set_reachable(mgtlib_iflm_t* handle, bool reachable);
+__attribute__((visibility("default"))) void mgtlib_iflm_set_reachable(mgtlib_iflm_t* handle,
+                                                                      bool reachable);
 
 // Looks up `index`, given in `index_len` bytes (4). 0 with *msg (a new message) and
 // *msg_len; ENOENT (2) when no such interface exists; ENOTCONN while the source is
 // unreachable; EINVAL for bad arguments; ENOMEM.
-MGTLIB_VISIBLE int mgtlib_iflm_get_by_index(mgtlib_iflm_t* handle, uint32_t index,
-                                            uint32_t index_len, void** msg, uint32_t* msg_len);
+__attribute__((visibility("default"))) int mgtlib_iflm_get_by_index(mgtlib_iflm_t* handle,
+                                                                    uint32_t index,
+                                                                    uint32_t index_len, void** msg,
+                                                                    uint32_t* msg_len);
 // Gives back a message of mgtlib_iflm_get_by_index; null is ignored.
-MGTLIB_VISIBLE void mgtlib_msg_idl_release(mgtlib_iflm_t* handle, void* msg, uint32_t msg_len);
+__attribute__((visibility("default"))) void mgtlib_msg_idl_release(mgtlib_iflm_t* handle, void* msg,
+                                                                   uint32_t msg_len);
 
 }  // extern "C"

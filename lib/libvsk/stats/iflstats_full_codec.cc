@@ -241,4 +241,24 @@ int DecodeIflstatsFull(const uint8_t* data, uint32_t size, libstats_iflstats_ful
   return 0;
 }
 
+void FreeSet(libstats_iflstats_full_set_t* set) {
+  for (const PointerSection& s : kPointerSection) {
+    void*& slot = SlotOf(set, s);
+    std::free(slot);
+    slot = nullptr;
+  }
+  // Queue counters are freed up to the first gap; what stands behind one is not this
+  // function's to free.
+  for (auto* counters : {set->qcntr, set->inqcntr}) {
+    for (int i = 0; i < LIBSTATS_MAX_QUEUES && counters[i] != nullptr; ++i) {
+      std::free(counters[i]);
+      counters[i] = nullptr;
+    }
+  }
+}
+
+void FreeSets(libstats_iflstats_full_t* record) {
+  for (libstats_iflstats_full_set_t& set : record->stats) FreeSet(&set);
+}
+
 }  // namespace vsk::stats

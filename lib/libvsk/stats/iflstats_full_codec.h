@@ -61,4 +61,9 @@ vsk_status_t EncodeIflstatsFull(const libstats_iflstats_full_t& record, Buffer* 
 // the record, for libstats_free_iflstats_full_all.
 int DecodeIflstatsFull(const uint8_t* data, uint32_t size, libstats_iflstats_full_t* record);
 
+// Frees the sections of one set and clears their pointers (libstats_free_iflstats_full):
+// the queue counters up to the first null one. FreeSets does both sets of a record.
+void FreeSet(libstats_iflstats_full_set_t* set);
+void FreeSets(libstats_iflstats_full_t* record);
+
 }  // namespace vsk::stats

@@ -4,6 +4,7 @@
 
 #include <db.h>
 
+#include "libvsk/stats/iflstats_full_codec.h"
 #include "libvsk/stats/stats_internal.h"
 #include "vsk/libstats.h"
 
@@ -16,10 +17,6 @@ vsk_status_t BuildFullKey(const libstats_iflstats_full_t& record, KeyBuffer* key
 // Encodes `record` and puts it in the primary table inside `txn`. A failed put traces
 // "<caller> store failed:%d". REQUIRES: the store usable.
 vsk_status_t PutFullRecord(DB_TXN* txn, const libstats_iflstats_full_t& record, const char* caller);
-
-// Frees the sections of one set (libstats_free_iflstats_full), of both sets.
-void FreeSet(libstats_iflstats_full_set_t* set);
-void FreeSets(libstats_iflstats_full_t* record);
 
 // The record operations behind libstats_get_iflstats_full_record and
 // libstats_write_iflstats_full_record. REQUIRES: `record` not null.

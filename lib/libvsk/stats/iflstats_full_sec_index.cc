@@ -17,6 +17,7 @@
 #include "libvsk/stats/iflstats_full_codec.h"
 #include "libvsk/stats/iflstats_full_db.h"
 #include "libvsk/stats/sec_index.h"
+#include "libvsk/store/txn.h"
 #include "vsk/libstats.h"
 
 namespace vsk::stats {
@@ -364,7 +365,7 @@ vsk_status_t GroupWalk::Begin(const char* caller, DB* secondary, const char* cur
   if (!StoreUsable(caller)) return VSK_ERR_FATAL;
   vsk_db_txn_t block{};
   // Published result: the truth value of the failure, not its status.
-  if (vsk_db_start_txn(&block) != VSK_OK) return 1;
+  if (store::StartTxn(&block) != VSK_OK) return 1;
   txn_ = block.txn;
   vsk_status_t st = get_vsk_err(secondary->cursor(secondary, txn_, &cursor_, DB_READ_COMMITTED));
   if (st != VSK_OK) {
@@ -384,13 +385,13 @@ vsk_status_t GroupWalk::CloseCursor() {
 vsk_status_t GroupWalk::Commit() {
   vsk_db_txn_t block{txn_, nullptr, nullptr};
   txn_ = nullptr;
-  return vsk_db_end_txn(&block);
+  return store::EndTxn(&block);
 }
 
 vsk_status_t GroupWalk::Abort() {
   vsk_db_txn_t block{txn_, nullptr, nullptr};
   txn_ = nullptr;
-  return vsk_db_abort_txn(&block, VSK_OK);
+  return store::AbortTxn(&block, VSK_OK);
 }
 
 void GroupWalk::LeaveOpen() {

@@ -14,6 +14,7 @@
 #include "libvsk/base/trace.h"
 #include "libvsk/stats/layout.h"
 #include "libvsk/stats/stats_internal.h"
+#include "libvsk/store/txn.h"
 #include "vsk/libstats.h"
 
 namespace vsk::stats {
@@ -94,7 +95,7 @@ void EndWalk(libstats_cursor_ctx_t* ctx, vsk_status_t status) {
   VSK_TRACE("%s: closed err:%d", kName, status);
   if (ctx->txn != nullptr) {
     vsk_db_txn_t block{ctx->txn, nullptr, nullptr};
-    vsk_status_t st = vsk_db_abort_txn(&block, VSK_OK);
+    vsk_status_t st = vsk::store::AbortTxn(&block, VSK_OK);
     if (st != VSK_OK) VSK_TRACE("%s: end txn fails status:%d", kName, st);
   }
   ctx->txn = nullptr;
@@ -230,14 +231,14 @@ vsk_status_t libstats_get_final_stats_using_cursor(libstats_cursor_ctx_t* ctx,
   if (ctx->cursor == nullptr) {
     if (!StoreUsable(kName)) return VSK_ERR_FATAL;
     vsk_db_txn_t block{};
-    vsk_status_t st = vsk_db_start_txn(&block);
+    vsk_status_t st = vsk::store::StartTxn(&block);
     if (st != VSK_OK) return st;
     ctx->txn = block.txn;
     DB* db = g_stats.iflstats_db;
     st = get_vsk_err(db->cursor(db, ctx->txn, &ctx->cursor, DB_READ_COMMITTED));
     if (st != VSK_OK) {
       ctx->cursor = nullptr;
-      vsk_db_abort_txn(&block, st);
+      vsk::store::AbortTxn(&block, st);
       ctx->txn = nullptr;
       VSK_TRACE("%s: aborting txn err:%d", kName, st);
       return st;
@@ -286,7 +287,7 @@ vsk_status_t libstats_close_cursor(libstats_cursor_ctx_t* ctx) {
   ctx->cursor = nullptr;
   VSK_TRACE("%s: cursor closed status:%d", kName, st);
   vsk_db_txn_t block{ctx->txn, nullptr, nullptr};
-  vsk_status_t end = st == VSK_OK ? vsk_db_end_txn(&block) : vsk_db_abort_txn(&block, st);
+  vsk_status_t end = st == VSK_OK ? vsk::store::EndTxn(&block) : vsk::store::AbortTxn(&block, st);
   if (end != VSK_OK) VSK_TRACE("%s: end txn fails ret:%d", kName, end);
   ctx->txn = block.txn;
   return st;

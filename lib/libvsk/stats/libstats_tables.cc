@@ -19,6 +19,7 @@
 #include "libvsk/stats/sec_index.h"
 #include "libvsk/stats/stats_internal.h"
 #include "libvsk/store/joins.h"
+#include "libvsk/store/txn.h"
 #include "platform/paths.h"
 #include "vsk/libstats.h"
 #include "vsk/store.h"
@@ -186,7 +187,7 @@ int CloseDb() {
 }
 
 bool StoreUsable(const char* caller) {
-  if (vsk_db_check() == VSK_OK) return true;
+  if (vsk::store::Check() == VSK_OK) return true;
   VSK_TRACE("%s: bad vsk env ptr", caller);
   return false;
 }
@@ -224,11 +225,10 @@ void libstats_databases_free(libstats_databases_t* state) {
   if (state != nullptr) vsk::stats::FreeNames(state);
 }
 
-int libstats_is_db_open(void) { return vsk_db_check() == VSK_OK ? 0 : -1; }
+int libstats_is_db_open(void) { return vsk::store::Check() == VSK_OK ? 0 : -1; }
 
 void libstats_show_vsk_env_ptr(void) {
-  DB_ENV* env = nullptr;
-  if (vsk_db_get_dbenv(&env) != 0 || env == nullptr) {
+  if (vsk::store::Environment() == nullptr) {
     VSK_TRACE("%s: bad vsk env ptr", "libstats_show_vsk_env_ptr");
   }
 }

@@ -10,6 +10,7 @@
 #include <cstdlib>
 
 #include "libvsk/base/trace.h"
+#include "libvsk/store/txn.h"
 #include "vsk/libstats.h"
 #include "vsk/store.h"
 
@@ -22,29 +23,6 @@ int CloseDb();
 
 // True when the store is usable. Otherwise traces "<caller>: bad vsk env ptr".
 bool StoreUsable(const char* caller);
-
-// One transaction of the store, started by Begin(). Whatever is still open when the guard
-// goes is aborted, so that an early return never leaves a transaction behind.
-class Txn {
- public:
-  Txn() = default;
-  ~Txn() { Abort(VSK_OK); }
-  Txn(const Txn&) = delete;
-  Txn& operator=(const Txn&) = delete;
-
-  vsk_status_t Begin() { return vsk_db_start_txn(&block_); }
-  // Commits; the handle is gone afterwards whatever the result.
-  vsk_status_t Commit() { return vsk_db_end_txn(&block_); }
-  // Aborts unless `status` says the environment is recovering (see vsk_db_abort_txn).
-  vsk_status_t Abort(vsk_status_t status) {
-    if (block_.txn == nullptr) return VSK_OK;
-    return vsk_db_abort_txn(&block_, status);
-  }
-  DB_TXN* get() const { return block_.txn; }
-
- private:
-  vsk_db_txn_t block_{};
-};
 
 // The traces of an operation in a transaction of its own (RunInTxn).
 struct TxnTexts {
@@ -60,12 +38,13 @@ struct TxnTexts {
 // or of the commit comes back.
 template <typename Op>
 vsk_status_t RunInTxn(DB* table, const TxnTexts& texts, Op&& op) {
-  Txn txn;
+  vsk_db_txn_t block{};
+  store::Txn txn(&block);
   vsk_status_t st = txn.Begin();
   if (st != VSK_OK) return st;
-  st = op(txn.get());
+  st = op(block.txn);
   if (st != VSK_OK) {
-    txn.Abort(st);
+    txn.Fail(st);
     if (texts.op_failed != nullptr) VSK_TRACE(texts.op_failed, texts.name, st);
     return st;
   }

@@ -10,6 +10,8 @@
 #include "libvsk/stats/iflstats_full_codec.h"
 #include "libvsk/stats/iflstats_full_db.h"
 #include "libvsk/stats/sec_index.h"
+#include "libvsk/store/joins.h"
+#include "libvsk/store/txn.h"
 #include "platform/mgtlib_iflm.h"
 #include "vsk/libstats.h"
 
@@ -27,9 +29,9 @@ void SampleConvert(int type) {
   VSK_TRACE("%s(%d) DB version %d, current version %d", "libstats_issu_sample_convert_db", type, 0,
             kCurrentVersion);
   vsk_db_txn_t txn{};
-  if (vsk_db_start_txn(&txn) != VSK_OK) return;
+  if (store::StartTxn(&txn) != VSK_OK) return;
   VSK_TRACE("add sample issu conversion routine, type %d", type);
-  vsk_db_abort_txn(&txn, VSK_OK);
+  store::AbortTxn(&txn, VSK_OK);
 }
 
 void BadEnvironment(int line) {
@@ -39,9 +41,7 @@ void BadEnvironment(int line) {
 
 void IssuWalk(int type) {
   VSK_TRACE("%s(%d)", kIssuWalk, type);
-  DB_ENV* env = nullptr;
-  vsk_db_get_dbenv(&env);
-  if (env == nullptr) {
+  if (store::Environment() == nullptr) {
     BadEnvironment(__LINE__);
     return;
   }

@@ -198,6 +198,9 @@ TEST_F(SecIndexTest, CleanUpWalkRemovesExactlyTheRecordsOfGoneInterfaces) {
   mgtlib_iflm_t* living = mgtlib_iflm_open();
   ASSERT_EQ(mgtlib_iflm_add(living, 1, 5, "ge-0/0/0.1", 1500), 0);
   ASSERT_EQ(mgtlib_iflm_add(living, 2, 6, "ge-0/0/0.2", 1500), 0);
+  ASSERT_EQ(mgtlib_iflm_add(living, 3, 5, "ge-0/0/0.3", 1500), 0);
+  ASSERT_EQ(mgtlib_iflm_remove(living, 3), 0);  // interface 3 went away
+  ASSERT_EQ(mgtlib_iflm_remove(living, 3), ENOENT);
   WriteGroupRecord(1, "keep", 1, 5);
   WriteGroupRecord(1, "older-generation", 1, 4);
   WriteGroupRecord(3, "gone", 1, 5);
