@@ -19,6 +19,7 @@
 #include <cstring>
 
 #include "libvsk/store/context.h"
+#include "platform/hwframe.h"
 #include "platform/paths.h"
 #include "server.h"
 #include "vsk/vsk.h"
@@ -31,6 +32,17 @@ evContext g_ev{};
 orvd_ctx_t* g_handle = nullptr;
 bool g_was_ready = false;
 Clock::time_point g_last_reopen{};
+
+// A switchover in progress: the chassis role no longer matches the store's.
+struct RoleChange {
+  bool active = false;
+  Clock::time_point since{};
+};
+RoleChange g_role_change;
+// Clients get this long to leave the store before it is reopened without them, and the
+// store stays closed at least kRoleChangeSettle after the last one left.
+constexpr auto kRoleChangeWait = std::chrono::seconds(5);
+constexpr auto kRoleChangeSettle = std::chrono::milliseconds(300);
 
 void VLog(const char* format, va_list args) {
   if (g_stderr) {
@@ -49,6 +61,7 @@ void TraceSink(void*, int, const char* format, va_list args) { VLog(format, args
 StoreHealth Health() {
   const vsk::store::StoreContext* ctx = vsk::store::Context();
   int32_t state = ctx != nullptr ? ctx->state : VSK_ENV_INIT;
+  if (g_role_change.active) return {false, VSK_ERR_NOT_STARTED};
   if (vsk_in_panic || state == VSK_ENV_PANIC) return {false, VSK_ERR_RECOVERING};
   if (state == VSK_ENV_NEEDS_RECOVERY) return {false, VSK_ERR_SECONDARY_RECOVERY};
   if (!orvd_is_registered()) return {false, VSK_ERR_NOT_STARTED};
@@ -75,6 +88,34 @@ vsk_status_t OpenLibrary() {
   return rc;
 }
 
+// Follows a switchover (the chassis role changed under the open store): every client is
+// told that the store goes; once they have all left (or after kRoleChangeWait) the store is
+// reopened in the new role. The reopen recovers the environment, which must not happen
+// under a process still attached to it. True while a change is in progress.
+bool FollowRole(Server& server) {
+  Clock::time_point now = Clock::now();
+  if (!g_role_change.active) {
+    if (!orvd_is_registered() ||
+        hwframe_is_vc_or_single_re_protocol_master() == vsk_db_rep_is_master()) {
+      return false;
+    }
+    Log("role changes to %s: closing the store for every client",
+        vsk_db_rep_is_master() ? "standby" : "master");
+    g_role_change = {true, now};
+    server.BroadcastStoreDown(VSK_ERR_NOT_STARTED);
+    return true;
+  }
+  bool left = server.ConnectionCount() == 0 && now - g_role_change.since >= kRoleChangeSettle;
+  if (!left && now - g_role_change.since < kRoleChangeWait) return true;
+  if (!left) Log("clients still connected after the wait; reopening the store all the same");
+  orvd_unregister(&g_handle);
+  g_role_change.active = false;
+  g_last_reopen = now;
+  if (OpenLibrary() == VSK_OK) Log("store reopened as %s", vsk_db_rep_is_master() ? "master" : "standby");
+  g_was_ready = Health().ready;
+  return true;
+}
+
 // Runs Berkeley DB's lock-expiry pass (so that waits behind a dead holder end) and
 // follows the store's health: tells the clients when it goes, reopens it.
 void WatchStore(Server& server) {
@@ -82,6 +123,7 @@ void WatchStore(Server& server) {
   if (vsk_db_get_dbenv(&env) == 0 && env != nullptr && !vsk_in_panic) {
     env->lock_detect(env, 0, DB_LOCK_EXPIRE, nullptr);
   }
+  if (FollowRole(server)) return;
   StoreHealth health = Health();
   if (health.ready) {
     g_was_ready = true;

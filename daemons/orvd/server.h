@@ -88,6 +88,9 @@ class Server {
   using TickHook = void (*)(Server& server);
   void SetTickHook(TickHook hook) { tick_hook_ = hook; }
 
+  // Open client connections, registered or not.
+  size_t ConnectionCount() const { return conns_.size(); }
+
  private:
   static void OnAccept(evContext ctx, void* uap, int fd, int mask);
   static void OnReadable(evContext ctx, void* uap, int fd, int mask);
