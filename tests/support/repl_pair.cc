@@ -136,7 +136,15 @@ bool Engine::WaitStatus(const std::function<bool(const platform::LodexStatus&)>&
 }
 
 bool Engine::WaitInSync(std::chrono::milliseconds timeout) const {
-  return WaitStatus([](const platform::LodexStatus& s) { return s.master && s.in_sync; }, timeout);
+  // Only a status written after this call began tells about what was committed before it.
+  timespec ts{};
+  clock_gettime(CLOCK_REALTIME, &ts);
+  const int64_t since_ms = int64_t{ts.tv_sec} * 1000 + ts.tv_nsec / 1000000;
+  return WaitStatus(
+      [since_ms](const platform::LodexStatus& s) {
+        return s.master && s.in_sync && s.updated_ms > since_ms;
+      },
+      timeout);
 }
 
 bool Engine::WaitRegistered(bool master, std::chrono::milliseconds timeout) const {
@@ -152,7 +160,7 @@ std::string Engine::LogTail() const {
     std::stringstream text;
     text << in.rdbuf();
     std::string all = text.str();
-    if (all.size() > 4000) all = all.substr(all.size() - 4000);
+    if (all.size() > 12000) all = all.substr(all.size() - 12000);
     out << "---- " << root_ << name << "\n" << all;
   }
   return out.str();
