@@ -15,6 +15,7 @@
 #include <cstring>
 #include <random>
 
+#include "libvsk/base/byte_reader.h"
 #include "log.h"
 
 namespace lodexd {
@@ -229,7 +230,9 @@ void PeerLink::ReadFrames(Conn* c) {
   bool any = false;
   for (;;) {
     FrameHeader h;
-    if (evbuffer_copyout(in, &h, sizeof h) != static_cast<ev_ssize_t>(sizeof h)) break;
+    uint8_t raw[sizeof h];
+    if (evbuffer_copyout(in, raw, sizeof raw) != static_cast<ev_ssize_t>(sizeof raw)) break;
+    vsk::base::ByteReader(raw, sizeof raw).Get(&h);
     if (h.magic != kFrameMagic || h.kind < kHello || h.kind > kProgress ||
         h.control_size > kMaxPart || h.rec_size > kMaxPart ||
         (h.kind == kHello && h.control_size != sizeof(uint64_t))) {
@@ -245,8 +248,8 @@ void PeerLink::ReadFrames(Conn* c) {
     const uint8_t* control = bytes + sizeof h;
     const uint8_t* rec = control + h.control_size;
     if (h.kind == kHello) {
-      uint64_t nonce;
-      std::memcpy(&nonce, control, sizeof nonce);
+      uint64_t nonce = 0;
+      vsk::base::ByteReader(control, h.control_size).Get(&nonce);  // size checked above
       evbuffer_drain(in, total);
       OnHello(c, nonce);
       // OnHello may have closed this connection.

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "libvsk/base/byte_reader.h"
 #include "log.h"
 #include "platform/lodex.h"
 #include "vsk/store.h"
@@ -58,7 +59,7 @@ DB_LSN LastCommit(DB_ENV* env) {
   int ret = cursor->get(cursor, &lsn, &data, DB_LAST);
   for (int i = 0; ret == 0 && i < kLastCommitWalk; ++i) {
     uint32_t type = 0;
-    if (data.size >= sizeof type) std::memcpy(&type, data.data, sizeof type);
+    vsk::base::ByteReader(data.data, data.size).Get(&type);
     if ((type & ~kDebugRecordFlag) == kTxnRegopRecord) {
       found = lsn;
       break;
@@ -303,9 +304,9 @@ void Replicator::Apply(const FrameHeader& h, const uint8_t* control, const uint8
 }
 
 void Replicator::OnProgress(const uint8_t* control, uint32_t size) {
-  if (size != sizeof(ProgressBody)) return;
   ProgressBody p;
-  std::memcpy(&p, control, sizeof p);
+  vsk::base::ByteReader in(control, size);
+  if (size != sizeof p || !in.Get(&p)) return;
   StandbyPosition now{true, p.ready != 0, p.gen, DB_LSN{p.next_file, p.next_offset}};
   if (!standby_.known || now.ready != standby_.ready || now.gen != standby_.gen ||
       vsk::platform::CompareLsn(now.next, standby_.next) != 0) {

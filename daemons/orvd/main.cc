@@ -19,8 +19,8 @@
 #include <cstring>
 
 #include "libvsk/store/context.h"
-#include "platform/hwframe.h"
 #include "platform/paths.h"
+#include "reopen.h"
 #include "server.h"
 #include "vsk/vsk.h"
 
@@ -33,16 +33,6 @@ orvd_ctx_t* g_handle = nullptr;
 bool g_was_ready = false;
 Clock::time_point g_last_reopen{};
 
-// A switchover in progress: the chassis role no longer matches the store's.
-struct RoleChange {
-  bool active = false;
-  Clock::time_point since{};
-};
-RoleChange g_role_change;
-// Clients get this long to leave the store before it is reopened without them, and the
-// store stays closed at least kRoleChangeSettle after the last one left.
-constexpr auto kRoleChangeWait = std::chrono::seconds(5);
-constexpr auto kRoleChangeSettle = std::chrono::milliseconds(300);
 
 void VLog(const char* format, va_list args) {
   if (g_stderr) {
@@ -56,12 +46,14 @@ void VLog(const char* format, va_list args) {
 
 void TraceSink(void*, int, const char* format, va_list args) { VLog(format, args); }
 
+bool ReopenInProgress();
+
 // Ready for clients: on the master the tables are open and the shared state rebuilt; on
 // the standby orvd stops once replication runs.
 StoreHealth Health() {
   const vsk::store::StoreContext* ctx = vsk::store::Context();
   int32_t state = ctx != nullptr ? ctx->state : VSK_ENV_INIT;
-  if (g_role_change.active) return {false, VSK_ERR_NOT_STARTED};
+  if (ReopenInProgress()) return {false, VSK_ERR_NOT_STARTED};
   if (vsk_in_panic || state == VSK_ENV_PANIC) return {false, VSK_ERR_RECOVERING};
   if (state == VSK_ENV_NEEDS_RECOVERY) return {false, VSK_ERR_SECONDARY_RECOVERY};
   if (!orvd_is_registered()) return {false, VSK_ERR_NOT_STARTED};
@@ -88,42 +80,32 @@ vsk_status_t OpenLibrary() {
   return rc;
 }
 
-// Follows a switchover (the chassis role changed under the open store): every client is
-// told that the store goes; once they have all left (or after kRoleChangeWait) the store is
-// reopened in the new role. The reopen recovers the environment, which must not happen
-// under a process still attached to it. True while a change is in progress.
-bool FollowRole(Server& server) {
-  Clock::time_point now = Clock::now();
-  if (!g_role_change.active) {
-    if (!orvd_is_registered() ||
-        hwframe_is_vc_or_single_re_protocol_master() == vsk_db_rep_is_master()) {
-      return false;
-    }
-    Log("role changes to %s: closing the store for every client",
-        vsk_db_rep_is_master() ? "standby" : "master");
-    g_role_change = {true, now};
-    server.BroadcastStoreDown(VSK_ERR_NOT_STARTED);
-    return true;
-  }
-  bool left = server.ConnectionCount() == 0 && now - g_role_change.since >= kRoleChangeSettle;
-  if (!left && now - g_role_change.since < kRoleChangeWait) return true;
-  if (!left) Log("clients still connected after the wait; reopening the store all the same");
+// The store's reopen in place (reopen.h): closes the library, forgetting every handle
+// when the environment may be wedged, and opens it again in the role of the moment.
+void CloseForReopen(bool wedged) {
+  if (wedged) vsk_in_panic = true;
   orvd_unregister(&g_handle);
-  g_role_change.active = false;
-  g_last_reopen = now;
-  if (OpenLibrary() == VSK_OK) Log("store reopened as %s", vsk_db_rep_is_master() ? "master" : "standby");
-  g_was_ready = Health().ready;
-  return true;
+  g_last_reopen = Clock::now();
 }
+
+bool OpenAfterReopen() {
+  bool ok = OpenLibrary() == VSK_OK;
+  g_was_ready = Health().ready;
+  return ok;
+}
+
+StoreReopen g_reopen(CloseForReopen, OpenAfterReopen);
+
+bool ReopenInProgress() { return g_reopen.active(); }
 
 // Runs Berkeley DB's lock-expiry pass (so that waits behind a dead holder end) and
 // follows the store's health: tells the clients when it goes, reopens it.
 void WatchStore(Server& server) {
+  if (g_reopen.Tick(server)) return;  // before anything touches a possibly wedged store
   DB_ENV* env = nullptr;
   if (vsk_db_get_dbenv(&env) == 0 && env != nullptr && !vsk_in_panic) {
     env->lock_detect(env, 0, DB_LOCK_EXPIRE, nullptr);
   }
-  if (FollowRole(server)) return;
   StoreHealth health = Health();
   if (health.ready) {
     g_was_ready = true;
@@ -199,6 +181,7 @@ int main(int argc, char** argv) {
 
   int exit_code = 0;
   Server server(g_ev, Health);
+  g_reopen.Attach(&server);
   server.SetTickHook(WatchStore);
   // A stale socket goes before the store opens: no client reaches a dead orvd's file.
   unlink(vsk::platform::RootedPath(vsk::platform::kOrvdSocket).c_str());

@@ -256,7 +256,10 @@ void Server::Drop(Connection* conn, const char* why) {
       std::find_if(conns_.begin(), conns_.end(), [conn](const auto& c) { return c.get() == conn; });
   if (it == conns_.end()) return;
   Log("dropping %s: %s", conn->name.empty() ? "client" : conn->name.c_str(), why);
-  if (conn->registered) table_[conn->name].connected = false;
+  if (conn->registered) {
+    table_[conn->name].connected = false;
+    ++lost_registered_;
+  }
   __evDeselectFD(ev_, conn->id);
   close(conn->fd);
   conns_.erase(it);

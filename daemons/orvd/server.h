@@ -91,6 +91,8 @@ class Server {
 
   // Open client connections, registered or not.
   size_t ConnectionCount() const { return conns_.size(); }
+  // Registered clients whose connection ended without their leaving message (they died).
+  uint64_t LostWhileRegistered() const { return lost_registered_; }
 
  private:
   static void OnAccept(evContext ctx, void* uap, int fd, int mask);
@@ -121,6 +123,7 @@ class Server {
   std::vector<std::unique_ptr<Connection>> conns_;
   std::map<std::string, DaemonEntry> table_;
   uint32_t platd_issu_state_ = 0;
+  uint64_t lost_registered_ = 0;
 };
 
 // orvd's log: the trace callback of the link and the server's own messages.

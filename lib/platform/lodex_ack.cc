@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "libvsk/base/byte_reader.h"
 #include "platform/paths.h"
 
 namespace vsk::platform {
@@ -168,13 +169,11 @@ void OnRetry(wtimer_leaf_t*, void* arg) {
 }  // namespace
 
 long ParseLodexAckFrame(const uint8_t* data, size_t size, lodex_ack_msg_t* out) {
-  if (size < kLodexAckHeaderSize) return 0;
-  std::memcpy(&out->kind, data, sizeof out->kind);
-  std::memcpy(&out->count, data + sizeof out->kind, sizeof out->count);
+  base::ByteReader in(data, size);
+  if (!in.Get(&out->kind) || !in.Get(&out->count)) return 0;
   switch (out->kind) {
     case LODEX_ACK_STATE:
-      if (out->count > 1) return -1;
-      return static_cast<long>(kLodexAckHeaderSize);
+      return out->count > 1 ? -1 : static_cast<long>(in.pos());
     case LODEX_ACK_REQUEST:
     case LODEX_ACK_ANSWER:
       break;
@@ -182,10 +181,8 @@ long ParseLodexAckFrame(const uint8_t* data, size_t size, lodex_ack_msg_t* out) 
       return -1;
   }
   if (out->count == 0 || out->count > LODEX_ACK_MAX_IDS) return -1;
-  size_t need = LodexAckFrameSize(out->count);
-  if (size < need) return 0;
-  std::memcpy(out->ids, data + kLodexAckHeaderSize, need - kLodexAckHeaderSize);
-  return static_cast<long>(need);
+  if (!in.Bytes(out->ids, sizeof(uint32_t) * out->count)) return 0;
+  return static_cast<long>(in.pos());
 }
 
 }  // namespace vsk::platform

@@ -17,7 +17,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "platform/lodex_ack.h"
 #include "platform/wtimer.h"
 #include "vsk/ack.h"
