@@ -38,9 +38,18 @@ struct Request {
 
 // A singly linked forward list with the address of its last link, so that appending is
 // constant time and a request unlinks itself without a walk.
+// Not copyable: `last_link` may point into the list itself.
 struct RequestList {
   Request* first = nullptr;
   Request** last_link = &first;
+
+  RequestList() = default;
+  RequestList(const RequestList&) = delete;
+  RequestList& operator=(const RequestList&) = delete;
+  void Reset() {
+    first = nullptr;
+    last_link = &first;
+  }
 
   void Append(Request* r) {
     r->next = nullptr;
@@ -183,7 +192,14 @@ int Register(void* context, wtimer_root_t* timer_ctx, vsk_ack_response_cbk_t cal
     VSK_TRACE("Application already registered");
     return VSK_ACK_FAILURE;
   }
-  s = ChannelState{};
+  // Step 3: all state cleared, both lists empty.
+  s.connected = s.timer_running = false;
+  s.next_request_id = 0;
+  s.timer_ctx = nullptr;
+  s.defer_timer = nullptr;
+  s.callback = nullptr;
+  s.pending.Reset();
+  s.sent.Reset();
   s.event_ctx = static_cast<const vsk_ack_app_context_t*>(context)->event_ctx;
   s.timer_ctx = timer_ctx;
   if (s.timer_ctx == nullptr) {
