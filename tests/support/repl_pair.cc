@@ -163,6 +163,7 @@ std::string Engine::LogTail() const {
     if (all.size() > 12000) all = all.substr(all.size() - 12000);
     out << "---- " << root_ << name << "\n" << all;
   }
+  out << "---- lodexd status\n" << platform::FormatLodexStatus(Status());
   return out.str();
 }
 
