@@ -7,10 +7,14 @@
 //    with recovery costs nothing but a short pause, and a wedged standby would never catch
 //    up again.
 //
-//   idle --reason--> closing: every client is told the store goes (negative answer);
-//                    registrations are refused
-//        --all left for kSettle, or kWait passed--> reopen: close (forgetting every handle
-//                    when wedged), open with recovery in the role of the moment --> idle
+//   idle --master to standby--> fencing: every client but lodexd is told the store goes
+//                    (negative answer), so nothing more commits here, while lodexd, still
+//                    master, brings the standby up to the last commit
+//        --lodexd reports the standby in step, or kFenceWait passed--> closing
+//   idle --other reason--> closing: every client is told the store goes; registrations
+//                    are refused from the start of either path
+//   closing --all left for kSettle, or kWait passed--> reopen: close (forgetting every
+//                    handle when wedged), open with recovery in the role of the moment --> idle
 //
 // Recovery must not run under a process still attached, hence the wait for every client
 // to leave. Runs on orvd's loop, from the housekeeping tick.
@@ -30,6 +34,9 @@ class StoreReopen {
 
   static constexpr auto kWait = std::chrono::seconds(5);
   static constexpr auto kSettle = std::chrono::milliseconds(300);
+  // The standby applies with its log synced at each commit and may be far behind a busy
+  // master: the fence waits longer than a close.
+  static constexpr auto kFenceWait = std::chrono::seconds(30);
 
   StoreReopen(CloseFn close, OpenFn open) : close_(close), open_(open) {}
 
@@ -44,9 +51,11 @@ class StoreReopen {
  private:
   CloseFn close_;
   OpenFn open_;
-  bool active_ = false;
+  enum class Phase { kIdle, kFencing, kClosing };
+  Phase phase_ = Phase::kIdle;
   bool wedged_ = false;
   Clock::time_point since_{};
+  int64_t fenced_at_ms_ = 0;
   uint64_t lost_seen_ = 0;
   const Server* server_ = nullptr;
 };

@@ -237,10 +237,10 @@ bool Server::SendAck(Connection* conn, bool accepted, int32_t error, uint32_t da
   return false;
 }
 
-void Server::BroadcastStoreDown(int32_t status) {
+void Server::BroadcastStoreDown(int32_t status, const std::string& spare) {
   std::vector<Connection*> registered;
   for (const auto& c : conns_) {
-    if (c->registered) registered.push_back(c.get());
+    if (c->registered && (spare.empty() || c->name != spare)) registered.push_back(c.get());
   }
   for (Connection* c : registered) {
     Log("telling %s that the store is down (%d)", c->name.c_str(), status);

@@ -82,8 +82,9 @@ class Server {
   // Closes every connection and the listener and removes the socket file.
   void Stop();
 
-  // Tells every registered client that the store is gone (negative acknowledgement).
-  void BroadcastStoreDown(int32_t status);
+  // Tells every registered client that the store is gone (negative acknowledgement), but
+  // the one named `spare`, if any.
+  void BroadcastStoreDown(int32_t status, const std::string& spare = std::string());
 
   // Called by the housekeeping tick; also exposed so the daemon can run its own checks.
   using TickHook = void (*)(Server& server);

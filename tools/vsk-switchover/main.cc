@@ -13,7 +13,7 @@
 int main(int argc, char** argv) {
   CLI::App app{"vsk-switchover: make the standby engine master"};
   std::string from, to;
-  int timeout_s = 20;
+  int timeout_s = 40;
   app.add_option("--from", from, "root of the current master")->required();
   app.add_option("--to", to, "root of the standby that takes over")->required();
   app.add_option("--timeout", timeout_s, "seconds allowed for each step")->check(CLI::PositiveNumber);

@@ -33,6 +33,6 @@ struct SwitchoverResult {
 };
 
 SwitchoverResult Switchover(const std::string& old_master_root, const std::string& new_master_root,
-                            std::chrono::milliseconds step_timeout = std::chrono::seconds(20));
+                            std::chrono::milliseconds step_timeout = std::chrono::seconds(40));
 
 }  // namespace vsk::repl
