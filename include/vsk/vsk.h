@@ -19,6 +19,8 @@
 #include "vsk/attr.h"
 #include "vsk/tables.h"
 #include "vsk/snapshot.h"
+#include "vsk/provdb.h"
+#include "vsk/pfltd.h"
 #include "vsk/ack.h"
 
 #endif /* VSK_VSK_H */

@@ -80,13 +80,14 @@ int vsk_db_close(void) {
   }
 
   // The side stores close in the order they opened, before the environment. Each decides
-  // for itself what a panic leaves it to do.
+  // for itself what a panic leaves it to do; in panic nothing is closed, so no close is
+  // reported as done.
   for (auto i = static_cast<size_t>(kFirstSideStore); i < kJoinSlots; ++i) {
     const StoreJoin* join = JoinAt(static_cast<JoinSlot>(i));
     if (join == nullptr || join->close == nullptr) continue;
     const int ret = join->close();
     if (ret == 0) {
-      if (join->closed != nullptr) VSK_TRACE("%s", join->closed);
+      if (join->closed != nullptr && !vsk_in_panic) VSK_TRACE("%s", join->closed);
     } else {
       if (join->close_failed != nullptr) VSK_TRACE(join->close_failed, db_strerror(ret));
       failed = true;
