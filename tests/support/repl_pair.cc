@@ -243,6 +243,22 @@ ChildResult ReplPairTest::AsClientOf(const Engine& e, const std::function<int()>
   }, wait + std::chrono::seconds(30));
 }
 
+bool ReplPairTest::AllOn(const Engine& e, uint64_t first, uint64_t count) {
+  ChildResult r = AsClientOf(e, [=] {
+    int found = CountSessions(Ids(first, count));
+    if (found == static_cast<int>(count)) return 0;
+    std::fprintf(stderr, "found %d of %d sessions\n", found, static_cast<int>(count));
+    return 1;
+  });
+  return r.Ok();
+}
+
+std::vector<uint64_t> Ids(uint64_t first, uint64_t count) {
+  std::vector<uint64_t> ids(count);
+  for (uint64_t i = 0; i < count; ++i) ids[i] = first + i;
+  return ids;
+}
+
 int PutSessions(uint64_t first, uint64_t count, const std::string& tag) {
   for (uint64_t id = first; id < first + count; ++id) {
     std::string user = tag + std::to_string(id);

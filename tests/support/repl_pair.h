@@ -99,6 +99,9 @@ class ReplPairTest : public VskTest {
   ChildResult AsClientOf(const Engine& e, const std::function<int()>& fn,
                          std::chrono::milliseconds wait = std::chrono::seconds(30));
 
+  // Whether a client of `e` finds all of client sessions first..first+count-1.
+  bool AllOn(const Engine& e, uint64_t first, uint64_t count);
+
   Engine& a() { return *a_; }
   Engine& b() { return *b_; }
 
@@ -112,6 +115,8 @@ class ReplPairTest : public VskTest {
 // Writes client sessions first..first+count-1 (one transaction each, retrying -4/-11).
 // 0, or the first failure.
 int PutSessions(uint64_t first, uint64_t count, const std::string& tag = "s");
+// first, first+1, ..., first+count-1.
+std::vector<uint64_t> Ids(uint64_t first, uint64_t count);
 // How many of the ids have a client session whose user name is "<tag><id>".
 int CountSessions(const std::vector<uint64_t>& ids, const std::string& tag = "s");
 

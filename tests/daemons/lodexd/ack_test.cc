@@ -23,14 +23,6 @@ struct Answer {
 std::vector<Answer> g_answers;
 void OnAnswer(uint32_t c1, uint32_t, int status) { g_answers.push_back({c1, status}); }
 
-#define CHILD_CHECK(cond)                                                    \
-  do {                                                                       \
-    if (!(cond)) {                                                           \
-      std::fprintf(stderr, "%s:%d: %s failed\n", __FILE__, __LINE__, #cond); \
-      return __LINE__;                                                       \
-    }                                                                        \
-  } while (0)
-
 // Runs the loop until `done` or `limit`; whether `done` held.
 template <typename Pred>
 bool SpinUntil(evContext ev, Pred done, std::chrono::milliseconds limit) {

@@ -14,25 +14,7 @@
 namespace vsk::test {
 namespace {
 
-std::vector<uint64_t> Ids(uint64_t first, uint64_t count) {
-  std::vector<uint64_t> ids(count);
-  std::iota(ids.begin(), ids.end(), first);
-  return ids;
-}
-
-class SwitchoverTest : public ReplPairTest {
- protected:
-  // Whether a client of `e` finds all of sessions first..first+count-1.
-  bool AllOn(const Engine& e, uint64_t first, uint64_t count) {
-    ChildResult r = AsClientOf(e, [=] {
-      int found = CountSessions(Ids(first, count));
-      if (found == static_cast<int>(count)) return 0;
-      std::fprintf(stderr, "found %d of %d sessions\n", found, static_cast<int>(count));
-      return 1;
-    });
-    return r.Ok();
-  }
-};
+class SwitchoverTest : public ReplPairTest {};
 
 TEST_F(SwitchoverTest, RehearsalWithARunningLoadLosesNothingAndWritesGoOnOnTheNewMaster) {
   StartPair();

@@ -32,14 +32,6 @@ struct Answer {
 std::vector<Answer> g_answers;
 void OnAnswer(uint32_t c1, uint32_t c2, int status) { g_answers.push_back({c1, c2, status}); }
 
-#define CHILD_CHECK(cond)                                               \
-  do {                                                                  \
-    if (!(cond)) {                                                      \
-      std::fprintf(stderr, "%s:%d: %s failed\n", __FILE__, __LINE__, #cond); \
-      return __LINE__;                                                  \
-    }                                                                   \
-  } while (0)
-
 // lodexd's end of the socket, served from the channel's own loop between dispatches.
 class ScriptedService {
  public:
