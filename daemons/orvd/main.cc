@@ -18,7 +18,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "libvsk/store/context.h"
+#include "libvsk/store/view.h"
 #include "platform/paths.h"
 #include "reopen.h"
 #include "server.h"
@@ -51,8 +51,7 @@ bool ReopenInProgress();
 // Ready for clients: on the master the tables are open and the shared state rebuilt; on
 // the standby orvd stops once replication runs.
 StoreHealth Health() {
-  const vsk::store::StoreContext* ctx = vsk::store::Context();
-  int32_t state = ctx != nullptr ? ctx->state : VSK_ENV_INIT;
+  const int32_t state = vsk::store::View().state();
   if (ReopenInProgress()) return {false, VSK_ERR_NOT_STARTED};
   if (vsk_in_panic || state == VSK_ENV_PANIC) return {false, VSK_ERR_RECOVERING};
   if (state == VSK_ENV_NEEDS_RECOVERY) return {false, VSK_ERR_SECONDARY_RECOVERY};
