@@ -22,5 +22,6 @@
 #include "vsk/libstats.h"
 #include "vsk/provdb.h"
 #include "vsk/pfltd.h"
+#include "vsk/ack.h"
 
 #endif /* VSK_VSK_H */
