@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "libvsk/base/byte_reader.h"
 #include "platform/evlib.h"
 #include "platform/wtimer.h"
 
@@ -81,12 +82,18 @@ class Server {
   // Closes every connection and the listener and removes the socket file.
   void Stop();
 
-  // Tells every registered client that the store is gone (negative acknowledgement).
-  void BroadcastStoreDown(int32_t status);
+  // Tells every registered client that the store is gone (negative acknowledgement), but
+  // the one named `spare`, if any.
+  void BroadcastStoreDown(int32_t status, const std::string& spare = std::string());
 
   // Called by the housekeeping tick; also exposed so the daemon can run its own checks.
   using TickHook = void (*)(Server& server);
   void SetTickHook(TickHook hook) { tick_hook_ = hook; }
+
+  // Open client connections, registered or not.
+  size_t ConnectionCount() const { return conns_.size(); }
+  // Registered clients whose connection ended without their leaving message (they died).
+  uint64_t LostWhileRegistered() const { return lost_registered_; }
 
  private:
   static void OnAccept(evContext ctx, void* uap, int fd, int mask);
@@ -98,8 +105,9 @@ class Server {
   // Handles every whole message at the front of conn->input. False when the connection
   // was dropped.
   bool Dispatch(Connection* conn);
-  void HandleRegister(Connection* conn, const uint8_t* msg);
-  void HandleIssuState(Connection* conn, const uint8_t* msg);
+  // Each takes exactly one whole message of its type.
+  void HandleRegister(Connection* conn, vsk::base::ByteReader msg);
+  void HandleIssuState(Connection* conn, vsk::base::ByteReader msg);
   bool SendAck(Connection* conn, bool accepted, int32_t error, uint32_t daemon_issu);
   void Drop(Connection* conn, const char* why);
   void Housekeeping();
@@ -116,6 +124,7 @@ class Server {
   std::vector<std::unique_ptr<Connection>> conns_;
   std::map<std::string, DaemonEntry> table_;
   uint32_t platd_issu_state_ = 0;
+  uint64_t lost_registered_ = 0;
 };
 
 // orvd's log: the trace callback of the link and the server's own messages.

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "libvsk/base/fault.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "platform/paths.h"
 #include "vsk/store.h"
 
