@@ -332,58 +332,6 @@ TEST_F(DynDbTest, ApplicationTablesAreDefinedOnceAndComeBackAfterAReopen) {
   }
 }
 
-// The standby only reads, and only what replication has brought.
-TEST_F(VskTest, StandbyOpensNoMissingTableAndRefusesWrites) {
-  Child creator;
-  creator.Start([](Child::Channel& ch) {
-    orvd_ctx link{};
-    if (InitAs(&link, true, true) != VSK_OK) return 1;
-    DB_ENV* env = nullptr;
-    vsk_db_get_dbenv(&env);
-    DB* db = nullptr;
-    if (dyn_db_open(&db, env, "present-table", 0, true) != 0) return 2;
-    Bytes key = IdKey(1);
-    if (dyn_db_put(db, nullptr, &key, Bytes::Encode, &key, Bytes::Encode, 0) != VSK_OK) return 3;
-    dyn_db_close(db);
-    if (vsk_db_close() != 0) return 4;
-    ch.Ready();
-    ch.WaitGo();
-    return 0;
-  });
-  ASSERT_TRUE(creator.WaitReady());
-  creator.Go();
-  ASSERT_TRUE(creator.Wait().Ok());
-
-  // The same files, now seen by the creator of a standby, which stops after replication
-  // and opens no table of its own: the existing table opens read-only.
-  auto standby = RunInChild([] {
-    orvd_ctx link{};
-    if (InitAs(&link, true, false) != VSK_OK) return 1;
-    if (StoreState() != VSK_ENV_REPLICATING) return 12;
-    DB_ENV* env = nullptr;
-    vsk_db_get_dbenv(&env);
-    DB* db = reinterpret_cast<DB*>(1);
-    if (dyn_db_open(&db, env, "never-replicated", 0, false) != ENOENT) return 2;
-    if (db != nullptr) return 3;
-    if (dyn_db_open(&db, env, "present-table", 0, false) != 0) return 4;
-    Bytes key = IdKey(1);
-    if (dyn_db_exists(db, nullptr, &key, Bytes::Encode, 0) != VSK_OK) return 5;
-    Bytes other = IdKey(2);
-    if (dyn_db_put(db, nullptr, &other, Bytes::Encode, &other, Bytes::Encode, 0) !=
-        VSK_ERR_READ_ONLY)
-      return 6;
-    dyn_db_close(db);
-    GlobalTraces().Clear();
-    if (vsk_db_app_define(4, "never-replicated") != VSK_ERR_REP_NOT_STARTED) return 7;
-    if (StoreState() != VSK_ENV_NOT_REPLICATED) return 8;
-    std::string want = std::string("Application private database for table id 4 is not available ") +
-                       db_strerror(ENOENT);
-    if (!GlobalTraces().Contains(want)) return 9;
-    if (store::View().app_defined_db(4) != nullptr) return 10;
-    return vsk_db_close() == 0 ? 0 : 11;
-  });
-  EXPECT_TRUE(standby.Ok()) << standby;
-}
 
 // A table defined before a close that the standby does not have makes the re-open fail as
 // a whole, unlike a missing fixed table, which keeps its own status.
