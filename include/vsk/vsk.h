@@ -19,5 +19,6 @@
 #include "vsk/attr.h"
 #include "vsk/tables.h"
 #include "vsk/snapshot.h"
+#include "vsk/session_cache.h"
 
 #endif /* VSK_VSK_H */
