@@ -6,7 +6,7 @@
 // tree must be released before the list.
 #include <cstring>
 
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "vsk/attr.h"
 
 extern "C" {

@@ -17,6 +17,7 @@
 
 #include "libvsk/orvd_client/link.h"
 #include "libvsk/orvd_client/wire.h"
+#include "libvsk/store/joins.h"
 #include "platform/hwframe.h"
 #include "platform/logging.h"
 #include "platform/progname.h"
@@ -34,7 +35,7 @@ bool SharedStateReady() {
 }
 
 void TellEnvironment(orvd_ctx* ctx) {
-  if (ctx->db_env_change_cbk == nullptr) return;
+  if (ctx == nullptr || ctx->db_env_change_cbk == nullptr) return;
   DB_ENV* env = nullptr;
   vsk_db_get_dbenv(&env);
   ctx->db_env_change_cbk(env);
@@ -46,6 +47,29 @@ vsk_status_t OpenStore(orvd_ctx* ctx, bool is_orvd) {
   if (rc == VSK_OK) rc = vsk_db_secondary_init(is_orvd);
   return rc;
 }
+
+// What the store's gate and its forced take-down borrow from the link.
+constexpr uint32_t kPlatdSwitchover = 6;
+
+[[maybe_unused]] const bool kLinkHooksInstalled = [] {
+  store::InstallLinkHooks({
+      .operations_stopped =
+          [](orvd_ctx* link) { return orvd_get_platd_issu_state(link) == kPlatdSwitchover; },
+      .poll = [](orvd_ctx* link) { orvd_poll_check(link); },
+      .repair = [](orvd_ctx* link) -> vsk_status_t {
+        orvd_reg_cleanup(link, true, false);
+        return orvd_reregister(link);
+      },
+      // The store, then every pointer into shared memory; the environment handle the
+      // daemon is given is null by now, which tells it to drop any cached one.
+      .went_down =
+          [](orvd_ctx* link) {
+            vsk_close_internal();
+            TellEnvironment(link);
+          },
+  });
+  return true;
+}();
 
 }  // namespace
 }  // namespace vsk::orvd
@@ -71,8 +95,7 @@ vsk_status_t orvd_register(orvd_ctx_t* ctx) {
 
   if (ctx->reg_type_event && ctx->timer_root == nullptr) {
     ctx->timer_root = wtimer_init(ctx->event_ctx, 0);
-    ctx->timer_leaf =
-        wtimer_create_leaf(ctx->timer_root, 0, vsk::orvd::OnReregisterTimer, ctx);
+    ctx->timer_leaf = wtimer_create_leaf(ctx->timer_root, 0, vsk::orvd::OnReregisterTimer, ctx);
     ctx->timer_interval = {5, 0};
   }
 

@@ -14,7 +14,7 @@
 #include <cstdint>
 
 #include "libvsk/shared/layout.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "vsk/shared.h"
 
 namespace vsk::shared {

@@ -10,7 +10,7 @@
 
 #include <cstring>
 
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "platform/paths.h"
 #include "vsk/shared.h"
 #include "vsk/store.h"

@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "libvsk/shared/intf_file.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "vsk/intf.h"
 #include "vsk/shared.h"
 

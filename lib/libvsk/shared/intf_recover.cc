@@ -17,7 +17,7 @@
 #include <cstring>
 
 #include "libvsk/shared/intf_file.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "platform/paths.h"
 #include "vsk/intf.h"
 #include "vsk/shared.h"

@@ -17,7 +17,7 @@
 #include <string>
 
 #include "libvsk/shared/layout.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "platform/paths.h"
 #include "vsk/shared.h"
 #include "vsk/store.h"

@@ -19,7 +19,7 @@
 #include <cstring>
 
 #include "libvsk/shared/layout.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "platform/bitmap.h"
 #include "vsk/shared.h"
 #include "vsk/status.h"

@@ -23,8 +23,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "libvsk/base/trace.h"
 #include "libvsk/shared/layout.h"
-#include "libvsk/trace.h"
+#include "libvsk/store/joins.h"
 #include "vsk/shared.h"
 #include "vsk/store.h"
 
@@ -73,6 +74,23 @@ PoolView* CheckedPool(const char* fn, uint32_t type) {
 
 // Result of an operation whose list work is done: gives semaphore 1 back.
 int Unlock(int result) { return vsk_release_lock(VSK_LOCK_UNIT) == 0 ? result : VSK_UNIT_ERR_LOCK; }
+
+// The store opens both pools right after replication: the creator formats them at every
+// open (the master's rebuild lists them); every other process attaches. Failures are
+// traced by vsk_unit_init and do not stop the store.
+[[maybe_unused]] const store::StoreJoinRegistrar kUnitPoolsJoin{
+    store::JoinSlot::kUnitPools,
+    {.name = "unit pools",
+     .open = [](bool creator) -> vsk_status_t {
+       vsk_unit_init(VSK_UNIT_POOL_IFL_MAX, creator, VSK_UNIT_POOL_IFL);
+       vsk_unit_init(VSK_UNIT_POOL_UID_MAX, creator, VSK_UNIT_POOL_UID);
+       return VSK_OK;
+     },
+     .close = nullptr,
+     .not_available = nullptr,
+     .open_failed = nullptr,
+     .closed = nullptr,
+     .close_failed = nullptr}};
 
 }  // namespace
 }  // namespace vsk::shared

@@ -11,7 +11,7 @@
 #include <cstring>
 
 #include "libvsk/store/context.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "vsk/dyn_db.h"
 
 extern "C" {

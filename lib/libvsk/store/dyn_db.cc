@@ -12,7 +12,7 @@
 #include <cstring>
 
 #include "libvsk/store/dyn_db_internal.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "vsk/dyn_db.h"
 
 namespace vsk::store {

@@ -10,12 +10,11 @@
 //   7 READY --event_recover--> 10 NEEDS_RECOVERY;  any --event_down--> 9 DOWN --> closed
 #include <db.h>
 
-#include "libvsk/orvd_ctx.h"
+#include "libvsk/base/trace.h"
 #include "libvsk/store/env_internal.h"
-#include "libvsk/trace.h"
+#include "libvsk/store/joins.h"
 #include "platform/lodex.h"
 #include "vsk/dyn_db.h"
-#include "vsk/shared.h"
 #include "vsk/store.h"
 
 namespace vsk::store {
@@ -80,7 +79,19 @@ int vsk_db_close(void) {
     slot = nullptr;
   }
 
-  // The statistics and provisioning tables close here, before the environment.
+  // The side stores close in the order they opened, before the environment. Each decides
+  // for itself what a panic leaves it to do.
+  for (auto i = static_cast<size_t>(kFirstSideStore); i < kJoinSlots; ++i) {
+    const StoreJoin* join = JoinAt(static_cast<JoinSlot>(i));
+    if (join == nullptr || join->close == nullptr) continue;
+    const int ret = join->close();
+    if (ret == 0) {
+      if (join->closed != nullptr) VSK_TRACE("%s", join->closed);
+    } else {
+      if (join->close_failed != nullptr) VSK_TRACE(join->close_failed, db_strerror(ret));
+      failed = true;
+    }
+  }
 
   if (!vsk_in_panic) {
     int ret = ctx->dbenv->close(ctx->dbenv, 0);
@@ -110,14 +121,13 @@ void vsk_db_event_down(orvd_ctx* handle) {
   if (ctx == nullptr) return;
   ctx->state = VSK_ENV_DOWN;
   VSK_TRACE("VSK STATE DOWN");
-  // Everything of the library goes down in this process: the store, then every pointer
-  // into shared memory.
-  vsk_close_internal();
+  // Everything of the library goes down in this process and the daemon is told; the
+  // daemon link knows how. Without it only the store closes.
   orvd_ctx* link = handle != nullptr ? handle : ctx->orvd_handle;
-  if (link != nullptr && link->db_env_change_cbk != nullptr) {
-    DB_ENV* env = nullptr;  // null by now: tells the daemon to drop any cached handle
-    vsk_db_get_dbenv(&env);
-    link->db_env_change_cbk(env);
+  if (InstalledLinkHooks().went_down != nullptr) {
+    InstalledLinkHooks().went_down(link);
+  } else {
+    vsk_db_close();
   }
 }
 

@@ -17,13 +17,13 @@
 #include <cstring>
 #include <string>
 
+#include "libvsk/base/trace.h"
 #include "libvsk/store/env_internal.h"
-#include "libvsk/trace.h"
+#include "libvsk/store/joins.h"
 #include "platform/lodex.h"
 #include "platform/paths.h"
 #include "platform/progname.h"
 #include "vsk/dyn_db.h"
-#include "vsk/shared.h"
 #include "vsk/store.h"
 
 namespace vsk::store {
@@ -86,15 +86,16 @@ bool SetParameters(StoreContext* ctx, bool is_orvd, EnvSetup& setup) {
          setup.Step(env->set_lk_detect(env, DB_LOCK_DEFAULT),
                     "Failed to enable dead lock detection: %s") &&
          (env->set_msgcall(env, MessageCallback), true) &&
-         (!is_orvd || setup.Step(env->set_thread_count(env, kThreadCount),
-                                 "Failed to set thread count: %s")) &&
+         (!is_orvd ||
+          setup.Step(env->set_thread_count(env, kThreadCount), "Failed to set thread count: %s")) &&
          setup.Step(env->set_thread_id(env, ThreadIdCallback), "Failed to set thread id: %s") &&
          setup.Step(env->set_lg_bsize(env, kLogBufferBytes), "Failed to set log buffer: %s") &&
          setup.Step(env->set_lg_regionmax(env, kLogRegionBytes), "Failed to set log region: %s") &&
          setup.Step(env->set_cachesize(env, 0, kCacheBytes, 0), "Failed to set cache size : %s") &&
          setup.Step(env->mutex_set_max(env, kMaxMutexes), "Failed to set mutex count : %s") &&
          setup.Step(env->set_lk_max_locks(env, kMaxLocks), "Failed to set lock count : %s") &&
-         setup.Step(env->set_lk_max_lockers(env, kMaxLockers), "Failed to set lockers count : %s") &&
+         setup.Step(env->set_lk_max_lockers(env, kMaxLockers),
+                    "Failed to set lockers count : %s") &&
          // Per handle: each process of the master sets its own, or its commits sync.
          setup.Step(env->set_flags(env, DB_TXN_NOSYNC, master ? 1 : 0),
                     "Error setting DB environment flags: %s");
@@ -152,6 +153,21 @@ vsk_status_t TableOpenFailure(StoreContext* ctx, int ret, const char* not_availa
   }
   VSK_TRACE(failed, db_strerror(ret));
   return VSK_ERR_FATAL;
+}
+
+// Opens the joins of the slots [first, last) in order. A join without failure texts has
+// its result ignored; otherwise the first failure ends the open under the table rule.
+vsk_status_t OpenJoins(StoreContext* ctx, bool creator, JoinSlot first, JoinSlot last) {
+  for (auto i = static_cast<size_t>(first); i < static_cast<size_t>(last); ++i) {
+    const StoreJoin* join = JoinAt(static_cast<JoinSlot>(i));
+    if (join == nullptr || join->open == nullptr) continue;
+    const int ret = join->open(creator);
+    if (ret == 0 || join->open_failed == nullptr) continue;
+    const char* not_available =
+        join->not_available != nullptr ? join->not_available : join->open_failed;
+    return TableOpenFailure(ctx, ret, not_available, join->open_failed);
+  }
+  return VSK_OK;
 }
 
 vsk_status_t OpenTables(StoreContext* ctx) {
@@ -226,18 +242,19 @@ vsk_status_t vsk_db_init(orvd_ctx* orvd_handle, bool is_orvd) {
     ctx->state = VSK_ENV_REPLICATING;
   }
 
-  // The unit pools: the creator formats both at every open; the master's rebuild lists them.
-  vsk_unit_init(VSK_UNIT_POOL_IFL_MAX, is_orvd, VSK_UNIT_POOL_IFL);
-  vsk_unit_init(VSK_UNIT_POOL_UID_MAX, is_orvd, VSK_UNIT_POOL_UID);
+  // The joins that need the environment but no table (the unit pools).
+  vsk_status_t st = OpenJoins(ctx, is_orvd, JoinSlot::kUnitPools, kFirstSideStore);
+  if (st != VSK_OK) return st;
 
   // On the standby the creator and the replication daemon open no tables.
   if (!master && (is_orvd || std::strcmp(vsk::platform::ProgramName(), "lodexd") == 0)) {
     return VSK_OK;
   }
-  vsk_status_t st = OpenTables(ctx);
+  st = OpenTables(ctx);
   if (st != VSK_OK) return st;
-
-  // The statistics and provisioning tables open here, after the session tables.
+  // The side stores (statistics, then provisioning) open behind the session tables.
+  st = OpenJoins(ctx, is_orvd, kFirstSideStore, static_cast<JoinSlot>(kJoinSlots));
+  if (st != VSK_OK) return st;
 
   ctx->state = VSK_ENV_READY;
   return VSK_OK;

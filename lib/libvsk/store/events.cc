@@ -6,7 +6,7 @@
 #include <db.h>
 
 #include "libvsk/store/env_internal.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 
 namespace vsk::store {
 

@@ -5,7 +5,7 @@
 
 #include "libvsk/store/context.h"
 #include "libvsk/store/records.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "vsk/dyn_db.h"
 #include "vsk/tables.h"
 

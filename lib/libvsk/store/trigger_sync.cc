@@ -1,7 +1,7 @@
 // vsk_trigger_sync: forces log traffic through replication so that a standby catches up,
 // by writing and deleting a throw-away client record under session id 0 (never a real
 // session) in one transaction. Only the log records remain.
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "vsk/attr.h"
 #include "vsk/store.h"
 #include "vsk/tables.h"

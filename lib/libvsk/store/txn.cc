@@ -6,9 +6,9 @@
 // used.
 #include <db.h>
 
+#include "libvsk/base/trace.h"
 #include "libvsk/store/context.h"
-#include "libvsk/trace.h"
-#include "vsk/orvd.h"
+#include "libvsk/store/joins.h"
 #include "vsk/store.h"
 
 extern "C" {
@@ -23,16 +23,18 @@ vsk_status_t vsk_db_check(void) {
     return VSK_ERR_FATAL;
   }
   orvd_ctx* handle = ctx->orvd_handle;
+  const LinkHooks& link = InstalledLinkHooks();
   // Session operations stop while the chassis finishes an upgrade's switchover; the
   // link is not read then.
-  if (orvd_get_platd_issu_state(handle) == 6) return VSK_ERR_ISSU;
+  if (link.operations_stopped != nullptr && link.operations_stopped(handle)) {
+    return VSK_ERR_ISSU;
+  }
   // A poll-mode daemon has its link serviced here; a message may change the state.
-  orvd_poll_check(handle);
+  if (link.poll != nullptr) link.poll(handle);
   if (ctx->state == VSK_ENV_READY) return VSK_OK;
   VSK_TRACE("db env state is invalid %d, re-init", ctx->state);
   // Repair in passing: close the link and the store (no timer), then join again.
-  orvd_reg_cleanup(handle, true, false);
-  return orvd_reregister(handle);
+  return link.repair != nullptr ? link.repair(handle) : VSK_ERR_FATAL;
 }
 
 // REQUIRES: `ctx` cleared by the caller or holding a finished transaction.

@@ -1,12 +1,13 @@
 // Status codes: the message table, the translation of raw values, and the trace hook
-// with the two process-wide switches.
+// with the two process-wide switches. Part of the base module: every layer uses these.
+#include "vsk/status.h"
+
 #include <db.h>
 
 #include <iterator>
 
-#include "libvsk/trace.h"
-#include "vsk/status.h"
-#include "vsk/store.h"
+#include "libvsk/base/role.h"
+#include "libvsk/base/trace.h"
 
 namespace {
 
@@ -90,7 +91,7 @@ vsk_status_t get_vsk_err(int value) {
       break;
   }
   if (value < 1) return value;
-  if (value == EACCES && !vsk_db_rep_is_master()) return VSK_ERR_READ_ONLY;
+  if (value == EACCES && !vsk::base::IsMaster()) return VSK_ERR_READ_ONLY;
   VSK_TRACE("VSK unknown error %d", value);
   return VSK_ERR_FATAL;
 }
