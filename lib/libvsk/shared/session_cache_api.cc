@@ -1,7 +1,7 @@
 // The exported operations of the session cache: argument checks over vsk::cache.
 #include "libvsk/shared/session_cache.h"
 
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "vsk/session_cache.h"
 
 namespace {

@@ -7,7 +7,7 @@
 
 #include "libvsk/shared/session_cache.h"
 #include "libvsk/shared/session_cache_layout.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 
 namespace vsk::cache::detail {
 

@@ -12,7 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "libvsk/vsk/create_internal.h"
 #include "vsk/attr.h"
 

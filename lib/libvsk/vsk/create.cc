@@ -19,7 +19,7 @@
 #include <cstring>
 
 #include "libvsk/shared/session_cache.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "libvsk/vsk/create_internal.h"
 #include "vsk/intf.h"
 #include "vsk/shared.h"

@@ -2,7 +2,7 @@
 //
 // A node with a length but no value would be read through a null pointer by the record
 // encoder and the cache: such a list is refused with -6 before anything is touched.
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "libvsk/vsk/create_internal.h"
 #include "vsk/session.h"
 
