@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "libvsk/base/byte_reader.h"
 #include "libvsk/shared/session_cache_internal.h"
 #include "vsk/tables.h"
 
@@ -170,7 +171,6 @@ vsk_status_t ToDynamicRecord(vsk_snapshot_handle* handle, void* shm, uint64_t id
   if (record == nullptr) return VSK_ERR_INVALID_PARAM;
   if (!IsCached(shm, id)) return VSK_ERR_NOT_FOUND;
   DynamicBlock* block = &SlotOf(shm, id)->dynamic;
-  const uint8_t* base = reinterpret_cast<uint8_t*>(block);
   record->attrs = NewList<vsk_dyn_attr_list_t>();
   if (record->attrs == nullptr) return VSK_ERR_NOMEM;
   record->free_attr_values = 1;
@@ -193,21 +193,19 @@ vsk_status_t ToDynamicRecord(vsk_snapshot_handle* handle, void* shm, uint64_t id
   flags.Set(kBlockReaderBits);
   // Entries run from `start` until a name's first byte is 0; the walk also stops at `end`,
   // so the stale tail of an earlier, longer list is never read.
-  const size_t limit = end < sizeof(DynamicBlock) ? end : sizeof(DynamicBlock);
-  size_t at = Load(block->start);
-  while (at >= kDynamicFirstEntry && at + 1 < limit && base[at + 1] != 0) {
-    const uint8_t tag = base[at];
-    const char* name = reinterpret_cast<const char*>(base + at + 1);
-    const void* nul = std::memchr(name, 0, sizeof(DynamicBlock) - (at + 1));
-    if (nul == nullptr) break;
-    const size_t name_length = static_cast<const char*>(nul) - name;
-    const size_t length_at = at + 2 + name_length;
-    if (length_at >= sizeof(DynamicBlock)) break;
-    const uint8_t length = base[length_at];
-    if (length_at + 1 + length > sizeof(DynamicBlock)) break;
+  base::ByteReader walk(block, end < sizeof(DynamicBlock) ? end : sizeof(DynamicBlock));
+  const size_t start = Load(block->start);
+  if (start < kDynamicFirstEntry || !walk.Skip(start)) walk = base::ByteReader();
+  uint8_t tag = 0;
+  const char* name = nullptr;
+  size_t name_length = 0;
+  uint8_t length = 0;
+  const uint8_t* value = nullptr;
+  while (walk.Get(&tag) && walk.CString(&name, &name_length) && name_length != 0 &&
+         walk.Get(&length) && walk.Take(length, &value) && walk.Skip(2)) {
     auto* node = static_cast<vsk_dyn_attr_t*>(std::calloc(1, sizeof(vsk_dyn_attr_t)));
     char* name_copy = static_cast<char*>(CopyWithNul(name, name_length));
-    void* value_copy = CopyWithNul(base + length_at + 1, length);
+    void* value_copy = CopyWithNul(value, length);
     if (node == nullptr || name_copy == nullptr || value_copy == nullptr) {
       std::free(node);
       std::free(name_copy);
@@ -220,7 +218,6 @@ vsk_status_t ToDynamicRecord(vsk_snapshot_handle* handle, void* shm, uint64_t id
     node->array_tag = tag;
     *record->attrs->last = node;
     record->attrs->last = &node->next;
-    at = length_at + 1 + length + 2;
   }
   flags.Clear(kBlockReaderBits);
   return VSK_OK;
@@ -229,19 +226,19 @@ vsk_status_t ToDynamicRecord(vsk_snapshot_handle* handle, void* shm, uint64_t id
 vsk_status_t ToAuthRecord(void* shm, uint64_t id, bool is_request, vsk_auth_info_t* record) {
   if (record == nullptr) return VSK_ERR_INVALID_PARAM;
   if (!IsCached(shm, id)) return VSK_ERR_NOT_FOUND;
-  const uint8_t* base = reinterpret_cast<uint8_t*>(AuthBlockOf(shm, id, is_request));
   record->attrs = NewList<vsk_attr_list_t>();
   if (record->attrs == nullptr) return VSK_ERR_NOMEM;
   record->free_attr_values = 1;
   // No flag is looked at: the entries end at a type whose low byte is 0.
-  size_t at = kAuthFirstEntry;
-  while (at + 3 <= kAuthBlockSize && base[at] != 0) {
-    uint16_t type = 0;
-    std::memcpy(&type, base + at, sizeof type);
-    const uint8_t length = base[at + 2];
-    if (at + 3 + length > kAuthBlockSize) break;
-    if (!AppendAttr(record->attrs, type, base + at + 3, length)) return VSK_ERR_NOMEM;
-    at += 3u + length + 2u;
+  base::ByteReader walk(AuthBlockOf(shm, id, is_request), kAuthBlockSize);
+  walk.Skip(kAuthFirstEntry);
+  uint16_t type = 0;
+  uint8_t length = 0;
+  const uint8_t* value = nullptr;
+  while (!walk.empty() && *walk.here() != 0 && walk.Get(&type) && walk.Get(&length) &&
+         walk.Take(length, &value)) {
+    if (!AppendAttr(record->attrs, type, value, length)) return VSK_ERR_NOMEM;
+    if (!walk.Skip(2)) break;
   }
   return VSK_OK;
 }

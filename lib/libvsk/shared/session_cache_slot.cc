@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "libvsk/base/byte_reader.h"
 #include "libvsk/shared/session_cache_internal.h"
 #include "vsk/shared.h"
 
@@ -334,14 +335,16 @@ vsk_status_t ReadAttr(vsk_snapshot_handle* handle, void* shm, uint64_t id, uint1
     flags.Clear(kSlotReaderBits);
     return VSK_ERR_NOT_FOUND;
   }
+  base::ByteReader block(source, kSlotSize);
   uint16_t stored = 0;
-  if (at < kValueAreaEndWord) std::memcpy(&stored, source + 2 * at, sizeof stored);
-  if (!BlockInArea(at, stored)) {
+  const uint8_t* bytes = nullptr;
+  if (!block.Skip(2u * at) || !block.Get(&stored) || !block.Take(stored, &bytes) ||
+      !BlockInArea(at, stored)) {
     flags.Clear(kSlotReaderBits);
     return VSK_ERR_CORRUPT;
   }
   *length = stored;
-  if (value != nullptr) *value = source + 2 * (at + 1);
+  if (value != nullptr) *value = const_cast<uint8_t*>(bytes);
   flags.Clear(kSlotReaderBits);
   return VSK_OK;
 }
