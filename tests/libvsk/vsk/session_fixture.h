@@ -12,8 +12,9 @@
 #include <memory>
 #include <string>
 
+#include "../shared/shared_fixture.h"
 #include "libvsk/orvd_ctx.h"
-#include "support/harness.h"
+#include "libvsk/shared/intf_file.h"
 #include "vsk/vsk.h"
 
 namespace vsk::test {
@@ -43,12 +44,12 @@ inline vsk_status_t UpAsClient(orvd_ctx* link, const char* name = "vsk-client") 
   return st;
 }
 
-class SessionSystemTest : public VskTest {
+class SessionSystemTest : public SharedTest {
  protected:
   void TearDown() override {
     StopOrvd();
     vsk_close_internal();
-    VskTest::TearDown();
+    SharedTest::TearDown();
   }
 
   // Starts orvd in a child and waits until everything is up.
@@ -75,6 +76,7 @@ class SessionSystemTest : public VskTest {
   // Attaches this process to the segments and the interface table, read-mostly.
   bool Observe() {
     AsClient();
+    vsk::shared::intf::TestSeam::Forget();  // a mapping of an earlier test's root
     return vsk_open_internal(false) == 0 && vsk_db_secondary_init(false) == VSK_OK;
   }
 
