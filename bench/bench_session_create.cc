@@ -12,24 +12,20 @@
 //
 // Noise: each round times one pass of each side; the order alternates from round to round
 // and the figures are medians over the rounds (the ratio is the median of the per-round
-// ratios). Runs as the creating daemon on its own throwaway VSK_ROOT and removes the System
-// V objects and the root at the end, also after SIGINT or SIGTERM.
+// ratios). Runs as the creating daemon on a throwaway root (support/bench_root.h).
 #include <db.h>
-#include <signal.h>
-#include <stdlib.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "libvsk/orvd_ctx.h"
-#include "libvsk/shared/root_objects.h"
 #include "libvsk/store/context.h"
 #include "libvsk/store/records.h"
 #include "platform/paths.h"
+#include "support/bench_root.h"
 #include "support/bench_stats.h"
 #include "vsk/vsk.h"
 
@@ -47,8 +43,6 @@ constexpr int kUpdatesPerRound = 2000000;
 constexpr double kTargetRatio = 1.30;
 constexpr double kTargetUpdates = 5e6;
 
-volatile sig_atomic_t g_stop = 0;
-void OnSignal(int) { g_stop = 1; }
 char g_creator_name[] = "orvd";
 orvd_ctx g_link{};
 
@@ -66,7 +60,8 @@ struct Client {
     values.reserve(64);
     auto add = [&](std::vector<vsk_attr_t>& to, uint16_t type, std::string v) {
       values.push_back(std::move(v));
-      to.push_back({type, static_cast<uint16_t>(values.back().size()), values.back().data(), nullptr});
+      to.push_back(
+          {type, static_cast<uint16_t>(values.back().size()), values.back().data(), nullptr});
     };
     uint32_t state = 1, ifl_type = 1;
     add(attrs, VSK_SESSION_STATE, std::string(reinterpret_cast<char*>(&state), 4));
@@ -78,7 +73,8 @@ struct Client {
     add(attrs, VSK_RADIUS_ACCT_SESSION_ID, "acct-000000000001");
     add(attrs, VSK_AGENT_CIRCUIT_ID, "olt-7 eth 1/1/12:100");
     add(attrs, VSK_AGENT_REMOTE_ID, "remote-000000000001");
-    for (uint16_t type = 90; attrs.size() < 29; ++type) add(attrs, type, std::string(8 + type % 9, 'a'));
+    for (uint16_t type = 90; attrs.size() < 29; ++type)
+      add(attrs, type, std::string(8 + type % 9, 'a'));
     attrs.push_back({VSK_INTERFACE_NAME, 0, ifl, nullptr});
     for (int i = 0; i < 5; ++i) add(auth, static_cast<uint16_t>(1 + i), std::string(12, 'q'));
     names = {"kelvo-interface-set", "kelvo-cos-policy", "kelvo-input-filter", "kelvo-output-filter",
@@ -127,7 +123,8 @@ RawRecords EncodeLike(Client& c) {
   dyn.attrs = &c.dyn_list;
   vsk_auth_info_t auth{};
   auth.attrs = &c.auth_list;
-  return {Encode(vsk::store::EncodeClientRecord, &rec), Encode(vsk::store::EncodeDynamicRecord, &dyn),
+  return {Encode(vsk::store::EncodeClientRecord, &rec),
+          Encode(vsk::store::EncodeDynamicRecord, &dyn),
           Encode(vsk::store::EncodeAuthRecord, &auth)};
 }
 
@@ -188,7 +185,7 @@ struct Figures {
 bool MeasureCreates(Client& c, const RawRecords& raw, Figures& f) {
   void* shm = vsk_snap_get_shared_memory_ptr();
   static uint64_t raw_key = uint64_t{1} << 40;  // ids the generator does not reach here
-  for (int round = 0; round <= kRounds && !g_stop; ++round) {
+  for (int round = 0; round <= kRounds && !vsk::bench::ThrowawayRoot::Stopped(); ++round) {
     double t[2];
     uint64_t first = 0;
     for (int k = 0; k < 2; ++k) {
@@ -205,14 +202,15 @@ bool MeasureCreates(Client& c, const RawRecords& raw, Figures& f) {
     f.raw_rate.push_back(kCreatesPerPass / t[1]);
     f.ratio.push_back(t[0] / t[1]);
   }
-  return !g_stop;
+  return !vsk::bench::ThrowawayRoot::Stopped();
 }
 
 bool MeasureUpdates(Client& c, std::vector<double>* rates) {
   const vsk_create_options_t cache{0, 1, {0, 0}};
   c.Link(999999);
   vsk_session_ids_t ids{};
-  if (vsk_create_extended_client_session(2, &c.attr_list, nullptr, nullptr, &ids, &cache, nullptr) != 0 ||
+  if (vsk_create_extended_client_session(2, &c.attr_list, nullptr, nullptr, &ids, &cache,
+                                         nullptr) != 0 ||
       !vsk_is_session_in_shm(ids.session_id, vsk_snap_get_shared_memory_ptr())) {
     std::fprintf(stderr, "no cached session to update\n");
     return false;
@@ -223,7 +221,7 @@ bool MeasureUpdates(Client& c, std::vector<double>* rates) {
   e.action = VSK_ATTR_ACTION_ADD_OR_REPLACE;
   e.new_length = sizeof a - 1;
   vsk_attr_update_list_t list{&e, &e.next};
-  for (int round = 0; round <= kRounds && !g_stop; ++round) {
+  for (int round = 0; round <= kRounds && !vsk::bench::ThrowawayRoot::Stopped(); ++round) {
     auto start = Clock::now();
     for (int i = 0; i < kUpdatesPerRound; ++i) {
       e.new_value = (i & 1) ? b : a;
@@ -232,7 +230,7 @@ bool MeasureUpdates(Client& c, std::vector<double>* rates) {
     double secs = std::chrono::duration<double>(Clock::now() - start).count();
     if (round > 0) rates->push_back(kUpdatesPerRound / secs);
   }
-  return !g_stop;
+  return !vsk::bench::ThrowawayRoot::Stopped();
 }
 
 // The create's steps outside Berkeley DB that hold a semaphore or touch the counters, timed
@@ -289,50 +287,35 @@ void Print(const std::vector<Figures>& creates, const std::vector<double>& updat
       "interface-table adds) or a counter: %.2f us per create\n",
       shared_us);
   double rate = Median(updates);
-  std::printf("\ncached update of one attribute (vsk_update_session_data_in_shm): %.2f M/s "
-              "(%.2f..%.2f), target >= %.0f M/s: %s\n",
-              rate / 1e6, Quantile(updates, 0.25) / 1e6, Quantile(updates, 0.75) / 1e6,
-              kTargetUpdates / 1e6, rate >= kTargetUpdates ? "yes" : "NO");
+  std::printf(
+      "\ncached update of one attribute (vsk_update_session_data_in_shm): %.2f M/s "
+      "(%.2f..%.2f), target >= %.0f M/s: %s\n",
+      rate / 1e6, Quantile(updates, 0.25) / 1e6, Quantile(updates, 0.75) / 1e6,
+      kTargetUpdates / 1e6, rate >= kTargetUpdates ? "yes" : "NO");
 }
 
 }  // namespace
 
 int main() {
-  char tmpl[] = "/tmp/vsk-bench.XXXXXX";
-  if (mkdtemp(tmpl) == nullptr) {
-    std::perror("mkdtemp");
-    return 1;
-  }
-  std::string root = tmpl;
-  setenv("VSK_ROOT", root.c_str(), 1);
-  setenv("VSK_RE_ROLE", "master", 1);
-  signal(SIGINT, OnSignal);
-  signal(SIGTERM, OnSignal);
-
-  int code = 0;
+  vsk::bench::ThrowawayRoot root;
+  if (!root.ok()) return 1;
   vsk_status_t st = OpenAll();
   if (st != VSK_OK) {
     std::fprintf(stderr, "cannot open the store: %d (%s)\n", st, vsk_get_err_msg(st));
-    code = 1;
-  } else {
-    Client client;
-    RawRecords raw = EncodeLike(client);
-    std::vector<Figures> creates = {{"uncached", false, {}, {}, {}}, {"cached", true, {}, {}, {}}};
-    std::vector<double> updates;
-    bool ok = true;
-    for (Figures& f : creates) ok = ok && MeasureCreates(client, raw, f);
-    ok = ok && MeasureUpdates(client, &updates);
-    if (ok) {
-      Print(creates, updates, SharedStepsMicros());
-    } else {
-      std::fprintf(stderr, g_stop ? "interrupted\n" : "a pass failed\n");
-      code = 1;
-    }
+    return 1;
   }
-  vsk_close_internal();
-  vsk_db_reset_orvd_handle();
-  vsk::shared::RemoveAllRootObjects();
-  std::error_code ec;
-  std::filesystem::remove_all(root, ec);
-  return code;
+  Client client;
+  RawRecords raw = EncodeLike(client);
+  std::vector<Figures> creates = {{"uncached", false, {}, {}, {}}, {"cached", true, {}, {}, {}}};
+  std::vector<double> updates;
+  bool ok = true;
+  for (Figures& f : creates) ok = ok && MeasureCreates(client, raw, f);
+  ok = ok && MeasureUpdates(client, &updates);
+  if (!ok) {
+    std::fprintf(stderr,
+                 vsk::bench::ThrowawayRoot::Stopped() ? "interrupted\n" : "a pass failed\n");
+    return 1;
+  }
+  Print(creates, updates, SharedStepsMicros());
+  return 0;
 }

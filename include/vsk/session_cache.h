@@ -51,8 +51,7 @@ VSK_EXPORT vsk_status_t vsk_create_session_data_in_shm(const vsk_session_ids_t *
  * starts over; without it the earlier entries stay behind and are no longer read. Stops at
  * the first failing entry and returns its status. */
 VSK_EXPORT vsk_status_t vsk_create_dynamic_data_in_shm(const vsk_dynamic_config_t *record,
-                                                       void *shm, vsk_session_id_t id,
-                                                       bool reset);
+                                                       void *shm, vsk_session_id_t id, bool reset);
 /* Appends one dynamic entry to the slot of `id` in the attached segment. 0 also when no
  * segment is attached or another writer kept the block (the entry is dropped, traced). */
 VSK_EXPORT vsk_status_t vsk_put_dynamic_data_in_shm(const char *name, uint32_t length,
@@ -76,11 +75,11 @@ VSK_EXPORT vsk_status_t vsk_update_session_header_in_shm(vsk_session_id_t id,
  * handle's copy of it); no copy is made. With a handle, also its session id and service
  * ids. -7 when absent. */
 VSK_EXPORT vsk_status_t vsk_get_session_data_from_shm(vsk_snapshot_handle *handle, void *shm,
-                                                      uint16_t type, uint16_t *length,
-                                                      void **value, vsk_session_id_t id);
+                                                      uint16_t type, uint16_t *length, void **value,
+                                                      vsk_session_id_t id);
 /* Copies at most 8 bytes of the config bits to `bits`; *length is 0 on failure. */
-VSK_EXPORT vsk_status_t vsk_get_config_bits_from_shm(void *shm, vsk_session_id_t id,
-                                                     uint8_t *bits, uint16_t *length);
+VSK_EXPORT vsk_status_t vsk_get_config_bits_from_shm(void *shm, vsk_session_id_t id, uint8_t *bits,
+                                                     uint16_t *length);
 /* The first value of `type` from `tree`, or from the cache when `tree` is null. Found: 1,
  * with a copy in `buffer` (which must hold it) or in a new heap block of length + 1 bytes
  * (NUL-terminated) stored in *allocated when `allocated` is given. Not found: 0, *status 0.
@@ -96,8 +95,7 @@ VSK_EXPORT vsk_status_t vsk_shm_to_session_record(vsk_snapshot_handle *handle, v
                                                   vsk_session_id_t id);
 /* Fills an empty dynamic record from the slot's dynamic block (heap copies). */
 VSK_EXPORT vsk_status_t vsk_shm_to_dynamic_record(vsk_dynamic_config_t *record, void *shm,
-                                                  vsk_session_id_t id,
-                                                  vsk_snapshot_handle *handle);
+                                                  vsk_session_id_t id, vsk_snapshot_handle *handle);
 /* Fills an empty auth record from the request or response block (heap copies). */
 VSK_EXPORT vsk_status_t vsk_shm_to_auth_record(vsk_auth_info_t *record, void *shm,
                                                vsk_session_id_t id, bool is_request);

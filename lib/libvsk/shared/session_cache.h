@@ -48,8 +48,7 @@ vsk_status_t CreateSession(void* shm, uint64_t id, uint64_t dynamic_id,
                            const vsk_attr_list_t* attrs);
 // Rewrites the dynamic block from `list` (null: no entries). `reset` starts at byte 10;
 // otherwise readers start behind the earlier entries. Stops at the first failing entry.
-vsk_status_t WriteDynamicList(void* shm, uint64_t id, const vsk_dyn_attr_list_t* list,
-                              bool reset);
+vsk_status_t WriteDynamicList(void* shm, uint64_t id, const vsk_dyn_attr_list_t* list, bool reset);
 // Appends one dynamic entry. 0 (also when another writer kept the block: dropped and
 // traced); -24 when it does not fit below byte 1380 or `length` is above 255; -6 for a
 // null name or a null value with a length.

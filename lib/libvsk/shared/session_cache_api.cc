@@ -1,7 +1,6 @@
 // The exported operations of the session cache: argument checks over vsk::cache.
-#include "libvsk/shared/session_cache.h"
-
 #include "libvsk/base/trace.h"
+#include "libvsk/shared/session_cache.h"
 #include "vsk/session_cache.h"
 
 namespace {
@@ -21,9 +20,7 @@ vsk_status_t NullArgument(const char* fn, const char* what) {
 
 extern "C" {
 
-bool vsk_is_session_in_shm(vsk_session_id_t id, void* shm) {
-  return vsk::cache::IsCached(shm, id);
-}
+bool vsk_is_session_in_shm(vsk_session_id_t id, void* shm) { return vsk::cache::IsCached(shm, id); }
 
 void vsk_clear_session_in_shm(vsk_session_id_t id, void* shm) { vsk::cache::Clear(shm, id); }
 
@@ -42,8 +39,7 @@ vsk_status_t vsk_create_dynamic_data_in_shm(const vsk_dynamic_config_t* record, 
                                             vsk_session_id_t id, bool reset) {
   static const char kFn[] = "vsk_create_dynamic_data_in_shm";
   if (shm == nullptr) return NoSegment(kFn, id);
-  return vsk::cache::WriteDynamicList(shm, id, record != nullptr ? record->attrs : nullptr,
-                                      reset);
+  return vsk::cache::WriteDynamicList(shm, id, record != nullptr ? record->attrs : nullptr, reset);
 }
 
 vsk_status_t vsk_put_dynamic_data_in_shm(const char* name, uint32_t length, const void* value,
@@ -70,8 +66,7 @@ vsk_status_t vsk_update_session_header_in_shm(vsk_session_id_t id, uint16_t serv
 }
 
 vsk_status_t vsk_get_session_data_from_shm(vsk_snapshot_handle* handle, void* shm, uint16_t type,
-                                           uint16_t* length, void** value,
-                                           vsk_session_id_t id) {
+                                           uint16_t* length, void** value, vsk_session_id_t id) {
   return vsk::cache::ReadAttr(handle, shm, id, type, length, value);
 }
 
@@ -96,8 +91,8 @@ vsk_status_t vsk_shm_to_session_record(vsk_snapshot_handle* handle, void* shm,
   return vsk::cache::ToSessionRecord(handle, shm, id, record);
 }
 
-vsk_status_t vsk_shm_to_dynamic_record(vsk_dynamic_config_t* record, void* shm,
-                                       vsk_session_id_t id, vsk_snapshot_handle* handle) {
+vsk_status_t vsk_shm_to_dynamic_record(vsk_dynamic_config_t* record, void* shm, vsk_session_id_t id,
+                                       vsk_snapshot_handle* handle) {
   if (record == nullptr) return NullArgument("vsk_shm_to_dynamic_record", "record");
   return vsk::cache::ToDynamicRecord(handle, shm, id, record);
 }

@@ -68,8 +68,7 @@ vsk_status_t PutDynamic(void* shm, uint64_t id, const char* name, uint32_t lengt
   return VSK_OK;
 }
 
-vsk_status_t WriteDynamicList(void* shm, uint64_t id, const vsk_dyn_attr_list_t* list,
-                              bool reset) {
+vsk_status_t WriteDynamicList(void* shm, uint64_t id, const vsk_dyn_attr_list_t* list, bool reset) {
   Slot* slot = SlotOf(shm, id);
   if (!Owns(slot, id)) return VSK_ERR_NOT_FOUND;
   DynamicBlock* block = &slot->dynamic;
@@ -85,8 +84,7 @@ vsk_status_t WriteDynamicList(void* shm, uint64_t id, const vsk_dyn_attr_list_t*
   return VSK_OK;
 }
 
-vsk_status_t WriteAuthList(void* shm, uint64_t id, const vsk_attr_list_t* list,
-                           bool is_request) {
+vsk_status_t WriteAuthList(void* shm, uint64_t id, const vsk_attr_list_t* list, bool is_request) {
   if (!Owns(SlotOf(shm, id), id)) return VSK_ERR_NOT_FOUND;
   AuthBlock* block = AuthBlockOf(shm, id, is_request);
   uint8_t* base = reinterpret_cast<uint8_t*>(block);

@@ -5,9 +5,9 @@
 
 #include <cstdint>
 
+#include "libvsk/base/trace.h"
 #include "libvsk/shared/session_cache.h"
 #include "libvsk/shared/session_cache_layout.h"
-#include "libvsk/base/trace.h"
 
 namespace vsk::cache::detail {
 
@@ -48,5 +48,13 @@ inline bool Owns(const Slot* slot, uint64_t id) { return id != 0 && Load(slot->s
 inline bool BlockInArea(uint32_t offset, uint32_t length) {
   return offset >= kFirstFreeWord && offset + BlockWords(length) <= kValueAreaEndWord;
 }
+
+// The service ids a slot lists, read from `source` (the slot or a copy of it): *ids points
+// at them, and the count is bounded by the 10 the array holds; 0 when the slot has no
+// array in the value area.
+uint32_t ServiceIds(const Slot* slot, const uint8_t* source, const uint8_t** ids);
+// Hands `count` ids to a snapshot handle as its own heap copy (freeing one it owned).
+// 0 or -2.
+vsk_status_t GiveServiceIds(vsk_snapshot_handle* handle, const uint8_t* ids, uint32_t count);
 
 }  // namespace vsk::cache::detail

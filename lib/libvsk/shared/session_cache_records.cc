@@ -67,31 +67,18 @@ vsk_status_t CopySlotToHandle(vsk_snapshot_handle* handle, Slot* slot) {
   return VSK_OK;
 }
 
-vsk_status_t CopyServiceIds(vsk_snapshot_handle* handle, Slot* slot,
-                            vsk_client_session_t* record) {
-  const uint8_t* source = handle != nullptr ? static_cast<uint8_t*>(handle->shm_session_copy)
-                                            : Bytes(slot);
-  uint32_t count = Load(slot->service_count) & kServiceCountMask;
-  const uint32_t at = Load(slot->service_offset);
-  if (at < kFirstFreeWord || at + kServiceArrayWords > kValueAreaEndWord) count = 0;
-  if (count > kMaxServices) count = kMaxServices;
+vsk_status_t CopyServiceIds(vsk_snapshot_handle* handle, Slot* slot, vsk_client_session_t* record) {
+  const uint8_t* source =
+      handle != nullptr ? static_cast<uint8_t*>(handle->shm_session_copy) : Bytes(slot);
+  const uint8_t* ids = nullptr;
+  const uint32_t count = detail::ServiceIds(slot, source, &ids);
   record->service_count = static_cast<uint16_t>(count);
   if (count == 0) return VSK_OK;
-  auto* ids = static_cast<vsk_session_id_t*>(std::malloc(8u * count));
-  if (ids == nullptr) return VSK_ERR_NOMEM;
-  std::memcpy(ids, source + 2 * at, 8u * count);
-  record->service_ids = ids;
+  record->service_ids = static_cast<vsk_session_id_t*>(std::malloc(8u * count));
+  if (record->service_ids == nullptr) return VSK_ERR_NOMEM;
+  std::memcpy(record->service_ids, ids, 8u * count);
   record->free_service_ids = 1;
-  if (handle != nullptr) {
-    auto* own = static_cast<vsk_session_id_t*>(std::malloc(8u * count));
-    if (own == nullptr) return VSK_ERR_NOMEM;
-    std::memcpy(own, ids, 8u * count);
-    if (handle->service_ids_owned != 0) std::free(handle->service_ids);
-    handle->service_ids = own;
-    handle->service_ids_owned = 1;
-    handle->service_count = static_cast<uint16_t>(count);
-  }
-  return VSK_OK;
+  return handle != nullptr ? detail::GiveServiceIds(handle, ids, count) : VSK_OK;
 }
 
 }  // namespace
@@ -244,8 +231,7 @@ vsk_status_t ToAuthRecord(void* shm, uint64_t id, bool is_request, vsk_auth_info
 }
 
 vsk_status_t WriteSessionToTables(void* shm, uint64_t id, uint64_t dynamic_id,
-                                  const vsk_dynamic_config_t* dynamic_record,
-                                  vsk_db_txn_t* txn) {
+                                  const vsk_dynamic_config_t* dynamic_record, vsk_db_txn_t* txn) {
   // A slot given up in the meantime has nothing to say: the tables keep what they hold.
   if (!IsCached(shm, id)) return VSK_ERR_NOT_FOUND;
   vsk_status_t st = VSK_OK;

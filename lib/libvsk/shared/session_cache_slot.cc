@@ -67,7 +67,9 @@ void Clear(void* shm, uint64_t id) {
 }
 
 void Wait() {
-  struct timespec pause {0, 1000};
+  struct timespec pause {
+    0, 1000
+  };
   nanosleep(&pause, nullptr);
 }
 
@@ -92,8 +94,7 @@ vsk_status_t CreateSession(void* shm, uint64_t id, uint64_t dynamic_id,
 
   uint32_t free = kFirstFreeWord;
   int waits = 0;
-  for (const vsk_attr_t* a = attrs != nullptr ? attrs->first : nullptr; a != nullptr;
-       a = a->next) {
+  for (const vsk_attr_t* a = attrs != nullptr ? attrs->first : nullptr; a != nullptr; a = a->next) {
     const uint16_t type = a->type;
     if (!TypeInRange(kCreateFn, type) || (a->length != 0 && a->value == nullptr)) {
       flags.Clear(kSlotWriterBits);
@@ -269,28 +270,29 @@ vsk_status_t UpdateHeader(void* shm, uint64_t id, uint16_t count, const uint64_t
   return VSK_OK;
 }
 
-namespace {
+namespace detail {
 
-// Hands the slot's service ids (read from `source`, the slot or its copy) to the handle.
-vsk_status_t GiveServiceIds(vsk_snapshot_handle* handle, const Slot* slot,
-                            const uint8_t* source) {
-  uint32_t count = Load(slot->service_count) & kServiceCountMask;
+uint32_t ServiceIds(const Slot* slot, const uint8_t* source, const uint8_t** ids) {
+  const uint32_t count = Load(slot->service_count) & kServiceCountMask;
   const uint32_t at = Load(slot->service_offset);
-  if (count == 0 || at < kFirstFreeWord || at + kServiceArrayWords > kValueAreaEndWord) {
-    return VSK_OK;
-  }
-  if (count > kMaxServices) count = kMaxServices;
-  auto* ids = static_cast<vsk_session_id_t*>(std::malloc(8u * count));
-  if (ids == nullptr) return VSK_ERR_NOMEM;
-  std::memcpy(ids, source + 2 * at, 8u * count);
+  if (count == 0 || at < kFirstFreeWord || at + kServiceArrayWords > kValueAreaEndWord) return 0;
+  *ids = source + 2 * at;
+  return count < kMaxServices ? count : kMaxServices;
+}
+
+vsk_status_t GiveServiceIds(vsk_snapshot_handle* handle, const uint8_t* ids, uint32_t count) {
+  if (count == 0) return VSK_OK;
+  auto* own = static_cast<vsk_session_id_t*>(std::malloc(8u * count));
+  if (own == nullptr) return VSK_ERR_NOMEM;
+  std::memcpy(own, ids, 8u * count);
   if (handle->service_ids_owned != 0) std::free(handle->service_ids);
-  handle->service_ids = ids;
+  handle->service_ids = own;
   handle->service_ids_owned = 1;
   handle->service_count = static_cast<uint16_t>(count);
   return VSK_OK;
 }
 
-}  // namespace
+}  // namespace detail
 
 vsk_status_t ReadAttr(vsk_snapshot_handle* handle, void* shm, uint64_t id, uint16_t type,
                       uint16_t* length, void** value) {
@@ -320,7 +322,9 @@ vsk_status_t ReadAttr(vsk_snapshot_handle* handle, void* shm, uint64_t id, uint1
   if (handle != nullptr) {
     Store(slot->reader_type, type);
     handle->session_id = Load(slot->session_id);
-    if (GiveServiceIds(handle, slot, source) != VSK_OK) {
+    const uint8_t* ids = nullptr;
+    const uint32_t count = detail::ServiceIds(slot, source, &ids);
+    if (detail::GiveServiceIds(handle, ids, count) != VSK_OK) {
       flags.Clear(kSlotReaderBits);
       return VSK_ERR_NOMEM;
     }

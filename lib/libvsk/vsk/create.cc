@@ -18,8 +18,8 @@
 // spliced nodes (one set per thread).
 #include <cstring>
 
-#include "libvsk/shared/session_cache.h"
 #include "libvsk/base/trace.h"
+#include "libvsk/shared/session_cache.h"
 #include "libvsk/vsk/create_internal.h"
 #include "vsk/intf.h"
 #include "vsk/shared.h"
@@ -138,7 +138,8 @@ class Create {
         VSK_TRACE("%s: Failed to add interface %s for session %llu", kFn, name, Ull(id_));
       }
     }
-    if (const vsk_attr_t* uifl = vsk_get_attribute_from_list(list_, VSK_UNDERLYING_INTERFACE_NAME)) {
+    if (const vsk_attr_t* uifl =
+            vsk_get_attribute_from_list(list_, VSK_UNDERLYING_INTERFACE_NAME)) {
       TextOf(uifl, name);
       if (vsk_db_interface_add(name, VSK_INTF_KIND_UIFL, id_, 0, 0) != VSK_OK) {
         VSK_TRACE("%s: Failed to add interface %s for session %llu", kFn, name, Ull(id_));
@@ -152,8 +153,8 @@ class Create {
       }
     }
     if (const vsk_attr_t* ifl_type = vsk_get_attribute_from_list(list_, VSK_SESSION_IFL_TYPE)) {
-      int rc = vsk_summary_counter_increment_ifl_type(static_cast<int32_t>(U32Of(ifl_type)),
-                                                      nullptr);
+      int rc =
+          vsk_summary_counter_increment_ifl_type(static_cast<int32_t>(U32Of(ifl_type)), nullptr);
       if (rc != 0) {
         VSK_TRACE("%s: Failed to increment client ifl type counter %s", kFn, vsk_get_err_msg(rc));
       }
@@ -172,8 +173,7 @@ class Create {
 
  private:
   vsk_status_t InTransaction(vsk_db_txn_t* txn, BundlePass* bundle, uint64_t dynamic_id) {
-    vsk_status_t st =
-        BundleJoinSharedInterface(txn, request_, list_, id_, &dynamic_id, bundle);
+    vsk_status_t st = BundleJoinSharedInterface(txn, request_, list_, id_, &dynamic_id, bundle);
     if (st != VSK_OK) return st;
     const bool cache = want_cache_ && !bundle->skip_cache;
     if (cache) vsk_get_shared_mem(request_.ids);

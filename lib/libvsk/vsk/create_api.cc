@@ -83,8 +83,8 @@ vsk_status_t vsk_create_extended_client_session(uint32_t client_type, vsk_attr_l
                                                 vsk_session_ids_t* ids,
                                                 const vsk_create_options_t* options,
                                                 const vsk_attr_list_t* inherit_types) {
-  return Extended("vsk_create_extended_client_session", client_type, attrs, auth_request,
-                  dynamic, ids, options, inherit_types);
+  return Extended("vsk_create_extended_client_session", client_type, attrs, auth_request, dynamic,
+                  ids, options, inherit_types);
 }
 
 vsk_status_t vsk_create_bundled_client_session(uint32_t client_type, vsk_attr_list_t* attrs,
@@ -98,11 +98,10 @@ vsk_status_t vsk_create_bundled_client_session(uint32_t client_type, vsk_attr_li
 }
 
 vsk_status_t vsk_create_client_session(uint32_t client_type, vsk_attr_list_t* attrs,
-                                       vsk_attr_list_t* auth_request,
-                                       vsk_dyn_attr_list_t* dynamic,
+                                       vsk_attr_list_t* auth_request, vsk_dyn_attr_list_t* dynamic,
                                        vsk_session_id_t* session_id) {
-  return Bundled("vsk_create_client_session", client_type, attrs, auth_request, dynamic,
-                 session_id, 0, nullptr);
+  return Bundled("vsk_create_client_session", client_type, attrs, auth_request, dynamic, session_id,
+                 0, nullptr);
 }
 
 }  // extern "C"

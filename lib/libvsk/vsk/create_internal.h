@@ -61,7 +61,6 @@ vsk_status_t BundleJoinInheritedAttributes(vsk_db_txn_t* txn, const CreateReques
                                            uint64_t session_id, BundlePass* pass);
 // In place of the dynamic record's put when the pass holds dynamic changes.
 vsk_status_t BundleJoinDynamicChanges(vsk_db_txn_t* txn, const CreateRequest& request,
-                                      uint64_t session_id, uint64_t dynamic_id,
-                                      BundlePass* pass);
+                                      uint64_t session_id, uint64_t dynamic_id, BundlePass* pass);
 
 }  // namespace vsk::session

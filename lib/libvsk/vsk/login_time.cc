@@ -38,9 +38,9 @@ const char* LoginTime(uint32_t* seconds) {
   }
   if (current_time != g_stamp) {
     localtime_r(&current_time, &g_local);
-    std::snprintf(g_text, sizeof g_text, "%4d-%02d-%02d %02d:%02d:%02d %s",
-                  g_local.tm_year + 1900, g_local.tm_mon + 1, g_local.tm_mday, g_local.tm_hour,
-                  g_local.tm_min, g_local.tm_sec, g_local.tm_zone != nullptr ? g_local.tm_zone : "");
+    std::snprintf(g_text, sizeof g_text, "%4d-%02d-%02d %02d:%02d:%02d %s", g_local.tm_year + 1900,
+                  g_local.tm_mon + 1, g_local.tm_mday, g_local.tm_hour, g_local.tm_min,
+                  g_local.tm_sec, g_local.tm_zone != nullptr ? g_local.tm_zone : "");
     g_stamp = current_time;
   }
   if (seconds != nullptr) {

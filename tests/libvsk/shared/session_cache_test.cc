@@ -88,11 +88,16 @@ TEST_F(CacheTest, SlotBlocksAndEntriesLieAtTheirOffsets) {
   // Dynamic block at 1600: end, start, then tag | name NUL | length | value | 0 0.
   EXPECT_EQ(At<uint16_t>(s, 1606), 24);
   EXPECT_EQ(At<uint16_t>(s, 1608), 10);
-  EXPECT_EQ(BytesAt(s, 1610, 14), std::string("\x02kelvo-x\0\x02" "ab\0\0", 14));
+  EXPECT_EQ(BytesAt(s, 1610, 14), std::string("\x02kelvo-x\0\x02"
+                                              "ab\0\0",
+                                              14));
   // Request block: end, then type (2) | length | value | 0 0; the response stays clear.
   const uint8_t* req = AuthBytes(5, true);
   EXPECT_EQ(At<uint16_t>(req, 6), 27);
-  EXPECT_EQ(BytesAt(req, 10, 18), std::string("\x11\0\x03" "bob\0\0\x22\0\x04" "acct\0\0", 18));
+  EXPECT_EQ(BytesAt(req, 10, 18), std::string("\x11\0\x03"
+                                              "bob\0\0\x22\0\x04"
+                                              "acct\0\0",
+                                              18));
   EXPECT_EQ(At<uint16_t>(AuthBytes(5, false), 10), 0);
 
   // The id block's cache position: slot x 1500 cut to 16 bits, as published.
@@ -152,7 +157,8 @@ TEST_F(CacheTest, EveryBlockTakesExactlyItsRoomAndRefusesOneByteMore) {
   // Request block: 10 + 255 after the first entry, then offset + L + 7 up to 380.
   for (Case c : {Case{"auth", 108, 0}, Case{"auth", 109, -24}}) {
     ASSERT_EQ(Create(12, none), 0);
-    AttrList auth{{VSK_USER_NAME, std::string(250, 'u')}, {VSK_AGENT_CIRCUIT_ID, std::string(c.last_length, 'c')}};
+    AttrList auth{{VSK_USER_NAME, std::string(250, 'u')},
+                  {VSK_AGENT_CIRCUIT_ID, std::string(c.last_length, 'c')}};
     EXPECT_EQ(vsk_create_auth_req_resp_in_shm(auth.get(), shm_, 12, true), c.want) << c.what;
     EXPECT_EQ(At<uint16_t>(AuthBytes(12, true), 6), c.want == 0 ? 378 : 0);
     vsk_clear_session_in_shm(12, shm_);
@@ -179,7 +185,8 @@ TEST_F(CacheTest, UpdatesRewriteInPlaceTakeNewBlocksAndNeverDelete) {
   const uint16_t free = At<uint16_t>(s, 274);
   uint32_t state = 99;
   UpdateList shorter;
-  shorter.Replace(VSK_USER_NAME, "ab").Add(VSK_SESSION_STATE, VSK_ATTR_ACTION_ADD_OR_APPEND, U32(1));
+  shorter.Replace(VSK_USER_NAME, "ab")
+      .Add(VSK_SESSION_STATE, VSK_ATTR_ACTION_ADD_OR_APPEND, U32(1));
   ASSERT_EQ(vsk_update_session_data_in_shm(30, shorter.get(), &state), 0);
   EXPECT_EQ(Read(30, VSK_USER_NAME), "ab");
   EXPECT_EQ(At<uint16_t>(s, 26 + 2 * VSK_USER_NAME), block) << "a shorter value keeps its block";
@@ -336,10 +343,12 @@ TEST_F(CacheTest, RecordsFromTheSlotAreSortedCopies) {
   vsk_status_t st = 5;
   EXPECT_EQ(vsk_get_attr_from_tree_or_shm(nullptr, VSK_USER_NAME, name, nullptr, shm_, 80, &st), 1);
   EXPECT_STREQ(name, "ann");
-  EXPECT_EQ(vsk_get_attr_from_tree_or_shm(nullptr, VSK_USER_NAME, nullptr, &copy, shm_, 80, &st), 1);
+  EXPECT_EQ(vsk_get_attr_from_tree_or_shm(nullptr, VSK_USER_NAME, nullptr, &copy, shm_, 80, &st),
+            1);
   EXPECT_STREQ(static_cast<char*>(copy), "ann");
   std::free(copy);
-  EXPECT_EQ(vsk_get_attr_from_tree_or_shm(nullptr, VSK_PROFILE_NAME, name, nullptr, shm_, 80, &st), 0);
+  EXPECT_EQ(vsk_get_attr_from_tree_or_shm(nullptr, VSK_PROFILE_NAME, name, nullptr, shm_, 80, &st),
+            0);
   EXPECT_EQ(st, 0);
 }
 

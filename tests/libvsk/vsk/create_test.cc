@@ -15,9 +15,9 @@
 #include <thread>
 
 #include "libvsk/shared/intf_file.h"
-#include "session_fixture.h"
 #include "libvsk/vsk/create_internal.h"
 #include "platform/logging.h"
+#include "session_fixture.h"
 #include "support/attr_lists.h"
 
 namespace vsk::test {
@@ -119,12 +119,14 @@ TEST_F(CreateTest, SplicedNodesGoInAndExactlyTwoComeOff) {
   EXPECT_EQ(attrs.get()->first->type, VSK_CLIENT_SESSION_TYPE);
   EXPECT_EQ(attrs.get()->first->next, own_first);
   uint64_t dynamic_id = 0;
-  EXPECT_EQ(ClientValue(bundled, VSK_UNDERLYING_SESSION_ID, &dynamic_id), std::string(reinterpret_cast<char*>(&id), 8));
+  EXPECT_EQ(ClientValue(bundled, VSK_UNDERLYING_SESSION_ID, &dynamic_id),
+            std::string(reinterpret_cast<char*>(&id), 8));
   EXPECT_EQ(dynamic_id, id) << "the underlying session's dynamic record is shared";
   EXPECT_EQ(DynamicRow(bundled), "st-7");
   // A bundled create must not overwrite the shared dynamic record (not built yet: -6).
   DynList dyn{{"kelvo-a", "1"}};
-  EXPECT_EQ(vsk_create_bundled_client_session(1, nullptr, nullptr, dyn.get(), &bundled, id, nullptr), -6);
+  EXPECT_EQ(
+      vsk_create_bundled_client_session(1, nullptr, nullptr, dyn.get(), &bundled, id, nullptr), -6);
   EXPECT_EQ(DynamicRow(id), "kelvo-a=orig;");
 }
 
@@ -136,7 +138,9 @@ TEST_F(CreateTest, InterfaceTableAndCountersFollowTheAttributes) {
   };
   const std::string ifl = Text("ge-1/0/0.1"), uifl = Text("ae9");
   std::vector<Case> cases = {
-      {{{VSK_INTERFACE_NAME, ifl}, {VSK_SESSION_STATE, U32(3)}, {VSK_SESSION_IFL_TYPE, U32(2)}}, 1, -7},
+      {{{VSK_INTERFACE_NAME, ifl}, {VSK_SESSION_STATE, U32(3)}, {VSK_SESSION_IFL_TYPE, U32(2)}},
+       1,
+       -7},
       {{{VSK_INTERFACE_NAME, ifl}, {VSK_PROFILE_NAME, "prof"}}, 1, -7},
       {{{VSK_UNDERLYING_INTERFACE_NAME, uifl}, {VSK_INTERFACE_NAME, ifl}}, 2, 1},
   };
@@ -178,7 +182,8 @@ TEST_F(CreateTest, CacheLimitsLeaveTheSessionInTheTablesOnly) {
 
   // An auth request too big for its block: the slot goes, and the request with it.
   AttrList attrs{{VSK_USER_NAME, "eve"}};
-  AttrList auth{{VSK_USER_NAME, std::string(250, 'a')}, {VSK_AGENT_CIRCUIT_ID, std::string(250, 'c')}};
+  AttrList auth{{VSK_USER_NAME, std::string(250, 'a')},
+                {VSK_AGENT_CIRCUIT_ID, std::string(250, 'c')}};
   vsk_session_ids_t ids{};
   ASSERT_EQ(Create(attrs, &ids, true, auth.get()), 0);
   EXPECT_FALSE(vsk_is_session_in_shm(ids.session_id, shm_));
@@ -205,9 +210,41 @@ TEST_F(CreateTest, CacheLimitsLeaveTheSessionInTheTablesOnly) {
   EXPECT_EQ(traces().CountContaining("assertion 'attr_type >= VSK_TYPE_MIN' failed"), 1);
 }
 
+// The slot of a cached session is current, the table row is what create wrote; the flush
+// puts all that the slot holds, in the caller's transaction.
+TEST_F(CreateTest, FlushWritesTheSlotToTheTables) {
+  AttrList attrs{{VSK_USER_NAME, "gil"}};
+  AttrList auth{{VSK_USER_NAME, "gil-auth"}};
+  DynList dyn{{"kelvo-a", "1"}};
+  vsk_session_ids_t ids{};
+  ASSERT_EQ(vsk_create_extended_client_session(2, attrs.get(), auth.get(), dyn.get(), &ids, &kCache,
+                                               nullptr),
+            0);
+  const uint64_t id = ids.session_id;
+  UpdateList update;
+  update.Replace(VSK_USER_NAME, "gil-2");
+  ASSERT_EQ(vsk_update_session_data_in_shm(id, update.get(), nullptr), 0);
+  ASSERT_EQ(vsk_put_dynamic_data_in_shm("kelvo-b", 2, "22", 0, id), 0);
+  EXPECT_EQ(ClientValue(id, VSK_USER_NAME), "gil");
+  EXPECT_EQ(AuthRequestRow(id), "st-7");
+  vsk_db_txn_t txn{};
+  ASSERT_EQ(vsk_db_start_txn(&txn), 0);
+  ASSERT_EQ(vsk_write_shm_session_to_db(id, id, nullptr, shm_, &txn), 0);
+  ASSERT_EQ(vsk_db_end_txn(&txn), 0);
+  vsk_clear_session_in_shm(id, shm_);
+  EXPECT_EQ(ClientValue(id, VSK_USER_NAME), "gil-2");
+  EXPECT_EQ(ClientValue(id, VSK_CLIENT_SESSION_TYPE), U32(2));
+  EXPECT_EQ(DynamicRow(id), "kelvo-a=1;kelvo-b=22;");
+  EXPECT_EQ(AuthRequestRow(id), "gil-auth");
+  EXPECT_EQ(vsk_write_shm_session_to_db(id, id, nullptr, shm_, &txn), VSK_ERR_NOT_FOUND)
+      << "a slot given up has nothing to write";
+}
+
 TEST_F(CreateTest, BadInputIsRefusedBeforeAnythingIsTouched) {
   const vsk_session_id_t last = vsk_id_get_last();
-  EXPECT_EQ(vsk_create_extended_client_session(1, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr), -6);
+  EXPECT_EQ(
+      vsk_create_extended_client_session(1, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
+      -6);
   EXPECT_TRUE(traces().Contains(std::string(kFn) +
                                 ": Creating client session without provide enough parameters"));
   EXPECT_EQ(vsk_create_client_session(1, nullptr, nullptr, nullptr, nullptr), -6);
@@ -243,9 +280,11 @@ TEST_F(CreateFaultTest, CommitFailureStillCountsTheSessionAndKeepsItsSlot) {
     orvd_ctx link{};
     if (UpAsOrvd(&link) != VSK_OK) return 1;
     vsk_set_trace_cbk(PanicAtSkippedValue);
-    AttrList attrs{{VSK_USER_NAME, "a"}, {VSK_USER_NAME, "b"}, {VSK_INTERFACE_NAME, Text("xe-0/0/0")}};
+    AttrList attrs{
+        {VSK_USER_NAME, "a"}, {VSK_USER_NAME, "b"}, {VSK_INTERFACE_NAME, Text("xe-0/0/0")}};
     vsk_session_ids_t ids{};
-    vsk_status_t st = vsk_create_extended_client_session(2, attrs.get(), nullptr, nullptr, &ids, &kCache, nullptr);
+    vsk_status_t st = vsk_create_extended_client_session(2, attrs.get(), nullptr, nullptr, &ids,
+                                                         &kCache, nullptr);
     if (st != VSK_ERR_RECOVERING) return 10 + (st < 0 ? -st : st);
     uint32_t counters[VSK_SUMMARY_COUNTER_SLOTS];
     if (vsk_get_summary_counters(counters) != 0 || counters[0] != 1) return 2;
@@ -297,8 +336,12 @@ TEST_F(CreateSystemTest, SessionsCreatedInOneProcessAreReadInAnother) {
     AttrList auth{{VSK_USER_NAME, "carol-auth"}};
     DynList dyn{{"kelvo-a", "1"}, {"kelvo-b", "22"}};
     vsk_session_ids_t cached{}, plain{};
-    if (vsk_create_extended_client_session(2, attrs.get(), auth.get(), dyn.get(), &cached, &kCache, nullptr) != 0) return 1;
-    if (vsk_create_extended_client_session(2, attrs.get(), auth.get(), dyn.get(), &plain, nullptr, nullptr) != 0) return 2;
+    if (vsk_create_extended_client_session(2, attrs.get(), auth.get(), dyn.get(), &cached, &kCache,
+                                           nullptr) != 0)
+      return 1;
+    if (vsk_create_extended_client_session(2, attrs.get(), auth.get(), dyn.get(), &plain, nullptr,
+                                           nullptr) != 0)
+      return 2;
     return cached.session_id == 5 && plain.session_id == 6 && cached.shm_offset == 6000 ? 0 : 3;
   });
   ASSERT_TRUE(writer.Ok()) << writer;
@@ -308,14 +351,23 @@ TEST_F(CreateSystemTest, SessionsCreatedInOneProcessAreReadInAnother) {
     vsk_client_session_t* rec = nullptr;
     vsk_dynamic_config_t* dyn = nullptr;
     vsk_auth_info_t* auth = nullptr;
-    vsk_db_client_session_empty(&rec), vsk_db_dynamic_config_empty(&dyn), vsk_db_auth_info_empty(&auth);
+    vsk_db_client_session_empty(&rec), vsk_db_dynamic_config_empty(&dyn),
+        vsk_db_auth_info_empty(&auth);
     if (vsk_shm_to_session_record(nullptr, shm, rec, 5) != 0 || rec->dynamic_id != 5) return 2;
-    if (ValueOf(rec->attrs, VSK_USER_NAME) != "carol" || ValueOf(rec->attrs, VSK_CLIENT_SESSION_TYPE) != U32(2)) return 3;
-    if (vsk_shm_to_dynamic_record(dyn, shm, 5, nullptr) != 0 || dyn->attrs->first->next->length != 2) return 4;
-    if (vsk_shm_to_auth_record(auth, shm, 5, true) != 0 || ValueOf(auth->attrs, VSK_USER_NAME) != "carol-auth") return 5;
-    vsk_db_release_client_session(rec, false), vsk_db_release_dynamic_config(dyn, false), vsk_db_release_auth_info(auth, false);
+    if (ValueOf(rec->attrs, VSK_USER_NAME) != "carol" ||
+        ValueOf(rec->attrs, VSK_CLIENT_SESSION_TYPE) != U32(2))
+      return 3;
+    if (vsk_shm_to_dynamic_record(dyn, shm, 5, nullptr) != 0 ||
+        dyn->attrs->first->next->length != 2)
+      return 4;
+    if (vsk_shm_to_auth_record(auth, shm, 5, true) != 0 ||
+        ValueOf(auth->attrs, VSK_USER_NAME) != "carol-auth")
+      return 5;
+    vsk_db_release_client_session(rec, false), vsk_db_release_dynamic_config(dyn, false),
+        vsk_db_release_auth_info(auth, false);
     // The tables: both records and dynamic rows; the request only for the uncached one.
-    if (ClientValue(5, VSK_USER_NAME) != "carol" || ClientValue(6, VSK_USER_NAME) != "carol") return 6;
+    if (ClientValue(5, VSK_USER_NAME) != "carol" || ClientValue(6, VSK_USER_NAME) != "carol")
+      return 6;
     if (DynamicRow(5) != "kelvo-a=1;kelvo-b=22;" || DynamicRow(6) != DynamicRow(5)) return 7;
     if (AuthRequestRow(5) != "st-7" || AuthRequestRow(6) != "carol-auth") return 8;
     return 0;
@@ -340,12 +392,15 @@ TEST_F(CreateSystemTest, ConcurrentCreatorsMatchARecountFromTheTables) {
     if (UpAsClient(&link) != 0) return 100;
     std::vector<uint64_t> ids;
     for (int i = 0; i < kEach; ++i) {
-      AttrList attrs{{VSK_SESSION_STATE, U32(i % 7)}, {VSK_SESSION_IFL_TYPE, U32(i % 4)},
+      AttrList attrs{{VSK_SESSION_STATE, U32(i % 7)},
+                     {VSK_SESSION_IFL_TYPE, U32(i % 4)},
                      {VSK_INTERFACE_NAME, Text(("ge-0/0/" + std::to_string(i % 25)).c_str())}};
-      if (i % 3 == 0) attrs.Add(VSK_UNDERLYING_INTERFACE_NAME, Text(("ae" + std::to_string(i % 5)).c_str()));
+      if (i % 3 == 0)
+        attrs.Add(VSK_UNDERLYING_INTERFACE_NAME, Text(("ae" + std::to_string(i % 5)).c_str()));
       vsk_session_ids_t id{};
       if (vsk_create_extended_client_session(1u << (i % 3), attrs.get(), nullptr, nullptr, &id,
-                                             i % 2 == 0 ? &kCache : nullptr, nullptr) != 0) return 1;
+                                             i % 2 == 0 ? &kCache : nullptr, nullptr) != 0)
+        return 1;
       ids.push_back(id.session_id);
     }
     vsk_close_internal();
@@ -368,10 +423,15 @@ TEST_F(CreateSystemTest, ConcurrentCreatorsMatchARecountFromTheTables) {
     for (;;) {
       vsk_session_key_t *key = nullptr, *ahead = nullptr;
       vsk_client_session_t* rec = nullptr;
-      st = vsk_db_iterate_client_session(&walk, current, next, 0, false, &key, &ahead, &rec, nullptr, 0);
+      st = vsk_db_iterate_client_session(&walk, current, next, 0, false, &key, &ahead, &rec,
+                                         nullptr, 0);
       if (st != 0) break;
       current = key->id, next = ahead != nullptr ? ahead->id : 0;
-      auto u32 = [&](uint16_t t) { uint32_t v; std::memcpy(&v, ValueOf(rec->attrs, t).data(), 4); return v; };
+      auto u32 = [&](uint16_t t) {
+        uint32_t v;
+        std::memcpy(&v, ValueOf(rec->attrs, t).data(), 4);
+        return v;
+      };
       vsk_summary_counter_increment_state(u32(VSK_SESSION_STATE), counted);
       vsk_summary_counter_increment_ifl_type(u32(VSK_SESSION_IFL_TYPE), counted);
       vsk_summary_counter_increment_type(u32(VSK_CLIENT_SESSION_TYPE), counted);
@@ -441,10 +501,13 @@ TEST_F(CreateSystemTest, LockHeldByAnotherProcessEndsAfterFourPasses) {
     AttrList attrs{{VSK_USER_NAME, "fay"}};
     DynList dyn{{"kelvo-a", "1"}};
     vsk_session_ids_t ids{};
-    vsk_status_t st = vsk_create_extended_client_session(2, attrs.get(), nullptr, dyn.get(), &ids, &kCache, nullptr);
+    vsk_status_t st = vsk_create_extended_client_session(2, attrs.get(), nullptr, dyn.get(), &ids,
+                                                         &kCache, nullptr);
     if (st != VSK_ERR_RETRY || ids.session_id != before + 1) return 1;
     if (GlobalTraces().CountContaining("DB_LOCK_") != 4) return 2;
-    if (!GlobalTraces().Contains(std::string(kFn) + ": Failed to create client session, err=" + vsk_get_err_msg(-4))) return 3;
+    if (!GlobalTraces().Contains(std::string(kFn) +
+                                 ": Failed to create client session, err=" + vsk_get_err_msg(-4)))
+      return 3;
     if (ClientValue(ids.session_id, VSK_USER_NAME) != "st-7") return 4;
     return vsk_is_session_in_shm(ids.session_id, vsk_snap_get_shared_memory_ptr()) ? 5 : 0;
   });
@@ -455,7 +518,9 @@ TEST_F(CreateSystemTest, LockHeldByAnotherProcessEndsAfterFourPasses) {
   ChildResult after = AsClientDaemon([before] {
     vsk_session_id_t id = 0;
     DynList dyn{{"kelvo-a", "1"}};
-    return vsk_create_client_session(2, nullptr, nullptr, dyn.get(), &id) == 0 && id == before + 2 ? 0 : 1;
+    return vsk_create_client_session(2, nullptr, nullptr, dyn.get(), &id) == 0 && id == before + 2
+               ? 0
+               : 1;
   });
   EXPECT_TRUE(after.Ok()) << after;
 }
