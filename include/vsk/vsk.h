@@ -20,5 +20,7 @@
 #include "vsk/tables.h"
 #include "vsk/snapshot.h"
 #include "vsk/session_cache.h"
+#include "vsk/provdb.h"
+#include "vsk/pfltd.h"
 
 #endif /* VSK_VSK_H */
