@@ -52,7 +52,9 @@ TEST_F(HandleTest, OptionsAreCheckedAndFrozen) {
   evContext empty{};
   EXPECT_EQ(orvd_set_reg_type_event(ctx, &empty), VSK_ERR_ORVD_FATAL);
   EXPECT_EQ(orvd_set_reg_type_event(ctx, nullptr), VSK_ERR_ORVD_FATAL);
-  EXPECT_EQ(orvd_set_reg_type_select(ctx, nullptr, [](void*, int) {}, nullptr), -25);
+  EXPECT_EQ(orvd_set_reg_type_select(
+                ctx, nullptr, [](void*, int) {}, nullptr),
+            -25);
   EXPECT_EQ(orvd_set_trace_callback(ctx, nullptr, nullptr), -25);
   EXPECT_EQ(orvd_set_reg_type_poll(nullptr), -25);
   EXPECT_EQ(orvd_set_connect_timeout(ctx, 0), 0);

@@ -25,11 +25,7 @@ enum class Mode { kEvent, kSelect, kPoll };
 
 // Environment-change callbacks seen by a client process: true for a handle, false for null.
 std::vector<bool> g_env_calls;
-std::vector<Clock::time_point> g_env_times;
-void OnEnvChange(struct __db_env* env) {
-  g_env_calls.push_back(env != nullptr);
-  g_env_times.push_back(Clock::now());
-}
+void OnEnvChange(struct __db_env* env) { g_env_calls.push_back(env != nullptr); }
 
 // The callbacks were: a handle, then one or more nulls (the store going down, possibly
 // again when a check repairs it), then a handle again if `back_up`.
@@ -253,9 +249,6 @@ TEST_F(LinkTest, EventClientFollowsAnOrvdRestart) {
     if (GlobalTraces().Count("Connection with orvd closed") != 1) return 12;
     if (GlobalTraces().Count("Successfully reregistered with ORVD") != 1) return 13;
     if (vsk_db_check() != 0) return 14;
-    // The timer retries every 5 seconds: back within about one period of the restart.
-    auto gap = g_env_times[2] - g_env_times[1];
-    if (gap > std::chrono::seconds(12)) return 15;
     orvd_unregister(&ctx);
     evDestroy(ev);
     return 0;

@@ -1,12 +1,9 @@
-// The store's lifecycle through the public interface, with a real environment and real
-// processes: creation by orvd, clients joining, the standby's missing tables, panic,
-// close order, the health gate and the transaction helpers.
+// The store's lifecycle in one process through the public interface, with a real
+// environment: panic, close order, the health gate, the store going down, failures while
+// opening, and replication's queue.
 #include <db.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "libvsk/store/view.h"
 #include "platform/lodex.h"
@@ -27,8 +24,6 @@ class StoreEnvTest : public VskTest {
   }
   orvd_ctx link_{};
 };
-
-
 
 // On the master the panic finds the store ready; on the standby, replicating.
 TEST_F(StoreEnvTest, PanicForgetsEveryHandleAndCloseFails) {
@@ -70,8 +65,8 @@ TEST_F(StoreEnvTest, CloseOrderAndFinalState) {
       "closed client database",         "closed service database",
       "closed auth request database",   "closed auth response database",
       "closed dynamic config database", "closed private data database",
-      "closed private data database\n", "closed stats database", "closed dcp provisioning db",
-      "closed environment"};
+      "closed private data database\n", "closed stats database",
+      "closed dcp provisioning db",     "closed environment"};
   EXPECT_EQ(traces().Texts(), want) << traces().Dump();
   EXPECT_EQ(StoreState(), VSK_ENV_CLOSED);
   EXPECT_EQ(vsk_db_get_orvd_handle(), &link_);
@@ -137,40 +132,6 @@ TEST_F(StoreEnvTest, CheckGatesOnRegistrationAndState) {
   EXPECT_TRUE(traces().Contains("db env state is invalid 10, re-init"));
   EXPECT_TRUE(traces().Contains("VSK STATE DOWN"));
   EXPECT_EQ(StoreState(), VSK_ENV_CLOSED);
-}
-
-TEST_F(StoreEnvTest, TransactionHelpersAndAbortRules) {
-  vsk_db_txn_t none{};
-  EXPECT_EQ(vsk_db_abort_txn(&none, -4), 0) << "no transaction, nothing to abort";
-  ASSERT_EQ(InitAs(&link_, true, true), 0);
-  DB* db = store::View().client_session_db();
-
-  vsk_db_txn_t txn{};
-  ASSERT_EQ(vsk_db_start_txn(&txn), 0);
-  ASSERT_NE(txn.txn, nullptr);
-  DB_TXN* held = txn.txn;
-  // -11: the environment is recovering, the handle stays as it is.
-  EXPECT_EQ(vsk_db_abort_txn(&txn, VSK_ERR_RECOVERING), VSK_ERR_RECOVERING);
-  EXPECT_EQ(txn.txn, held);
-
-  // A child transaction commits into its parent; the parent's abort undoes both.
-  vsk_db_txn_t child{};
-  child.parent = &txn;
-  ASSERT_EQ(vsk_db_start_txn(&child), 0);
-  Bytes key = IdKey(7);
-  Bytes val{"seven"};
-  ASSERT_EQ(dyn_db_put(db, child.txn, &key, Bytes::Encode, &val, Bytes::Encode, 0), 0);
-  EXPECT_EQ(vsk_db_end_txn(&child), 0);
-  EXPECT_EQ(child.txn, nullptr);
-  EXPECT_EQ(vsk_db_abort_txn(&txn, VSK_ERR_RETRY), 0);
-  EXPECT_EQ(txn.txn, nullptr);
-  std::string out;
-  EXPECT_EQ(GetRaw(db, 7, &out), VSK_ERR_NOT_FOUND);
-
-  ASSERT_EQ(PutRaw(db, 7, "seven"), 0);
-  EXPECT_EQ(GetRaw(db, 7, &out), 0);
-  EXPECT_EQ(out, "seven");
-  EXPECT_EQ(vsk_db_close(), 0);
 }
 
 int g_env_changes = 0;

@@ -34,9 +34,8 @@ Bytes Encode(Fn fn, const void* rec) {
 
 // A decoder gets a heap copy, as Berkeley DB would hand it; returns the caller's status.
 template <typename Rec>
-vsk_status_t Decode(int (*fn)(void*, void*, uint32_t, const uint8_t*, uint16_t),
-                    const Bytes& bytes, Rec** out, const uint8_t* mask = nullptr,
-                    uint16_t mask_len = 0) {
+vsk_status_t Decode(int (*fn)(void*, void*, uint32_t, const uint8_t*, uint16_t), const Bytes& bytes,
+                    Rec** out, const uint8_t* mask = nullptr, uint16_t mask_len = 0) {
   void* raw = std::malloc(bytes.empty() ? 1 : bytes.size());
   if (!bytes.empty()) std::memcpy(raw, bytes.data(), bytes.size());
   *out = nullptr;
@@ -116,8 +115,8 @@ TEST_F(RecordCodecTest, ClientSectionsInOrderWithFixedBitsLength) {
   vsk_attr_t* n = back->attrs->first;
   ASSERT_NE(n, nullptr);
   EXPECT_EQ(n->type, 36);
-  EXPECT_EQ(static_cast<uint8_t*>(n->value), static_cast<uint8_t*>(back->raw) + 2 + 8 + 26 +
-                                                  8 + 6 + 8 + 4)
+  EXPECT_EQ(static_cast<uint8_t*>(n->value),
+            static_cast<uint8_t*>(back->raw) + 2 + 8 + 26 + 8 + 6 + 8 + 4)
       << "values point into the raw buffer";
   ASSERT_NE(n->next, nullptr);
   EXPECT_EQ(std::memcmp(n->next->value, "bob", 3), 0);

@@ -135,8 +135,9 @@ TEST_F(StoreProcessesTest, StandbyOpensNoMissingTableAndRefusesWrites) {
     GlobalTraces().Clear();
     if (vsk_db_app_define(4, "never-replicated") != VSK_ERR_REP_NOT_STARTED) return 7;
     if (StoreState() != VSK_ENV_NOT_REPLICATED) return 8;
-    std::string want = std::string("Application private database for table id 4 is not available ") +
-                       db_strerror(ENOENT);
+    std::string want =
+        std::string("Application private database for table id 4 is not available ") +
+        db_strerror(ENOENT);
     if (!GlobalTraces().Contains(want)) return 9;
     if (store::View().app_defined_db(4) != nullptr) return 10;
     return vsk_db_close() == 0 ? 0 : 11;
