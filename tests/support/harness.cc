@@ -1,10 +1,10 @@
 #include "support/harness.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <dirent.h>
 #include <sys/ipc.h>
 #include <sys/prctl.h>
 #include <sys/sem.h>
@@ -284,19 +284,21 @@ bool OwnerAlive(const std::string& root) {
 
 // The live root of this process, for its fatal-signal and exit paths, which must not
 // allocate: they hand the root to the sweeper program.
-struct DyingRoot {
+constexpr int kMaxRoots = 4;
+struct DyingRoots {
   pid_t owner = 0;  // 0 while no root is live
-  char root[256] = "";
+  char roots[kMaxRoots][256] = {};
+  char* argv[kMaxRoots + 2] = {};  // the sweeper's: its name, the roots, null
   struct sigaction previous[NSIG];
 };
-DyingRoot g_dying;
+DyingRoots g_dying;
 constexpr int kFatalSignals[] = {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTERM, SIGINT};
 
 void CleanUpDyingRoot() {
   if (g_dying.owner == 0 || g_dying.owner != getpid()) return;  // a forked child's copy
   pid_t sweeper = fork();
   if (sweeper == 0) {
-    execl(kSweeper, "vsk_test_sweep", g_dying.root, static_cast<char*>(nullptr));
+    execv(kSweeper, g_dying.argv);
     _exit(127);
   }
   if (sweeper > 0) waitpid(sweeper, nullptr, 0);
@@ -309,7 +311,8 @@ void OnFatalSignal(int sig) {
   raise(sig);  // delivered with the previous action once this handler returns
 }
 
-void WatchForDeath(const std::string& root) {
+// Adds `root` to what this process's death removes, and records its owner.
+void WatchForDeath(const std::string& root, bool first) {
   static bool installed = false;
   if (!installed) {
     installed = true;
@@ -321,7 +324,15 @@ void WatchForDeath(const std::string& root) {
     }
     std::atexit(CleanUpDyingRoot);
   }
-  std::snprintf(g_dying.root, sizeof g_dying.root, "%s", root.c_str());
+  static int count = 0;
+  if (first) count = 0;
+  if (count == kMaxRoots) return;
+  std::snprintf(g_dying.roots[count], sizeof g_dying.roots[count], "%s", root.c_str());
+  static char name[] = "vsk_test_sweep";
+  g_dying.argv[0] = name;
+  g_dying.argv[count + 1] = g_dying.roots[count];
+  ++count;
+  g_dying.argv[count + 1] = nullptr;
   std::ofstream(root + kOwnerFile) << getpid() << ' ' << StartTimeOf(getpid()) << '\n';
   g_dying.owner = getpid();
 }
@@ -358,7 +369,6 @@ int SweepStaleRoots() {
 
 // ---- fixture --------------------------------------------------------------------------
 
-
 void VskTest::SetUp() {
   const char* old = getenv("VSK_ROOT");
   had_root_ = old != nullptr;
@@ -372,7 +382,7 @@ void VskTest::SetUp() {
   ASSERT_TRUE(platform::MakeSystemDirs(&failed)) << failed;
   for (const auto& f : shared::RootKeyFiles()) std::ofstream(f, std::ios::app).close();
   RemoveSysvObjectsFor(shared::RootKeyFiles());  // a stale object of a reused inode
-  WatchForDeath(root_);
+  WatchForDeath(root_, true);
   platform::ResetProductInfo();
   saved_progname_ = __progname;
   AsClient();
@@ -387,6 +397,8 @@ void VskTest::TearDown() {
   // the test, so a later test in the same process must not find it.
   vsk_db_reset_orvd_handle();
   RemoveRoot(root_);
+  for (const auto& r : extra_roots_) RemoveRoot(r);
+  extra_roots_.clear();
   g_dying.owner = 0;
   if (had_root_) {
     setenv("VSK_ROOT", saved_root_.c_str(), 1);
@@ -395,6 +407,22 @@ void VskTest::TearDown() {
   }
   platform::ResetProductInfo();
   __progname = saved_progname_;
+}
+
+std::string VskTest::AddRoot() {
+  char tmpl[sizeof kRootPattern];
+  std::memcpy(tmpl, kRootPattern, sizeof tmpl);
+  if (mkdtemp(tmpl) == nullptr) return {};
+  std::string root = tmpl;
+  extra_roots_.push_back(root);
+  std::string saved = root_;
+  setenv("VSK_ROOT", root.c_str(), 1);
+  platform::MakeSystemDirs();
+  for (const auto& f : shared::RootKeyFiles()) std::ofstream(f, std::ios::app).close();
+  RemoveSysvObjectsFor(shared::RootKeyFiles());
+  setenv("VSK_ROOT", saved.c_str(), 1);
+  WatchForDeath(root, false);
+  return root;
 }
 
 std::string VskTest::Path(std::string_view design_path) const {

@@ -27,8 +27,8 @@
 #include <sys/types.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstdarg>
+#include <cstdio>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -118,8 +118,8 @@ class Child {
   // The child's end of the channel.
   class Channel {
    public:
-    void Ready();      // tells the parent that the child reached its point
-    bool WaitGo();     // waits until the parent says Go(); false if the parent is gone
+    void Ready();   // tells the parent that the child reached its point
+    bool WaitGo();  // waits until the parent says Go(); false if the parent is gone
    private:
     friend class Child;
     int to_parent_ = -1;
@@ -166,6 +166,10 @@ class VskTest : public ::testing::Test {
   void TearDown() override;
 
   const std::string& root() const { return root_; }
+  // A further root, for a second system on the machine (a standby engine): its
+  // directories and key files are made, and it is removed with its System V objects like
+  // the test's own. VSK_ROOT stays the test's root. Empty on failure.
+  std::string AddRoot();
   // `design_path` under this test's root.
   std::string Path(std::string_view design_path) const;
   TraceLog& traces() { return GlobalTraces(); }
@@ -176,6 +180,7 @@ class VskTest : public ::testing::Test {
 
  private:
   std::string root_;
+  std::vector<std::string> extra_roots_;
   std::string saved_root_;
   bool had_root_ = false;
   char* saved_progname_ = nullptr;

@@ -34,9 +34,11 @@ ScopedRoot::~ScopedRoot() { setenv("VSK_ROOT", saved_.c_str(), 1); }
 
 bool DaemonProcess::Start(const std::string& program, const std::vector<std::string>& args,
                           const std::string& log_file) {
+  const pid_t parent = getpid();
   std::fflush(nullptr);
   pid_ = fork();
   if (pid_ == 0) {
+    DieWithParent(parent);
     int fd = open(log_file.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     if (fd >= 0) {
       dup2(fd, 1);
@@ -96,9 +98,9 @@ bool Engine::StartLodexd() {
   ScopedRoot root(root_);
   std::string status = platform::RootedPath(platform::kLodexStatusFile);
   unlink(status.c_str());
-  std::vector<std::string> args = {"--foreground", "--stderr", "--listen",
-                                   "127.0.0.1:" + std::to_string(port_), "--peer",
-                                   "127.0.0.1:" + std::to_string(peer_port_)};
+  std::vector<std::string> args = {"--foreground", "--stderr",
+                                   "--listen",     "127.0.0.1:" + std::to_string(port_),
+                                   "--peer",       "127.0.0.1:" + std::to_string(peer_port_)};
   if (!lodexd_.Start(VSK_BINARY_DIR "/daemons/lodexd", args,
                      platform::RootedPath("/var/log/lodexd.log"))) {
     return false;
@@ -181,15 +183,8 @@ uint16_t FreeLoopbackPort() {
 
 void ReplPairTest::SetUp() {
   VskTest::SetUp();
-  char tmpl[] = "/tmp/vsk-test2.XXXXXX";
-  ASSERT_NE(mkdtemp(tmpl), nullptr);
-  root2_ = tmpl;
-  {
-    ScopedRoot root(root2_);
-    ASSERT_TRUE(platform::MakeSystemDirs());
-    for (const auto& f : shared::RootKeyFiles()) std::ofstream(f, std::ios::app).close();
-    RemoveSysvObjectsFor(shared::RootKeyFiles());
-  }
+  root2_ = AddRoot();
+  ASSERT_FALSE(root2_.empty());
   uint16_t pa = FreeLoopbackPort();
   uint16_t pb = FreeLoopbackPort();
   a_ = std::make_unique<Engine>(root(), pa, pb);
@@ -204,13 +199,7 @@ void ReplPairTest::TearDown() {
   }
   a_->StopAll(SIGKILL);
   b_->StopAll(SIGKILL);
-  {
-    ScopedRoot root(root2_);
-    RemoveSysvObjectsFor(shared::RootKeyFiles());
-  }
-  std::error_code ec;
-  std::filesystem::remove_all(root2_, ec);
-  VskTest::TearDown();
+  VskTest::TearDown();  // removes both roots
 }
 
 void ReplPairTest::StartPair() {
@@ -223,24 +212,26 @@ void ReplPairTest::StartPair() {
 ChildResult ReplPairTest::AsClientOf(const Engine& e, const std::function<int()>& fn,
                                      std::chrono::milliseconds wait) {
   std::string root = e.root();
-  return RunInChild([root, fn, wait]() {
-    setenv("VSK_ROOT", root.c_str(), 1);
-    auto end = Clock::now() + wait;
-    vsk_status_t rc = VSK_OK;
-    orvd_ctx_t* h = nullptr;
-    for (;;) {
-      h = orvd_init_handle();
-      orvd_set_reg_type_poll(h);
-      rc = orvd_register(h);
-      if (rc == VSK_OK) break;
-      orvd_unregister(&h);
-      if (Clock::now() > end) return 100 - rc;
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    int result = fn();
-    orvd_unregister(&h);
-    return result;
-  }, wait + std::chrono::seconds(30));
+  return RunInChild(
+      [root, fn, wait]() {
+        setenv("VSK_ROOT", root.c_str(), 1);
+        auto end = Clock::now() + wait;
+        vsk_status_t rc = VSK_OK;
+        orvd_ctx_t* h = nullptr;
+        for (;;) {
+          h = orvd_init_handle();
+          orvd_set_reg_type_poll(h);
+          rc = orvd_register(h);
+          if (rc == VSK_OK) break;
+          orvd_unregister(&h);
+          if (Clock::now() > end) return 100 - rc;
+          std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        int result = fn();
+        orvd_unregister(&h);
+        return result;
+      },
+      wait + std::chrono::seconds(30));
 }
 
 bool ReplPairTest::AllOn(const Engine& e, uint64_t first, uint64_t count) {
