@@ -98,9 +98,9 @@ bool Engine::StartLodexd() {
   ScopedRoot root(root_);
   std::string status = platform::RootedPath(platform::kLodexStatusFile);
   unlink(status.c_str());
-  std::vector<std::string> args = {"--foreground", "--stderr",
-                                   "--listen",     "127.0.0.1:" + std::to_string(port_),
-                                   "--peer",       "127.0.0.1:" + std::to_string(peer_port_)};
+  std::vector<std::string> args = {"--foreground", "--stderr", "--listen",
+                                   "127.0.0.1:" + std::to_string(port_), "--peer",
+                                   "127.0.0.1:" + std::to_string(peer_port_)};
   if (!lodexd_.Start(VSK_BINARY_DIR "/daemons/lodexd", args,
                      platform::RootedPath("/var/log/lodexd.log"))) {
     return false;
@@ -212,26 +212,24 @@ void ReplPairTest::StartPair() {
 ChildResult ReplPairTest::AsClientOf(const Engine& e, const std::function<int()>& fn,
                                      std::chrono::milliseconds wait) {
   std::string root = e.root();
-  return RunInChild(
-      [root, fn, wait]() {
-        setenv("VSK_ROOT", root.c_str(), 1);
-        auto end = Clock::now() + wait;
-        vsk_status_t rc = VSK_OK;
-        orvd_ctx_t* h = nullptr;
-        for (;;) {
-          h = orvd_init_handle();
-          orvd_set_reg_type_poll(h);
-          rc = orvd_register(h);
-          if (rc == VSK_OK) break;
-          orvd_unregister(&h);
-          if (Clock::now() > end) return 100 - rc;
-          std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-        int result = fn();
-        orvd_unregister(&h);
-        return result;
-      },
-      wait + std::chrono::seconds(30));
+  return RunInChild([root, fn, wait]() {
+    setenv("VSK_ROOT", root.c_str(), 1);
+    auto end = Clock::now() + wait;
+    vsk_status_t rc = VSK_OK;
+    orvd_ctx_t* h = nullptr;
+    for (;;) {
+      h = orvd_init_handle();
+      orvd_set_reg_type_poll(h);
+      rc = orvd_register(h);
+      if (rc == VSK_OK) break;
+      orvd_unregister(&h);
+      if (Clock::now() > end) return 100 - rc;
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    int result = fn();
+    orvd_unregister(&h);
+    return result;
+  }, wait + std::chrono::seconds(30));
 }
 
 bool ReplPairTest::AllOn(const Engine& e, uint64_t first, uint64_t count) {
