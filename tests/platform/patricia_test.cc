@@ -1,7 +1,5 @@
 // The ordered radix tree against an ordered reference map: random adds, deletes, exact
 // lookups and full ascending walks over keys that are often prefixes of one another.
-#include "vsk/patricia.h"
-
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -10,6 +8,8 @@
 #include <random>
 #include <string>
 #include <vector>
+
+#include "vsk/patricia.h"
 
 namespace {
 
