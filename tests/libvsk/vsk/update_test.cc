@@ -34,7 +34,7 @@ class UpdateTest : public VskTest {
  protected:
   void SetUp() override {
     VskTest::SetUp();
-    ASSERT_EQ(UpAsOrvd(&link_), 0) << traces().Dump();
+    ASSERT_EQ(Up(&link_, true), 0) << traces().Dump();
     shm_ = vsk_snap_get_shared_memory_ptr();
     traces().Clear();
   }
@@ -344,8 +344,7 @@ TEST_F(UpdateTest, CallerTransactionIsNeitherCommittedNorAborted) {
 using UpdateSystemTest = SessionSystemTest;
 
 TEST_F(UpdateSystemTest, UpdateRetriesUntilTheLockGoesOrGivesUpAfterTenPasses) {
-  ASSERT_TRUE(StartOrvd());
-  ASSERT_TRUE(Observe());
+  ASSERT_TRUE(StartSystem());
   ChildResult made = AsClientDaemon([] {
     AttrList attrs{{VSK_USER_NAME, "jo"}, {VSK_SESSION_STATE, U32(1)}};
     vsk_session_id_t id;
@@ -360,7 +359,7 @@ TEST_F(UpdateSystemTest, UpdateRetriesUntilTheLockGoesOrGivesUpAfterTenPasses) {
     HoldRecordLock(holder, 1, -1);
     ASSERT_TRUE(holder.WaitReady());
     ChildResult blocked = AsClientDaemon([] {
-      ShortTimeouts();
+      NoLockWaits();
       UpdateList u;
       u.Replace(VSK_SESSION_STATE, U32(2));
       if (vsk_update_client_session(1, u.get()) != VSK_ERR_RETRY) return 1;
@@ -384,7 +383,7 @@ TEST_F(UpdateSystemTest, UpdateRetriesUntilTheLockGoesOrGivesUpAfterTenPasses) {
   ASSERT_TRUE(holder.WaitReady());
   const int write_fd = fds[1];
   ChildResult retried = AsClientDaemon([write_fd] {
-    ShortTimeouts();
+    NoLockWaits();
     g_signal_fd = write_fd, g_signal_on = ": Failed to read client session 1", g_signal_after = 2;
     vsk_trace_cbk = SignallingTrace;
     UpdateList u;
