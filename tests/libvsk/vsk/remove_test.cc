@@ -241,8 +241,7 @@ TEST_F(RemoveSystemTest, RandomMixOfThreeProcessesMatchesARecount) {
     std::vector<uint64_t> removed;
     int step = 0;
     auto fail = [&](int code, vsk_status_t st) {
-      std::fprintf(stderr, "worker %d step %d: code %d status %d\n", k, step, code, st);
-      return code;
+      return std::fprintf(stderr, "worker %d step %d: status %d\n", k, step, st), code;
     };
     for (; step < kSteps; ++step) {
       const int what = live.size() < 5 ? 0 : pick(10);

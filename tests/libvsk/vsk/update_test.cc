@@ -322,23 +322,6 @@ TEST_F(UpdateTest, PrivateDataGoesWithTheUpdateOrNotAtAll) {
   EXPECT_EQ(PrivateRow(table, 9), blob);
 }
 
-TEST_F(UpdateTest, CallerTransactionIsNeitherCommittedNorAborted) {
-  AttrList attrs{{VSK_USER_NAME, "ida"}};
-  const uint64_t id = Create(attrs, false);
-  vsk_db_txn_t txn{};
-  ASSERT_EQ(vsk_db_start_txn(&txn), 0);
-  UpdateList u;
-  u.Replace(VSK_USER_NAME, "ivy");
-  vsk_session_ids_t ids{};
-  ids.session_id = id;
-  ASSERT_EQ(vsk_update_client_session_internal(ids, nullptr, u.get(), nullptr, 0, nullptr, &txn,
-                                               nullptr, nullptr),
-            0);
-  ASSERT_NE(txn.txn, nullptr) << "still open";
-  vsk_db_abort_txn(&txn, 0);
-  EXPECT_EQ(Row(id, VSK_USER_NAME), "ida") << "the caller's abort undid the update";
-}
-
 // ---- a second process holding the record's write lock ------------------------------------
 
 using UpdateSystemTest = SessionSystemTest;
