@@ -122,13 +122,23 @@ TEST_F(RemoveTest, LastClientOfASharedUnderlyingInterfaceTakesTheDynamicRecord) 
   EXPECT_EQ(vsk_db_get_num_clients_on_uifl("ae7", &n), VSK_ERR_NOT_FOUND);
 }
 
-TEST_F(RemoveTest, NoInterfaceNameGivesMinusSevenAfterAFullRemoval) {
+TEST_F(RemoveTest, NoInterfaceNameOrNoDynamicRecordStillRemovesAll) {
   AttrList attrs{{VSK_SESSION_STATE, U32(3)}, {VSK_USER_NAME, "lou"}};
   const uint64_t id = Create(attrs, true);
   ASSERT_TRUE(vsk_is_session_in_shm(id, shm_));
   // Published: removed completely, and still -7.
   EXPECT_EQ(vsk_remove_client_session(id), VSK_ERR_NOT_FOUND);
   EXPECT_EQ(LeftBehind(id, id), "");
+  EXPECT_EQ(Drift(), "");
+
+  // A session without a dynamic record: traced, and the removal goes on.
+  AttrList bare{{VSK_INTERFACE_NAME, Text("ge-5/0/0")}};
+  const uint64_t plain = EngineTest::Create(bare, false);
+  EXPECT_EQ(vsk_remove_client_session(plain), 0);
+  EXPECT_EQ(traces().Count("Dynamic record not found when removing client session " +
+                           std::to_string(plain)),
+            1);
+  EXPECT_EQ(LeftBehind(plain, plain), "");
   EXPECT_EQ(Drift(), "");
 }
 
