@@ -21,5 +21,6 @@
 #include "vsk/snapshot.h"
 #include "vsk/provdb.h"
 #include "vsk/pfltd.h"
+#include "vsk/session_cache.h"
 
 #endif /* VSK_VSK_H */
