@@ -19,6 +19,7 @@
 #include "vsk/attr.h"
 #include "vsk/tables.h"
 #include "vsk/snapshot.h"
+#include "vsk/attr_read.h"
 #include "vsk/provdb.h"
 #include "vsk/pfltd.h"
 #include "vsk/session_cache.h"
