@@ -524,14 +524,14 @@ vsk_status_t GetSnapshot(vsk_snapshot_handle* h, int action, const vsk_snapshot_
   }
   vsk_status_t st = VSK_OK;
   for (int attempt = 1;; ++attempt) {
+    // A handle that still holds a load (a caller that skipped the free) is emptied first,
+    // so that nothing it owns is lost.
+    if (h->data != nullptr) FreeSnapshot(h);
     h->freed_marker = VSK_SNAPSHOT_BUILDING;
     if (action != VSK_SNAPSHOT_ACTION_GET && filter == nullptr && walk == nullptr) {
       VSK_TRACE("Missing filter with snapshot action %d", action);
       return VSK_ERR_INVALID_PARAM;
     }
-    // A handle that still holds a load (a caller that skipped the free) is emptied first,
-    // so that nothing it owns is lost.
-    if (h->data != nullptr) FreeSnapshot(h);
     h->data = static_cast<vsk_snapshot_data*>(std::calloc(1, sizeof(vsk_snapshot_data)));
     if (h->data == nullptr) return VSK_ERR_NOMEM;
     Pass pass{h, shm, action, filter, nearest};
