@@ -27,8 +27,25 @@ vsk_attr_tree_node_t* FindName(patricia_root_t* tree, const char* name) {
       patricia_get(tree, static_cast<uint16_t>(std::strlen(name) + 1), name));
 }
 
-bool SameText(const void* a, const char* b) {
-  return a != nullptr && b != nullptr && std::strcmp(static_cast<const char*>(a), b) == 0;
+// A value equals `text` when it holds its characters, with or without a closing NUL.
+bool SameValue(const vsk_attr_value_t* v, const char* text) {
+  if (v == nullptr || v->value == nullptr || text == nullptr) return false;
+  const size_t n = std::strlen(text);
+  const auto* bytes = static_cast<const char*>(v->value);
+  return (v->length == n || (v->length == n + 1 && bytes[n] == '\0')) &&
+         std::memcmp(bytes, text, n) == 0;
+}
+
+// A member's `array_value` points at its instance's identifying value, whose length is not
+// kept with the pointer: at most the length of `text` is read.
+bool SameArrayValue(const void* a, const char* text) {
+  return a != nullptr && text != nullptr &&
+         std::strncmp(static_cast<const char*>(a), text, std::strlen(text)) == 0;
+}
+
+// The stored identifying text kept in the handle against an argument.
+bool SameText(const char* kept, const char* text) {
+  return kept != nullptr && text != nullptr && std::strcmp(kept, text) == 0;
 }
 
 // Keeps `text` in `*slot`: an equal string stays, otherwise the old one is replaced by a copy.
@@ -122,7 +139,7 @@ vsk_status_t ReadPlainOrMember(vsk_snapshot_handle* h, const char* name, const c
   if (h->array_attr_name == nullptr && h->array_attr_value != nullptr) return VSK_ERR_NOT_FOUND;
   for (vsk_attr_value_t* v = list->next; v != nullptr; v = v->next) {
     const bool match = h->array_attr_name != nullptr ? v->array_id == h->array_id
-                       : array_value != nullptr      ? SameText(v->array_value, array_value)
+                       : array_value != nullptr      ? SameArrayValue(v->array_value, array_value)
                                                      : true;
     if (match) {
       *out = v;
@@ -218,7 +235,7 @@ vsk_status_t vsk_get_dynamic_array_config_attr_str(vsk_snapshot_handle* h, vsk_s
         return st;
       }
       const vsk_array_index_node_t* at = h->level_cursor[lvl];
-      if (at->entry != nullptr && SameText(at->entry->value, array_value)) {
+      if (SameValue(at->entry, array_value)) {
         *out = at->entry;
         return VSK_OK;
       }
@@ -229,7 +246,7 @@ vsk_status_t vsk_get_dynamic_array_config_attr_str(vsk_snapshot_handle* h, vsk_s
       return VSK_ERR_NOT_FOUND;
     }
     for (vsk_attr_value_t* v = list->next; v != nullptr; v = v->next) {
-      if (SameText(v->array_value, array_value)) {
+      if (SameArrayValue(v->array_value, array_value)) {
         root = h->array_root = v->parent_index;
         break;
       }

@@ -291,6 +291,47 @@ TEST_F(SnapshotTest, HandlesFreedInEveryOrderLeakNothing) {
   vsk_free_snapshot_handle(&w);
 }
 
+// Arrays read through the cursor: an instance by its identifying value, its members, the
+// instances in turn by mode, and the refusal of a member read by plain name.
+TEST_F(SnapshotTest, ArrayCursorReadsInstancesAndTheirMembers) {
+  AttrList client{{VSK_USER_NAME, Text("arr")}};
+  DynList dyn;
+  dyn.Add("kelvo-plain", "p")
+      .Add("filter", "in", VSK_ARRAY_START_TLV)
+      .Add("rate", "10", VSK_ARRAY_MEMBER_TLV)
+      .Add("filter", "out", VSK_ARRAY_START_TLV)
+      .Add("rate", "20", VSK_ARRAY_MEMBER_TLV);
+  ASSERT_EQ(PutSession({300, &client, &dyn}), 0);
+  vsk_snapshot_handle h{};
+  h.client_session_id = 300;
+  ASSERT_EQ(vsk_get_snapshot(&h), 0);
+  auto text = [](const vsk_attr_value_t* v) {
+    return std::string(static_cast<const char*>(v->value), v->length);
+  };
+  EXPECT_EQ(DynamicValue(&h, 0, "rate"), "st-16") << "a member is not read by plain name";
+  vsk_attr_value_t* v = nullptr;
+  ASSERT_EQ(vsk_get_dynamic_array_config_attr_str(&h, 0, "filter", "out", &v, 1), 0);
+  EXPECT_EQ(text(v), "out");
+  ASSERT_EQ(vsk_get_dynamic_array_config_attr_str(&h, 0, "rate", nullptr, &v, 2), 0);
+  EXPECT_EQ(text(v), "20") << "the member of the instance reached";
+  ASSERT_EQ(vsk_get_dynamic_array_config_attr_str(&h, 0, "kelvo-plain", nullptr, &v, 1), 0);
+  EXPECT_EQ(text(v), "p");
+  EXPECT_EQ(vsk_get_dynamic_array_config_attr_str(&h, 0, "filter", "none", &v, 1), -7);
+  vsk_cleanup_after_arrays(&h);
+  // Instances in turn by mode, then the end.
+  std::vector<std::string> seen;
+  int mode = VSK_ARRAY_READ_BEGIN;
+  while (vsk_get_dynamic_array_config_attr_str(&h, 0, "filter", nullptr, &v, mode) == 0 &&
+         seen.size() < 5) {
+    seen.push_back(text(v));
+    mode = VSK_ARRAY_READ_NEXT;
+  }
+  EXPECT_EQ(seen, (std::vector<std::string>{"in", "out"}));
+  EXPECT_EQ(vsk_get_dynamic_array_config_attr_str(nullptr, 0, "filter", nullptr, &v, 1), -6);
+  vsk_free_snapshot_handle(&h);
+  EXPECT_EQ(h.array_attr_name, nullptr);
+}
+
 TEST(ToaTest, DigitsComeLowestFirstAsPublished) {
   struct {
     uint64_t value;
