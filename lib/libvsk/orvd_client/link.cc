@@ -16,7 +16,10 @@
 #include <string>
 
 #include "libvsk/base/byte_reader.h"
+#include "libvsk/base/role.h"
+#include "libvsk/base/status.h"
 #include "libvsk/orvd_client/wire.h"
+#include "libvsk/store/env.h"
 #include "platform/logging.h"
 #include "platform/mgtlib_issu.h"
 #include "platform/paths.h"
@@ -136,7 +139,8 @@ void ReadMessage(orvd_ctx* ctx) {
     ctx->reg_ack = true;
     return;
   }
-  ORVD_TRACE(ctx, "VSK env is invalid: %s", ack.error == 0 ? "OK" : vsk_get_err_msg(ack.error));
+  ORVD_TRACE(ctx, "VSK env is invalid: %s",
+             ack.error == 0 ? "OK" : vsk::base::ErrorText(ack.error));
   // -11: the environment is being recovered under us; the close must not touch it.
   if (ack.error == VSK_ERR_RECOVERING) vsk_in_panic = true;
   orvd_reg_cleanup(ctx, true, true);
@@ -177,7 +181,7 @@ vsk_status_t ConnectAndRegister(orvd_ctx* ctx) {
   } else {
     ORVD_TRACE(ctx, "Send registration message to ORVD");
   }
-  uint8_t role = vsk_db_rep_is_master() ? kRoleMaster : kRoleStandby;
+  uint8_t role = vsk::base::IsMaster() ? kRoleMaster : kRoleStandby;
   if (SendRegister(ctx, role, VSK_OK) != VSK_OK) {
     ORVD_TRACE(ctx, "Failed to send registration message");
     return VSK_ERR_ORVD_FATAL;
@@ -264,7 +268,7 @@ void orvd_reg_cleanup(orvd_ctx_t* ctx, bool take_down, bool start_timer) {
     ORVD_TRACE(ctx, "Start a timer to try to reregister with ORVD");
     wtimer_start_oneshot_precise(ctx->timer_leaf, &ctx->timer_interval, 0);
   }
-  if (take_down) vsk_db_event_down(ctx);
+  if (take_down) vsk::store::EventDown(ctx);
 }
 
 void orvd_select_fd_read(orvd_ctx_t* ctx) {

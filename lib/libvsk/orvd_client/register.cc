@@ -15,8 +15,12 @@
 
 #include <cstdlib>
 
+#include "libvsk/base/role.h"
+#include "libvsk/base/status.h"
 #include "libvsk/orvd_client/link.h"
 #include "libvsk/orvd_client/wire.h"
+#include "libvsk/store/capability.h"
+#include "libvsk/store/env.h"
 #include "libvsk/store/joins.h"
 #include "platform/hwframe.h"
 #include "platform/logging.h"
@@ -30,7 +34,7 @@ namespace {
 
 // The shared state that orvd rebuilds is usable by clients of this routing engine.
 bool SharedStateReady() {
-  if (!vsk_db_rep_is_master()) return true;
+  if (!vsk::base::IsMaster()) return true;
   return vsk_db_status != nullptr && *vsk_db_status == VSK_DB_STATUS_READY;
 }
 
@@ -41,9 +45,9 @@ void TellEnvironment(orvd_ctx* ctx) {
   ctx->db_env_change_cbk(env);
 }
 
-// Steps 5 and 6 of the start-up: the store, then the interface table.
+// The store, then the interface table: each needs the one before.
 vsk_status_t OpenStore(orvd_ctx* ctx, bool is_orvd) {
-  vsk_status_t rc = vsk_db_init(ctx, is_orvd);
+  vsk_status_t rc = vsk::store::Init(ctx, is_orvd);
   if (rc == VSK_OK) rc = vsk_db_secondary_init(is_orvd);
   return rc;
 }
@@ -85,13 +89,13 @@ vsk_status_t orvd_register(orvd_ctx_t* ctx) {
   if (!VSK_INSIST(ctx)) return VSK_ERR_ORVD_FATAL;
   if (!VSK_INSIST(!ctx->user_reg)) return VSK_ERR_ORVD_FATAL;
   if (ctx->issu_enabled && ctx->issu_prepare_cbk == nullptr) return VSK_ERR_ORVD_FATAL;
-  if (!vsk_db_supported()) {
+  if (!vsk::store::Supported()) {
     ORVD_TRACE(ctx, "ORVD not supported on this platform");
     return VSK_ERR_UNSUPPORTED;
   }
   ctx->is_orvd = vsk::platform::IsOrvdProgram();
   vsk_db_set_master(hwframe_is_vc_or_single_re_protocol_master());
-  ORVD_TRACE(ctx, "ORVD db: %s", vsk_db_rep_is_master() ? "Master" : "Standby");
+  ORVD_TRACE(ctx, "ORVD db: %s", vsk::base::IsMaster() ? "Master" : "Standby");
 
   if (ctx->reg_type_event && ctx->timer_root == nullptr) {
     ctx->timer_root = wtimer_init(ctx->event_ctx, 0);
@@ -117,7 +121,7 @@ vsk_status_t orvd_register(orvd_ctx_t* ctx) {
 
   vsk_status_t rc = OpenStore(ctx, ctx->is_orvd);
   if (rc != VSK_OK) {
-    ORVD_TRACE(ctx, "Failed to open VSK %s", vsk_get_err_msg(rc));
+    ORVD_TRACE(ctx, "Failed to open VSK %s", vsk::base::ErrorText(rc));
     if (!ctx->is_orvd) {
       vsk::orvd::SendRegister(ctx, vsk::orvd::kRoleLeaving, rc);
       orvd_reg_cleanup(ctx, false, false);
@@ -127,7 +131,7 @@ vsk_status_t orvd_register(orvd_ctx_t* ctx) {
   }
   if (ctx->is_orvd) {
     ORVD_TRACE(ctx, "Successfully opened VSK");
-    if (vsk_db_rep_is_master()) {
+    if (vsk::base::IsMaster()) {
       rc = vsk_db_secondary_recover();
       if (rc != VSK_OK) {
         ORVD_TRACE(ctx, "Failed to recover VSK");
@@ -147,7 +151,7 @@ vsk_status_t orvd_register(orvd_ctx_t* ctx) {
 vsk_status_t orvd_reregister(orvd_ctx_t* ctx) {
   if (!VSK_INSIST(ctx)) return VSK_ERR_ORVD_FATAL;
   if (!VSK_INSIST(!ctx->is_orvd)) return VSK_ERR_ORVD_FATAL;
-  if (!vsk_db_supported()) {
+  if (!vsk::store::Supported()) {
     ORVD_TRACE(ctx, "ORVD not supported on this platform");
     return VSK_ERR_UNSUPPORTED;
   }
@@ -167,7 +171,8 @@ vsk_status_t orvd_reregister(orvd_ctx_t* ctx) {
   }
   rc = OpenStore(ctx, false);
   if (rc != VSK_OK) {
-    ORVD_TRACE(ctx, "Failed to init session db %sn", vsk_get_err_msg(rc));
+    // Published text: the "n" after the message is part of it (a lost backslash).
+    ORVD_TRACE(ctx, "Failed to init session db %sn", vsk::base::ErrorText(rc));
     orvd_reg_cleanup(ctx, true, true);
     return VSK_ERR_ORVD_FATAL;
   }

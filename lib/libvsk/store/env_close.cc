@@ -11,6 +11,8 @@
 #include <db.h>
 
 #include "libvsk/base/trace.h"
+#include "libvsk/store/dyn_db_internal.h"
+#include "libvsk/store/env.h"
 #include "libvsk/store/env_internal.h"
 #include "libvsk/store/joins.h"
 #include "platform/lodex.h"
@@ -29,9 +31,7 @@ bool Closable(DB* db, bool fixed) {
 }  // namespace
 }  // namespace vsk::store
 
-extern "C" {
-
-int vsk_db_close(void) {
+int vsk::store::Close() {
   using namespace vsk::store;
   StoreContext* ctx = Context();
   if (ctx == nullptr || ctx->dbenv == nullptr) return 0;
@@ -56,7 +56,7 @@ int vsk_db_close(void) {
   for (const FixedTable& t : kFixedTables) {
     DB*& slot = ctx->*t.slot;
     if (Closable(slot, true)) {
-      int ret = dyn_db_close(slot);
+      int ret = vsk::store::DynClose(slot);
       if (ret == 0) {
         VSK_TRACE("%s", t.closed);
       } else {
@@ -68,7 +68,7 @@ int vsk_db_close(void) {
   }
   for (DB*& slot : ctx->app_defined_db) {
     if (Closable(slot, false)) {
-      int ret = dyn_db_close(slot);
+      int ret = vsk::store::DynClose(slot);
       if (ret == 0) {
         VSK_TRACE("closed private data database\n");
       } else {
@@ -87,6 +87,7 @@ int vsk_db_close(void) {
     if (join == nullptr || join->close == nullptr) continue;
     const int ret = join->close();
     if (ret == 0) {
+      // In a panic a join only forgets its handles: nothing was closed to report.
       if (join->closed != nullptr && !vsk_in_panic) VSK_TRACE("%s", join->closed);
     } else {
       if (join->close_failed != nullptr) VSK_TRACE(join->close_failed, db_strerror(ret));
@@ -116,7 +117,9 @@ int vsk_db_close(void) {
   return failed ? -1 : 0;
 }
 
-void vsk_db_event_down(orvd_ctx* handle) {
+extern "C" int vsk_db_close(void) { return vsk::store::Close(); }
+
+void vsk::store::EventDown(orvd_ctx* handle) {
   using namespace vsk::store;
   StoreContext* ctx = Context();
   if (ctx == nullptr) return;
@@ -128,11 +131,13 @@ void vsk_db_event_down(orvd_ctx* handle) {
   if (InstalledLinkHooks().went_down != nullptr) {
     InstalledLinkHooks().went_down(link);
   } else {
-    vsk_db_close();
+    vsk::store::Close();
   }
 }
 
-void vsk_db_event_recover(void) {
+extern "C" void vsk_db_event_down(orvd_ctx* handle) { vsk::store::EventDown(handle); }
+
+void vsk::store::EventRecover() {
   using namespace vsk::store;
   StoreContext* ctx = Context();
   if (ctx != nullptr && ctx->state == VSK_ENV_READY) {
@@ -141,4 +146,4 @@ void vsk_db_event_recover(void) {
   }
 }
 
-}  // extern "C"
+extern "C" void vsk_db_event_recover(void) { vsk::store::EventRecover(); }

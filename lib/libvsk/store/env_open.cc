@@ -17,7 +17,12 @@
 #include <cstring>
 #include <string>
 
+#include "libvsk/base/role.h"
+#include "libvsk/base/status.h"
 #include "libvsk/base/trace.h"
+#include "libvsk/store/capability.h"
+#include "libvsk/store/dyn_db_internal.h"
+#include "libvsk/store/env.h"
 #include "libvsk/store/env_internal.h"
 #include "libvsk/store/joins.h"
 #include "platform/lodex.h"
@@ -64,7 +69,7 @@ class EnvSetup {
     ctx_->dbenv = nullptr;
     int cret = env->close(env, 0);
     if (cret != 0) VSK_TRACE("DB environment cleanup failed: %s", db_strerror(cret));
-    status_ = get_vsk_err(ret);
+    status_ = vsk::base::TranslateError(ret);
     return false;
   }
   vsk_status_t status() const { return status_; }
@@ -74,10 +79,10 @@ class EnvSetup {
   vsk_status_t status_ = VSK_OK;
 };
 
-// Step 2: every parameter, in order. False with the status in `setup` on a failure.
+// Every environment parameter, in order. False with the status in `setup` on a failure.
 bool SetParameters(StoreContext* ctx, bool is_orvd, EnvSetup& setup) {
   DB_ENV* env = ctx->dbenv;
-  const bool master = vsk_db_rep_is_master();
+  const bool master = vsk::base::IsMaster();
   env->set_errcall(env, ErrorCallback);
   return setup.Step(env->set_timeout(env, kTxnTimeoutUs, DB_SET_TXN_TIMEOUT),
                     "Failed to set txn timeout on db env: %s") &&
@@ -101,11 +106,11 @@ bool SetParameters(StoreContext* ctx, bool is_orvd, EnvSetup& setup) {
                     "Error setting DB environment flags: %s");
 }
 
-// Step 6. Every process attaches to the outbound queue and names its transport: on the
+// Replication: every process attaches to the outbound queue and names its transport: on the
 // master a joiner that writes (even a table open logs) must have one.
 vsk_status_t SetUpReplication(DB_ENV* env, bool is_orvd) {
-  const bool master = vsk_db_rep_is_master();
-  const uint32_t size = vsk_db_support_scaling() ? kScaledQueueBytes : kQueueBytes;
+  const bool master = vsk::base::IsMaster();
+  const uint32_t size = vsk::store::SupportScaling() ? kScaledQueueBytes : kQueueBytes;
   VSK_TRACE("Set replication queue size %u", size);
   if (lodex_init(env, size) != 0) {
     VSK_TRACE("Error init replication message queue: %s", lodex_get_err_msg());
@@ -146,7 +151,7 @@ vsk_status_t SetUpReplication(DB_ENV* env, bool is_orvd) {
 // brought the table yet.
 vsk_status_t TableOpenFailure(StoreContext* ctx, int ret, const char* not_available,
                               const char* failed) {
-  if (ret == ENOENT && !vsk_db_rep_is_master()) {
+  if (ret == ENOENT && !vsk::base::IsMaster()) {
     VSK_TRACE(not_available, db_strerror(ENOENT));
     ctx->state = VSK_ENV_NOT_REPLICATED;
     return VSK_ERR_REP_NOT_STARTED;
@@ -171,17 +176,17 @@ vsk_status_t OpenJoins(StoreContext* ctx, bool creator, JoinSlot first, JoinSlot
 }
 
 vsk_status_t OpenTables(StoreContext* ctx) {
-  const bool master = vsk_db_rep_is_master();
+  const bool master = vsk::base::IsMaster();
   for (const FixedTable& t : kFixedTables) {
     DB* db = nullptr;
-    int ret = dyn_db_open(&db, ctx->dbenv, t.name, 0, master);
+    int ret = vsk::store::DynOpen(&db, ctx->dbenv, t.name, 0, master);
     if (ret != 0) return TableOpenFailure(ctx, ret, t.not_available, t.open_failed);
     ctx->*t.slot = db;
   }
   // Application-defined tables defined before a close come back under their names.
   for (int16_t id = 0; id < VSK_APP_DEFINED_TABLES; ++id) {
     if (ctx->app_defined_db[id] != nullptr || vsk_app_defined[id].name == nullptr) continue;
-    vsk_status_t st = vsk_db_app_define(id, vsk_app_defined[id].name);
+    vsk_status_t st = vsk::store::AppDefine(id, vsk_app_defined[id].name);
     if (st != VSK_OK) {
       VSK_TRACE("Failed to init application defined table id %d, ret %d", id, st);
       // Unlike the fixed tables, any failure here is fatal to the open, the standby's
@@ -198,9 +203,7 @@ vsk_status_t OpenTables(StoreContext* ctx) {
 
 using vsk::store::StoreContext;
 
-extern "C" {
-
-vsk_status_t vsk_db_init(orvd_ctx* orvd_handle, bool is_orvd) {
+vsk_status_t vsk::store::Init(orvd_ctx* orvd_handle, bool is_orvd) {
   using namespace vsk::store;
   if (Context() != nullptr && Context()->state == VSK_ENV_READY) {
     VSK_TRACE("VSK already open");
@@ -212,7 +215,7 @@ vsk_status_t vsk_db_init(orvd_ctx* orvd_handle, bool is_orvd) {
   ctx->state = VSK_ENV_INIT;
   ctx->pid = getpid();
   ctx->orvd_handle = orvd_handle;
-  const bool master = vsk_db_rep_is_master();
+  const bool master = vsk::base::IsMaster();
   VSK_TRACE("VSK open as: %s", master ? "Master" : "Standby");
 
   int ret = db_env_create(&ctx->dbenv, 0);
@@ -229,12 +232,12 @@ vsk_status_t vsk_db_init(orvd_ctx* orvd_handle, bool is_orvd) {
   if (ret != 0) {
     VSK_TRACE("Error opening DB environment: %s", db_strerror(ret));
     ctx->dbenv = nullptr;  // forgotten, not closed
-    return get_vsk_err(ret);
+    return vsk::base::TranslateError(ret);
   }
   ctx->state = VSK_ENV_OPENED;
   ctx->dbenv->set_event_notify(ctx->dbenv, EventCallback);
 
-  if (!vsk_db_rep_supported()) {
+  if (!vsk::store::RepSupported()) {
     VSK_TRACE("Replication not supported on platform");
   } else {
     vsk_status_t st = SetUpReplication(ctx->dbenv, is_orvd);
@@ -260,4 +263,6 @@ vsk_status_t vsk_db_init(orvd_ctx* orvd_handle, bool is_orvd) {
   return VSK_OK;
 }
 
-}  // extern "C"
+extern "C" vsk_status_t vsk_db_init(orvd_ctx* orvd_handle, bool is_orvd) {
+  return vsk::store::Init(orvd_handle, is_orvd);
+}

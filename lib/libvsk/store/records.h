@@ -144,4 +144,17 @@ int WalkSections(base::ByteReader& r, Handler handler) {
 // Shared by the client and service decoders: does a record with these bits pass `mask`?
 bool ConfigBitsPass(const uint8_t* bits, uint16_t bits_len, const uint8_t* mask, uint16_t mask_len);
 
+void ReleaseSessionAttrs(vsk_attr_list_t** slot, bool free_values);
+void ReleaseClientSession(vsk_client_session_t* rec, bool free_raw);
+void ReleaseServiceSession(vsk_service_session_t* rec, bool free_raw);
+void ReleaseAuthInfo(vsk_auth_info_t* rec, bool free_raw);
+void ReleaseDynamicConfig(vsk_dynamic_config_t* rec, bool free_raw);
+void ReleaseAppPriData(vsk_app_data_t* rec, bool free_raw);
+void ReleaseKeySessionId(vsk_session_key_t* key, bool free_raw);
+void ReleaseKeyAppPriId(vsk_session_key_t* key, bool free_raw);
+void ReleaseKeyAppDefId(vsk_app_def_key_t* key, bool free_raw);
+vsk_status_t ClientSessionEmpty(vsk_client_session_t** out);
+vsk_status_t AuthInfoEmpty(vsk_auth_info_t** out);
+vsk_status_t DynamicConfigEmpty(vsk_dynamic_config_t** out);
+
 }  // namespace vsk::store

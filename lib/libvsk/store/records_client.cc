@@ -82,7 +82,7 @@ int DecodeClientRecord(void* out, void* data, uint32_t size, const uint8_t* mask
   if (auto early = ReadVersion(r, true)) return *early;
   // A failure that gives the object up: released (not its buffer) and *out cleared.
   auto give_up = [&](int result) {
-    vsk_db_release_client_session(rec, true);
+    vsk::store::ReleaseClientSession(rec, true);
     *slot = nullptr;
     return SectionVerdict::Return(result);
   };

@@ -40,7 +40,7 @@ int DecodeServiceRecord(void* out, void* data, uint32_t size, const uint8_t* mas
                             if (result == 0) return SectionVerdict::Next();
                             // Cleared here too, so that no caller can release the object a second
                             // time.
-                            vsk_db_release_service_session(rec, true);
+                            vsk::store::ReleaseServiceSession(rec, true);
                             *slot = nullptr;
                             return SectionVerdict::Return(result);
                           }

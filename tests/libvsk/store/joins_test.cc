@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "libvsk/store/context.h"
+#include "libvsk/store/view.h"
 #include "store_helpers.h"
 #include "support/harness.h"
 
@@ -24,11 +24,11 @@ int g_stats_result = 0;
 int g_prov_close_result = 0;
 
 vsk_status_t OpenStats(bool creator) {
-  const store::StoreContext* ctx = store::Context();
+  const store::View store;
   // The session tables are open, the environment is there, the store is not ready yet.
   g_seen.push_back(std::string("open stats ") + (creator ? "creator " : "joiner ") +
-                   std::to_string(ctx->state) + (store::Environment() != nullptr ? " env" : "") +
-                   (ctx->client_session_db != nullptr ? " tables" : ""));
+                   std::to_string(store.state()) + (store::Environment() != nullptr ? " env" : "") +
+                   (store.client_session_db() != nullptr ? " tables" : ""));
   return g_stats_result;
 }
 vsk_status_t OpenProvisioning(bool) {
@@ -45,6 +45,11 @@ class StoreJoinTest : public VskTest {
     g_seen.clear();
     g_stats_result = 0;
     g_prov_close_result = 0;
+    // The joins registered from above, put back after the test.
+    for (JoinSlot slot : {JoinSlot::kStatistics, JoinSlot::kProvisioning}) {
+      const StoreJoin* join = store::JoinAt(slot);
+      saved_[static_cast<size_t>(slot)] = join != nullptr ? *join : StoreJoin{};
+    }
     store::RegisterJoin(
         JoinSlot::kProvisioning,
         {"provisioning", OpenProvisioning, CloseProvisioning, "prov not available %s",
@@ -54,11 +59,13 @@ class StoreJoinTest : public VskTest {
                          "stats failed %s", "stats closed", "stats close failed %s"});
   }
   void TearDown() override {
-    store::RegisterJoin(JoinSlot::kStatistics, StoreJoin{});
-    store::RegisterJoin(JoinSlot::kProvisioning, StoreJoin{});
+    store::RegisterJoin(JoinSlot::kStatistics, saved_[static_cast<size_t>(JoinSlot::kStatistics)]);
+    store::RegisterJoin(JoinSlot::kProvisioning,
+                        saved_[static_cast<size_t>(JoinSlot::kProvisioning)]);
     VskTest::TearDown();
   }
   orvd_ctx link_{};
+  StoreJoin saved_[store::kJoinSlots] = {};
 };
 
 TEST_F(StoreJoinTest, SideStoresOpenBehindTheTablesAndCloseBeforeTheEnvironment) {
