@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <cstring>
 #include <deque>
 #include <string>
 #include <utility>
@@ -13,101 +12,76 @@
 namespace vsk::test {
 
 inline std::string U32(uint32_t v) { return std::string(reinterpret_cast<char*>(&v), 4); }
-inline std::string Text(const char* s) { return std::string(s) + '\0'; }
+inline std::string Text(const std::string& s) { return s + '\0'; }
 
-class AttrList {
+// A list of nodes of type Node with a head of type List, appended in order.
+template <typename Node, typename List>
+class ListOf {
  public:
-  AttrList(std::initializer_list<std::pair<uint16_t, std::string>> items = {}) {
-    vsk_attr_list_init(&list_);
-    for (const auto& [type, value] : items) Add(type, value);
-  }
-  AttrList(const AttrList&) = delete;
-  AttrList& operator=(const AttrList&) = delete;
+  ListOf() { list_.first = nullptr, list_.last = &list_.first; }
+  ListOf(const ListOf&) = delete;
+  ListOf& operator=(const ListOf&) = delete;
+  List* get() { return &list_; }
 
-  AttrList& Add(uint16_t type, std::string value) {
-    values_.push_back(std::move(value));
-    std::string& v = values_.back();
-    nodes_.push_back({type, static_cast<uint16_t>(v.size()), v.data(), nullptr});
-    vsk_attr_list_append(&list_, &nodes_.back());
-    return *this;
+ protected:
+  // Keeps `value` and returns its bytes.
+  std::string& Keep(std::string value) { return values_.emplace_back(std::move(value)); }
+  void Append(const Node& node) {
+    Node& n = nodes_.emplace_back(node);
+    n.next = nullptr;
+    *list_.last = &n;
+    list_.last = &n.next;
   }
-  vsk_attr_list_t* get() { return &list_; }
 
  private:
-  vsk_attr_list_t list_;
-  std::deque<vsk_attr_t> nodes_;
+  List list_;
+  std::deque<Node> nodes_;
   std::deque<std::string> values_;
 };
 
-class UpdateList {
- public:
-  UpdateList() { list_.first = nullptr, list_.last = &list_.first; }
-  UpdateList(const UpdateList&) = delete;
-  UpdateList& operator=(const UpdateList&) = delete;
+struct AttrList : ListOf<vsk_attr_t, vsk_attr_list_t> {
+  AttrList(std::initializer_list<std::pair<uint16_t, std::string>> items = {}) {
+    for (const auto& [type, value] : items) Add(type, value);
+  }
+  AttrList& Add(uint16_t type, std::string value) {
+    std::string& v = Keep(std::move(value));
+    Append({type, static_cast<uint16_t>(v.size()), v.data(), nullptr});
+    return *this;
+  }
+};
 
-  // `value` goes to value/length, `new_value` to new_value/new_length.
+struct UpdateList : ListOf<vsk_attr_update_t, vsk_attr_update_list_t> {
+  // `value` goes to value/length, `new_value` to new_value/new_length; empty means null.
   UpdateList& Add(uint16_t type, uint32_t action, std::string value, std::string new_value = {}) {
-    values_.push_back(std::move(value));
-    std::string& v = values_.back();
-    values_.push_back(std::move(new_value));
-    std::string& n = values_.back();
+    std::string& v = Keep(std::move(value));
+    std::string& n = Keep(std::move(new_value));
     vsk_attr_update_t e{};
-    e.type = type;
-    e.action = action;
-    e.length = static_cast<uint32_t>(v.size());
-    e.value = v.empty() ? nullptr : v.data();
-    e.new_length = static_cast<uint32_t>(n.size());
-    e.new_value = n.empty() ? nullptr : n.data();
-    nodes_.push_back(e);
-    *list_.last = &nodes_.back();
-    list_.last = &nodes_.back().next;
+    e.type = type, e.action = action;
+    e.length = static_cast<uint32_t>(v.size()), e.value = v.empty() ? nullptr : v.data();
+    e.new_length = static_cast<uint32_t>(n.size()), e.new_value = n.empty() ? nullptr : n.data();
+    Append(e);
     return *this;
   }
   UpdateList& Replace(uint16_t type, std::string new_value) {
     return Add(type, VSK_ATTR_ACTION_ADD_OR_REPLACE, {}, std::move(new_value));
   }
-  vsk_attr_update_list_t* get() { return &list_; }
-
- private:
-  vsk_attr_update_list_t list_;
-  std::deque<vsk_attr_update_t> nodes_;
-  std::deque<std::string> values_;
 };
 
-class DynList {
- public:
+struct DynList : ListOf<vsk_dyn_attr_t, vsk_dyn_attr_list_t> {
   DynList(std::initializer_list<std::pair<std::string, std::string>> items = {}) {
-    list_.first = nullptr, list_.last = &list_.first;
     for (const auto& [name, value] : items) Add(name, value);
   }
-  DynList(const DynList&) = delete;
-  DynList& operator=(const DynList&) = delete;
-
   DynList& Add(std::string name, std::string value, uint16_t tag = VSK_ARRAY_NONE) {
-    names_.push_back(std::move(name));
-    values_.push_back(std::move(value));
-    vsk_dyn_attr_t e{};
-    e.name = names_.back().data();
-    e.length = static_cast<uint32_t>(values_.back().size());
-    e.value = values_.back().data();
-    e.array_tag = tag;
-    nodes_.push_back(e);
-    *list_.last = &nodes_.back();
-    list_.last = &nodes_.back().next;
+    std::string& n = Keep(std::move(name));
+    std::string& v = Keep(std::move(value));
+    Append({nullptr, n.data(), static_cast<uint32_t>(v.size()), v.data(), tag});
     return *this;
   }
-  vsk_dyn_attr_list_t* get() { return &list_; }
-
- private:
-  vsk_dyn_attr_list_t list_;
-  std::deque<vsk_dyn_attr_t> nodes_;
-  std::deque<std::string> names_, values_;
 };
 
-// The value of `type` in a decoded list as bytes; "<absent>" when there is none.
+// The first value of `type` in a decoded list as bytes; "<absent>" when there is none.
 inline std::string ValueOf(const vsk_attr_list_t* list, uint16_t type) {
-  if (list == nullptr) return "<absent>";
-  const vsk_attr_t* a = vsk_get_attribute_from_list(list, type);
+  const vsk_attr_t* a = list != nullptr ? vsk_get_attribute_from_list(list, type) : nullptr;
   return a != nullptr ? std::string(static_cast<const char*>(a->value), a->length) : "<absent>";
 }
 

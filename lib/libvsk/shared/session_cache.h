@@ -30,6 +30,9 @@ namespace vsk::cache {
 
 // The attached snapshot segment, or null.
 void* Segment();
+// The id block's cache position: ((id - 1) mod 1500) x 1500, cut to 16 bits (published;
+// not an offset the cache itself uses).
+uint16_t CachePosition(uint64_t id);
 
 // ---- slot ownership --------------------------------------------------------------------
 // True when `shm` is non-null, `id` is not 0 and the slot holds `id`. `shm` may be null.

@@ -2,6 +2,7 @@
 #include "libvsk/base/trace.h"
 #include "libvsk/shared/session_cache.h"
 #include "vsk/session_cache.h"
+#include "vsk/shared.h"
 
 namespace {
 
@@ -25,6 +26,15 @@ bool vsk_is_session_in_shm(vsk_session_id_t id, void* shm) { return vsk::cache::
 void vsk_clear_session_in_shm(vsk_session_id_t id, void* shm) { vsk::cache::Clear(shm, id); }
 
 void vsk_shm_wait(void) { vsk::cache::Wait(); }
+
+int vsk_get_shared_mem(vsk_session_ids_t* ids) {
+  if (ids == nullptr) {
+    VSK_TRACE("%s: null id block", "vsk_get_shared_mem");
+    return 0;
+  }
+  ids->shm_offset = vsk::cache::CachePosition(ids->session_id);
+  return 0;
+}
 
 vsk_status_t vsk_create_session_data_in_shm(const vsk_session_ids_t* ids,
                                             vsk_session_id_t dynamic_id,

@@ -9,7 +9,10 @@
 #include <cstring>
 
 #include "libvsk/base/byte_reader.h"
+#include "libvsk/base/status.h"
 #include "libvsk/shared/session_cache_internal.h"
+#include "libvsk/store/records.h"
+#include "libvsk/store/tables.h"
 #include "vsk/tables.h"
 
 namespace vsk::cache {
@@ -237,47 +240,47 @@ vsk_status_t WriteSessionToTables(void* shm, uint64_t id, uint64_t dynamic_id,
   vsk_status_t st = VSK_OK;
   if (dynamic_record == nullptr) {
     vsk_dynamic_config_t* built = nullptr;
-    st = vsk_db_dynamic_config_empty(&built);
+    st = store::DynamicConfigEmpty(&built);
     if (st == VSK_OK) st = ToDynamicRecord(nullptr, shm, id, built);
     if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
       VSK_TRACE(
           "Failed to locate dynamic configuration record for snapshot by dynamic session id "
           "%llu, err=%s",
-          Ull(dynamic_id), vsk_get_err_msg(st));
-      vsk_db_release_dynamic_config(built, false);
+          Ull(dynamic_id), base::ErrorText(st));
+      store::ReleaseDynamicConfig(built, false);
       return st;
     }
-    st = vsk_db_put_dynamic_config(txn, &dynamic_id, built);
-    vsk_db_release_dynamic_config(built, false);
+    st = store::PutDynamicConfig(txn, &dynamic_id, built);
+    store::ReleaseDynamicConfig(built, false);
   } else {
-    st = vsk_db_put_dynamic_config(txn, &dynamic_id, dynamic_record);
+    st = store::PutDynamicConfig(txn, &dynamic_id, dynamic_record);
   }
   if (st != VSK_OK) return st;
 
   vsk_client_session_t* client = nullptr;
-  st = vsk_db_client_session_empty(&client);
+  st = store::ClientSessionEmpty(&client);
   if (st == VSK_OK) st = ToSessionRecord(nullptr, shm, id, client);
   if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
     VSK_TRACE(
         "Failed to locate client configuration record for snapshot by client session id %llu, "
         "err=%s",
-        Ull(id), vsk_get_err_msg(st));
-    vsk_db_release_client_session(client, false);
+        Ull(id), base::ErrorText(st));
+    store::ReleaseClientSession(client, false);
     return st;
   }
-  st = vsk_db_put_client_session(txn, &id, client);
-  vsk_db_release_client_session(client, false);
+  st = store::PutClientSession(txn, &id, client);
+  store::ReleaseClientSession(client, false);
   if (st != VSK_OK) return st;
 
   for (bool is_request : {true, false}) {
     vsk_auth_info_t* auth = nullptr;
-    st = vsk_db_auth_info_empty(&auth);
+    st = store::AuthInfoEmpty(&auth);
     if (st == VSK_OK) st = ToAuthRecord(shm, id, is_request, auth);
     if (st == VSK_OK) {
-      st = is_request ? vsk_db_put_auth_request(txn, &id, auth)
-                      : vsk_db_put_auth_response(txn, &id, auth);
+      st = is_request ? store::PutAuthRequest(txn, &id, auth)
+                      : store::PutAuthResponse(txn, &id, auth);
     }
-    vsk_db_release_auth_info(auth, false);
+    store::ReleaseAuthInfo(auth, false);
     if (st != VSK_OK) return st;
   }
   return VSK_OK;

@@ -12,8 +12,8 @@
 #include <cstring>
 
 #include "libvsk/base/byte_reader.h"
+#include "libvsk/shared/regions.h"
 #include "libvsk/shared/session_cache_internal.h"
-#include "vsk/shared.h"
 
 namespace vsk::cache {
 
@@ -51,7 +51,13 @@ uint32_t StateOf(const void* value, uint32_t length) {
 
 }  // namespace
 
-void* Segment() { return vsk_snap_get_shared_memory_ptr(); }
+void* Segment() { return shared::SnapShmPtr(); }
+
+uint16_t CachePosition(uint64_t id) {
+  // The factor 1500 (not the slot size 3000) and the unchecked cut to 16 bits are what the
+  // readers of shm_offset expect; the cache finds its slots by SlotOf, not by this value.
+  return static_cast<uint16_t>(static_cast<uint64_t>(SlotIndex(id)) * 1500u);
+}
 
 bool IsCached(const void* shm, uint64_t id) {
   if (shm == nullptr || id == 0) return false;

@@ -18,12 +18,15 @@
 // spliced nodes (one set per thread).
 #include <cstring>
 
+#include "libvsk/base/status.h"
 #include "libvsk/base/trace.h"
+#include "libvsk/shared/ids_and_counters.h"
+#include "libvsk/shared/intf_ops.h"
 #include "libvsk/shared/session_cache.h"
+#include "libvsk/store/tables.h"
+#include "libvsk/store/txn.h"
 #include "libvsk/vsk/create_internal.h"
 #include "vsk/intf.h"
-#include "vsk/shared.h"
-#include "vsk/tables.h"
 
 namespace vsk::session {
 namespace {
@@ -114,17 +117,17 @@ class Create {
       dynamic_id = request_.ids->dynamic_session_id;
       VSK_TRACE("%s: create client session gets dynamic session id %llu", kFn, Ull(dynamic_id));
     }
-    vsk_db_txn_t txn{};
+    vsk_db_txn_t block{};
+    store::Txn txn(&block);
     BundlePass bundle;
-    vsk_status_t st = vsk_db_start_txn(&txn);
-    if (st == VSK_OK) st = InTransaction(&txn, &bundle, dynamic_id);
+    vsk_status_t st = txn.Begin();
+    if (st == VSK_OK) st = InTransaction(&block, &bundle, dynamic_id);
     bundle.Free();
     if (st != VSK_OK) {
-      vsk_db_abort_txn(&txn, st);
-      *status = st;
+      *status = txn.Fail(st);
       return false;
     }
-    *status = vsk_db_end_txn(&txn);
+    *status = txn.Commit();
     return true;
   }
 
@@ -134,40 +137,39 @@ class Create {
     const vsk_attr_t* ifl = vsk_get_attribute_from_list(list_, VSK_INTERFACE_NAME);
     if (ifl != nullptr && vsk_get_attribute_from_list(list_, VSK_PROFILE_NAME) == nullptr) {
       TextOf(ifl, name);
-      if (vsk_db_interface_add(name, VSK_INTF_KIND_IFL, id_, 1, 2) != VSK_OK) {
+      if (shared::InterfaceAdd(name, VSK_INTF_KIND_IFL, id_, 1, 2) != VSK_OK) {
         VSK_TRACE("%s: Failed to add interface %s for session %llu", kFn, name, Ull(id_));
       }
     }
     if (const vsk_attr_t* uifl =
             vsk_get_attribute_from_list(list_, VSK_UNDERLYING_INTERFACE_NAME)) {
       TextOf(uifl, name);
-      if (vsk_db_interface_add(name, VSK_INTF_KIND_UIFL, id_, 0, 0) != VSK_OK) {
+      if (shared::InterfaceAdd(name, VSK_INTF_KIND_UIFL, id_, 0, 0) != VSK_OK) {
         VSK_TRACE("%s: Failed to add interface %s for session %llu", kFn, name, Ull(id_));
       }
     }
     if (const vsk_attr_t* state = vsk_get_attribute_from_list(list_, VSK_SESSION_STATE)) {
-      int rc = vsk_summary_counter_increment_state(static_cast<int32_t>(U32Of(state)), nullptr);
+      int rc = shared::CounterIncrementState(static_cast<int32_t>(U32Of(state)), nullptr);
       if (rc != 0) {
         VSK_TRACE("%s: Failed to increment client state summary counter, err=%s", kFn,
-                  vsk_get_err_msg(rc));
+                  base::ErrorText(rc));
       }
     }
     if (const vsk_attr_t* ifl_type = vsk_get_attribute_from_list(list_, VSK_SESSION_IFL_TYPE)) {
-      int rc =
-          vsk_summary_counter_increment_ifl_type(static_cast<int32_t>(U32Of(ifl_type)), nullptr);
+      int rc = shared::CounterIncrementIflType(static_cast<int32_t>(U32Of(ifl_type)), nullptr);
       if (rc != 0) {
-        VSK_TRACE("%s: Failed to increment client ifl type counter %s", kFn, vsk_get_err_msg(rc));
+        VSK_TRACE("%s: Failed to increment client ifl type counter %s", kFn, base::ErrorText(rc));
       }
     }
-    int rc = vsk_summary_counter_increment_type(request_.client_type, nullptr);
+    int rc = shared::CounterIncrementType(request_.client_type, nullptr);
     if (rc != 0) {
       VSK_TRACE("%s: Failed to increment client type summary counter, err=%s", kFn,
-                vsk_get_err_msg(rc));
+                base::ErrorText(rc));
     }
-    rc = vsk_summary_counter_increment_total(nullptr);
+    rc = shared::CounterIncrementTotal(nullptr);
     if (rc != 0) {
       VSK_TRACE("%s: Failed to increment client total summary counter, err=%s", kFn,
-                vsk_get_err_msg(rc));
+                base::ErrorText(rc));
     }
   }
 
@@ -176,19 +178,19 @@ class Create {
     vsk_status_t st = BundleJoinSharedInterface(txn, request_, list_, id_, &dynamic_id, bundle);
     if (st != VSK_OK) return st;
     const bool cache = want_cache_ && !bundle->skip_cache;
-    if (cache) vsk_get_shared_mem(request_.ids);
+    if (cache) request_.ids->shm_offset = cache::CachePosition(id_);
     st = BundleJoinUnderlyingSession(txn, request_, id_, bundle);
     if (st != VSK_OK) return st;
     // The client record first: the bundled steps below read it.
     record_.dynamic_id = dynamic_id;
-    st = vsk_db_put_client_session(txn, &id_, &record_);
+    st = store::PutClientSession(txn, &id_, &record_);
     if (st != VSK_OK) return st;
     st = BundleJoinInheritedAttributes(txn, request_, id_, bundle);
     if (st != VSK_OK) return st;
     if (bundle->dynamic_changes != nullptr) {
       st = BundleJoinDynamicChanges(txn, request_, id_, dynamic_id, bundle);
     } else if (request_.dynamic != nullptr) {
-      st = vsk_db_put_dynamic_config(txn, &dynamic_id, &dynamic_);
+      st = store::PutDynamicConfig(txn, &dynamic_id, &dynamic_);
     }
     if (st != VSK_OK) return st;
     if (cache && shm_ != nullptr) FillCache(dynamic_id);
@@ -220,7 +222,7 @@ class Create {
         return VSK_OK;
       }
     }
-    return vsk_db_put_auth_request(txn, &id_, &auth_);
+    return store::PutAuthRequest(txn, &id_, &auth_);
   }
 
   const CreateRequest& request_;
@@ -236,11 +238,11 @@ class Create {
 }  // namespace
 
 vsk_status_t CreateClientSession(const CreateRequest& request) {
-  vsk_status_t st = vsk_db_check();
+  vsk_status_t st = store::Check();
   if (st != VSK_OK) return st;
-  if (vsk_id_generate(&request.ids->session_id) != 0) {
+  if (shared::IdGenerate(&request.ids->session_id) != 0) {
     st = VSK_ERR_FATAL;
-    VSK_TRACE("%s: Failed to generate client session id, err=%s", kFn, vsk_get_err_msg(st));
+    VSK_TRACE("%s: Failed to generate client session id, err=%s", kFn, base::ErrorText(st));
     return st;
   }
   vsk_attr_list_t own;
@@ -249,11 +251,18 @@ vsk_status_t CreateClientSession(const CreateRequest& request) {
   Splice(list, request);
 
   Create create(request, list);
-  for (int retries = 0;; ++retries) {
-    if (create.Pass(&st)) break;
-    if (Retryable(st) && retries < kMaxRetries) continue;
+  // A pass that reached the commit is never repeated, whatever the commit said.
+  bool committed = false;
+  st = store::RunPasses(
+      1 + kMaxRetries, [&committed](vsk_status_t s) { return !committed && Retryable(s); },
+      [&](int) {
+        vsk_status_t pass_status = VSK_OK;
+        committed = create.Pass(&pass_status);
+        return pass_status;
+      });
+  if (!committed) {
     Unsplice(list);
-    VSK_TRACE("%s: Failed to create client session, err=%s", kFn, vsk_get_err_msg(st));
+    VSK_TRACE("%s: Failed to create client session, err=%s", kFn, base::ErrorText(st));
     return st;
   }
   // The steps after the commit run whatever the commit said.

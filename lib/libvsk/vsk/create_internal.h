@@ -5,8 +5,6 @@
 // which fills in the joins below without touching the create's own steps.
 #pragma once
 
-#include <time.h>
-
 #include <cstdint>
 
 #include "vsk/attr.h"
@@ -32,9 +30,6 @@ vsk_status_t CreateClientSession(const CreateRequest& request);
 
 // The process-wide login-time text (see login_time.cc); `seconds` may be null.
 const char* LoginTime(uint32_t* seconds);
-// Replaces the clock behind LoginTime (null restores time()); returns the previous one.
-using ClockFn = time_t (*)(time_t*);
-ClockFn SetClockForTest(ClockFn clock);
 
 // ---- joins of bundled sessions ------------------------------------------------------------
 // One pass of the create's transaction keeps this state for the bundled-session steps;

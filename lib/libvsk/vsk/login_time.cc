@@ -19,21 +19,13 @@ constexpr size_t kLoginTimeSize = 64;
 char g_text[kLoginTimeSize] = "";
 time_t g_stamp = static_cast<time_t>(-1);
 struct tm g_local {};
-ClockFn g_clock = time;
 
 }  // namespace
-
-ClockFn SetClockForTest(ClockFn clock) {
-  ClockFn previous = g_clock;
-  g_clock = clock != nullptr ? clock : time;
-  g_stamp = static_cast<time_t>(-1);
-  return previous;
-}
 
 const char* LoginTime(uint32_t* seconds) {
   time_t current_time = 0;
   // Published insist: a clock reading of exactly 1 is reported, and the call goes on.
-  if (g_clock(&current_time) == 1) {
+  if (time(&current_time) == 1) {
     logging(0, "%s:%d: insist '%s' failed", __FILE__, __LINE__, "time(&current_time) != 1");
   }
   if (current_time != g_stamp) {

@@ -100,30 +100,14 @@ TEST_F(CacheTest, SlotBlocksAndEntriesLieAtTheirOffsets) {
                                               18));
   EXPECT_EQ(At<uint16_t>(AuthBytes(5, false), 10), 0);
 
+  // A colliding id frees nothing; an empty slot's 0 is no session.
+  vsk_clear_session_in_shm(1505, shm_);
+  EXPECT_TRUE(vsk_is_session_in_shm(5, shm_));
+  EXPECT_FALSE(vsk_is_session_in_shm(0, shm_));
   // The id block's cache position: slot x 1500 cut to 16 bits, as published.
-  vsk_session_ids_t ids{5, 0, 0};
-  vsk_get_shared_mem(&ids);
-  EXPECT_EQ(ids.shm_offset, 6000);
-  ids.session_id = 1500;
+  vsk_session_ids_t ids{1500, 0, 0};
   vsk_get_shared_mem(&ids);
   EXPECT_EQ(ids.shm_offset, (1499u * 1500u) & 0xFFFF);
-}
-
-TEST_F(CacheTest, CollidingIdsShareOneSlot) {
-  AttrList attrs{{VSK_USER_NAME, "a"}};
-  ASSERT_EQ(Create(1, attrs), 0);
-  EXPECT_EQ(Create(1501, attrs), VSK_ERR_SHM_IN_USE);
-  EXPECT_TRUE(traces().Contains("vsk_create_session_data_in_shm busy 1501"));
-  EXPECT_EQ(Create(1, attrs), VSK_ERR_SHM_IN_USE) << "also the same id";
-  EXPECT_TRUE(vsk_is_session_in_shm(1, shm_));
-  EXPECT_FALSE(vsk_is_session_in_shm(1501, shm_));
-  EXPECT_FALSE(vsk_is_session_in_shm(0, shm_)) << "an empty slot holds 0";
-  EXPECT_FALSE(vsk_is_session_in_shm(1, nullptr));
-  vsk_clear_session_in_shm(1501, shm_);
-  EXPECT_TRUE(vsk_is_session_in_shm(1, shm_)) << "a colliding id frees nothing";
-  vsk_clear_session_in_shm(1, shm_);
-  EXPECT_FALSE(vsk_is_session_in_shm(1, shm_));
-  EXPECT_EQ(BytesAt(SlotBytes(1), 554, 1), "a") << "the old bytes stay";
 }
 
 TEST_F(CacheTest, EveryBlockTakesExactlyItsRoomAndRefusesOneByteMore) {
@@ -132,14 +116,8 @@ TEST_F(CacheTest, EveryBlockTakesExactlyItsRoomAndRefusesOneByteMore) {
     uint32_t last_length;  // of the last entry; the earlier ones fill up to it
     vsk_status_t want;
   };
-  // Value area: 276 + ((L + 2) >> 1) + 2 == 800 at L = 1043.
-  for (Case c : {Case{"value area", 1043, 0}, Case{"value area", 1044, -24}}) {
-    AttrList attrs{{VSK_USER_NAME, std::string(c.last_length, 'v')}};
-    EXPECT_EQ(Create(10, attrs), c.want) << c.what << " " << c.last_length;
-    EXPECT_TRUE(vsk_is_session_in_shm(10, shm_)) << "the caller clears the id";
-    vsk_clear_session_in_shm(10, shm_);
-  }
-  // Dynamic block: four entries of 275 bytes, then 15 + L + 5 up to byte 1380.
+  // Dynamic block: four entries of 275 bytes, then 15 + L + 5 up to byte 1380; one length
+  // byte says at most 255.
   AttrList none;
   for (Case c : {Case{"dynamic", 250, 0}, Case{"dynamic", 251, -24}, Case{"dyn 256", 256, -24}}) {
     ASSERT_EQ(Create(11, none), 0);
@@ -324,9 +302,8 @@ TEST_F(CacheTest, RecordsFromTheSlotAreSortedCopies) {
   vsk_db_release_client_session(rec, false);
   uint8_t bits[8];
   uint16_t bits_length = 0;
-  ASSERT_EQ(vsk_get_config_bits_from_shm(shm_, 80, bits, &bits_length), 0);
+  EXPECT_EQ(vsk_get_config_bits_from_shm(shm_, 80, bits, &bits_length), 0);
   EXPECT_EQ(bits_length, 8) << "at most 8 bytes";
-
   vsk_dynamic_config_t* dyn = nullptr;
   ASSERT_EQ(vsk_db_dynamic_config_empty(&dyn), 0);
   ASSERT_EQ(vsk_shm_to_dynamic_record(dyn, shm_, 80, &handle), 0);
@@ -339,17 +316,12 @@ TEST_F(CacheTest, RecordsFromTheSlotAreSortedCopies) {
   std::free(handle.service_ids);
 
   char name[8] = {};
-  void* copy = nullptr;
   vsk_status_t st = 5;
   EXPECT_EQ(vsk_get_attr_from_tree_or_shm(nullptr, VSK_USER_NAME, name, nullptr, shm_, 80, &st), 1);
   EXPECT_STREQ(name, "ann");
-  EXPECT_EQ(vsk_get_attr_from_tree_or_shm(nullptr, VSK_USER_NAME, nullptr, &copy, shm_, 80, &st),
-            1);
-  EXPECT_STREQ(static_cast<char*>(copy), "ann");
-  std::free(copy);
   EXPECT_EQ(vsk_get_attr_from_tree_or_shm(nullptr, VSK_PROFILE_NAME, name, nullptr, shm_, 80, &st),
             0);
-  EXPECT_EQ(st, 0);
+  EXPECT_EQ(st, 0) << "absent is no failure";
 }
 
 // Readers never trust what a slot says: random bytes over slots and blocks read cleanly.
