@@ -19,10 +19,11 @@
 #include <cstring>
 
 #include "libvsk/base/trace.h"
+#include "libvsk/store/records.h"
+#include "libvsk/store/tables.h"
+#include "libvsk/store/txn.h"
 #include "libvsk/shared/session_cache.h"
 #include "libvsk/vsk/snapshot_internal.h"
-#include "vsk/session_cache.h"
-#include "vsk/shared.h"
 
 namespace vsk::snapshot {
 namespace {
@@ -71,13 +72,13 @@ struct Pass {
   vsk_snapshot_data* data() const { return h->data; }
 
   void ReleaseRecord() {
-    vsk_db_release_client_session(record, !record_from_cache);
+    store::ReleaseClientSession(record, !record_from_cache);
     record = nullptr;
     record_from_cache = false;
   }
   void ReleaseKeys() {
-    vsk_db_release_key_session_id(key, true);
-    vsk_db_release_key_session_id(next, true);
+    store::ReleaseKeySessionId(key, true);
+    store::ReleaseKeySessionId(next, true);
     key = next = nullptr;
   }
   void CopyBits(uint16_t len, uint8_t* bits) {
@@ -89,16 +90,16 @@ struct Pass {
   // A client record by id into `record`: the cache when this handle uses it and the slot
   // still holds the id, else (also when the slot was given up meanwhile) the table.
   vsk_status_t ReadClient(uint64_t id) {
-    if (h->use_shm != 0 && action != VSK_SNAPSHOT_ACTION_WALK && vsk::cache::IsCached(shm, id)) {
-      vsk_status_t st = vsk_db_client_session_empty(&record);
+    if (h->use_shm != 0 && action != VSK_SNAPSHOT_ACTION_WALK && cache::IsCached(shm, id)) {
+      vsk_status_t st = store::ClientSessionEmpty(&record);
       if (st != VSK_OK) return st;
       record_from_cache = true;
-      st = vsk_shm_to_session_record(h, shm, record, id);
+      st = cache::ToSessionRecord(h, shm, id, record);
       if (st != VSK_ERR_NOT_FOUND) return st;
       ReleaseRecord();
     }
     record_from_cache = false;
-    return vsk_db_get_client_session(&txn, &id, &record, false);
+    return store::GetClientSession(&txn, &id, &record, false);
   }
 
   // Hands `record` to the handle's client part without trees: a record filtered by the
@@ -123,7 +124,7 @@ struct Pass {
     // No node: the bits cannot outlive the record.
     h->config_bits = nullptr;
     h->config_bits_len = 0;
-    vsk_db_release_service_session(rec, true);
+    store::ReleaseServiceSession(rec, true);
   }
 
   Outcome Run();
@@ -227,7 +228,7 @@ Outcome Pass::LoadAndFilterClient() {
       VSK_TRACE("%s: Failed to locate private data record for snapshot by client session id "
                 "%llu, err=%s",
                 kInternalFn, Ull(hd->client_session_id), vsk_get_err_msg(st));
-      vsk_db_release_app_pri_data(app, true);
+      store::ReleaseAppPriData(app, true);
       return Failure(st);
     }
     data()->client->app_private = app;
@@ -290,9 +291,9 @@ Outcome Pass::ClientServices() {
   for (uint16_t i = 0; i < client->service_count; ++i) {
     uint64_t id = client->service_ids[i];
     vsk_service_session_t* rec = nullptr;
-    vsk_status_t st = vsk_db_get_service_session(&txn, &id, &rec, false, mask, mask_len);
+    vsk_status_t st = store::GetServiceSession(&txn, &id, &rec, false, mask, mask_len);
     if (st == VSK_ERR_SNAPSHOT_ONLY) {
-      vsk_db_release_service_session(rec, true);
+      store::ReleaseServiceSession(rec, true);
       break;
     }
     if (st != VSK_OK) {
@@ -301,7 +302,7 @@ Outcome Pass::ClientServices() {
                   "%llu, return code %d\n",
                   Ull(hd->client_session_id), st);
       }
-      vsk_db_release_service_session(rec, true);
+      store::ReleaseServiceSession(rec, true);
       return Abort(st);
     }
     st = LoadService(hd, &txn, id, rec);
@@ -326,16 +327,16 @@ Outcome Pass::PresetServices() {
   for (uint16_t i = 0; i < hd->service_count && hd->service_ids != nullptr; ++i) {
     uint64_t id = hd->service_ids[i];
     vsk_service_session_t* rec = nullptr;
-    vsk_status_t st = vsk_db_get_service_session(&txn, &id, &rec, false, mask, mask_len);
+    vsk_status_t st = store::GetServiceSession(&txn, &id, &rec, false, mask, mask_len);
     if (st == VSK_ERR_NOT_FOUND) {
-      vsk_db_release_service_session(rec, true);
+      store::ReleaseServiceSession(rec, true);
       return Abort(st);
     }
     if (st != VSK_OK && st != VSK_ERR_SNAPSHOT_ONLY) {
       VSK_TRACE("Failed to locate service session record for snapshot session id %llu, return "
                 "code %d\n",
                 Ull(id), st);
-      vsk_db_release_service_session(rec, true);
+      store::ReleaseServiceSession(rec, true);
       return Abort(st);
     }
     if (rec != nullptr) CopyBits(rec->config_bits_len, rec->config_bits);
@@ -435,7 +436,7 @@ Outcome Pass::ServiceWalk() {
                                                    mask, mask_len);
   if (st != VSK_OK && st != VSK_ERR_SNAPSHOT_ONLY) {
     ReleaseKeys();
-    vsk_db_release_service_session(rec, true);
+    store::ReleaseServiceSession(rec, true);
     return Failure(st);
   }
   if (rec != nullptr) CopyBits(rec->config_bits_len, rec->config_bits);
@@ -468,7 +469,7 @@ Outcome Pass::ServiceByGenericId() {
   vsk_snapshot_handle* hd = h;
   uint64_t id = hd->session_id;
   vsk_service_session_t* rec = nullptr;
-  vsk_status_t st = vsk_db_get_service_session(&txn, &id, &rec, false, mask, mask_len);
+  vsk_status_t st = store::GetServiceSession(&txn, &id, &rec, false, mask, mask_len);
   if (st == VSK_ERR_SNAPSHOT_ONLY) {
     if (rec != nullptr) CopyBits(rec->config_bits_len, rec->config_bits);
     KeepBareService(id, rec);
@@ -478,7 +479,7 @@ Outcome Pass::ServiceByGenericId() {
     VSK_TRACE("Failed to locate service session record for snapshot for generic session id "
               "%llu, err=%s",
               Ull(id), vsk_get_err_msg(st));
-    vsk_db_release_service_session(rec, true);
+    store::ReleaseServiceSession(rec, true);
     return Abort(st);
   }
   if (st == VSK_OK) CopyBits(rec->config_bits_len, rec->config_bits);
@@ -517,7 +518,7 @@ vsk_status_t AllocServiceIds(vsk_snapshot_handle* h, uint16_t count) {
 
 vsk_status_t GetSnapshot(vsk_snapshot_handle* h, int action, const vsk_snapshot_filter* filter,
                          bool nearest, vsk_db_txn_t* walk) {
-  void* shm = vsk_snap_get_shared_memory_ptr();
+  void* shm = cache::Segment();
   if (h == nullptr) {
     VSK_TRACE("%s: Snapshot handle is null", kInternalFn);
     return VSK_ERR_INVALID_PARAM;
@@ -536,8 +537,9 @@ vsk_status_t GetSnapshot(vsk_snapshot_handle* h, int action, const vsk_snapshot_
     if (h->data == nullptr) return VSK_ERR_NOMEM;
     Pass pass{h, shm, action, filter, nearest};
     pass.txn.parent = walk;
+    store::Txn txn(&pass.txn);
     Outcome o;
-    st = vsk_db_start_txn(&pass.txn);
+    st = txn.Begin();
     if (st != VSK_OK) {
       o = Failure(st);
     } else {
@@ -551,8 +553,8 @@ vsk_status_t GetSnapshot(vsk_snapshot_handle* h, int action, const vsk_snapshot_
           pass.mask_len = filter->config_bits_len;
         }
         if (shm != nullptr && action != VSK_SNAPSHOT_ACTION_WALK &&
-            ((h->session_id != 0 && vsk::cache::IsCached(shm, h->session_id)) ||
-             (h->client_session_id != 0 && vsk::cache::IsCached(shm, h->client_session_id)))) {
+            ((h->session_id != 0 && cache::IsCached(shm, h->session_id)) ||
+             (h->client_session_id != 0 && cache::IsCached(shm, h->client_session_id)))) {
           h->use_shm = 1;
         }
         o = pass.Run();
@@ -562,7 +564,7 @@ vsk_status_t GetSnapshot(vsk_snapshot_handle* h, int action, const vsk_snapshot_
     if (o.tail == Tail::kSuccess) {
       pass.ReleaseKeys();
       pass.ReleaseRecord();
-      st = vsk_db_end_txn(&pass.txn);
+      st = txn.Commit();
       if (st != VSK_OK) FreeSnapshot(h);
       return st;
     }
@@ -572,10 +574,10 @@ vsk_status_t GetSnapshot(vsk_snapshot_handle* h, int action, const vsk_snapshot_
     FreeSnapshot(h);
     if (st == VSK_ERR_FILTERED) {
       h->client_session_id = 0;
-      vsk_db_abort_txn(&pass.txn, st);
+      txn.Fail(st);
       break;
     }
-    vsk_db_abort_txn(&pass.txn, st);
+    txn.Fail(st);
     if ((st != VSK_ERR_RECOVERING && st != VSK_ERR_RETRY) || attempt == kAttempts) break;
   }
   VSK_TRACE("Failed to generate snapshot, error can be ignored if searching or recovering "

@@ -9,10 +9,12 @@
 #include <cstring>
 
 #include "libvsk/base/trace.h"
+#include "libvsk/store/records.h"
+#include "libvsk/store/tables.h"
+#include "libvsk/store/txn.h"
 #include "libvsk/shared/session_cache.h"
 #include "libvsk/vsk/snapshot_internal.h"
 #include "platform/logging.h"
-#include "vsk/session_cache.h"
 
 namespace vsk::snapshot {
 namespace {
@@ -144,22 +146,22 @@ vsk_status_t LoadClient(vsk_snapshot_handle* h, void* shm, vsk_snapshot_data* da
   uint64_t dynamic_id = record->dynamic_id;
   vsk_dynamic_config_t* dyn = nullptr;
   bool from_cache = false;
-  if (action == VSK_SNAPSHOT_ACTION_WALK || !vsk::cache::IsCached(shm, dynamic_id)) {
-    st = vsk_db_get_dynamic_config(txn, &dynamic_id, &dyn, false);
+  if (action == VSK_SNAPSHOT_ACTION_WALK || !cache::IsCached(shm, dynamic_id)) {
+    st = store::GetDynamicConfig(txn, &dynamic_id, &dyn, false);
   } else {
     from_cache = true;
-    st = vsk_db_dynamic_config_empty(&dyn);
-    if (st == VSK_OK) st = vsk_shm_to_dynamic_record(dyn, shm, dynamic_id, h);
+    st = store::DynamicConfigEmpty(&dyn);
+    if (st == VSK_OK) st = cache::ToDynamicRecord(h, shm, dynamic_id, dyn);
   }
   if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
     VSK_TRACE("Failed to locate dynamic configuration record for snapshot by client session id "
               "%llu, err=%s",
               Ull(dynamic_id), vsk_get_err_msg(st));
-    vsk_db_release_dynamic_config(dyn, !from_cache);
+    store::ReleaseDynamicConfig(dyn, !from_cache);
     return st;
   }
   if (st == VSK_ERR_NOT_FOUND) {
-    vsk_db_release_dynamic_config(dyn, !from_cache);
+    store::ReleaseDynamicConfig(dyn, !from_cache);
     dyn = nullptr;
   }
   c->dynamic_record = dyn;
@@ -176,7 +178,7 @@ vsk_status_t LoadService(vsk_snapshot_handle* h, vsk_db_txn_t* txn, uint64_t id,
   auto* node =
       static_cast<vsk_snapshot_service_node*>(std::calloc(1, sizeof(vsk_snapshot_service_node)));
   if (node == nullptr) {
-    vsk_db_release_service_session(record, true);
+    store::ReleaseServiceSession(record, true);
     return VSK_ERR_NOMEM;
   }
   patricia_node_init_length(&node->header, sizeof node->id);
@@ -184,7 +186,7 @@ vsk_status_t LoadService(vsk_snapshot_handle* h, vsk_db_txn_t* txn, uint64_t id,
   node->record = record;
   if (!patricia_add(h->data->services, &node->header)) {
     // The same service twice in one snapshot: the first load stands.
-    vsk_db_release_service_session(record, true);
+    store::ReleaseServiceSession(record, true);
     std::free(node);
     return VSK_ERR_INVALID_DATA;
   }
@@ -202,12 +204,12 @@ vsk_status_t LoadService(vsk_snapshot_handle* h, vsk_db_txn_t* txn, uint64_t id,
   if (node->dynamic == nullptr || node->dynamic_str == nullptr) return VSK_ERR_NOMEM;
   // A service's dynamic configuration is keyed by the service id, and never cached.
   vsk_dynamic_config_t* dyn = nullptr;
-  st = vsk_db_get_dynamic_config(txn, &id, &dyn, false);
+  st = store::GetDynamicConfig(txn, &id, &dyn, false);
   if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
     VSK_TRACE("%s: Failed to locate dynamic configuration record for snapshot by service "
               "session id %llu, err=%s",
               kServiceFn, Ull(id), vsk_get_err_msg(st));
-    vsk_db_release_dynamic_config(dyn, true);
+    store::ReleaseDynamicConfig(dyn, true);
     return st;
   }
   if (st == VSK_OK) {
@@ -217,7 +219,7 @@ vsk_status_t LoadService(vsk_snapshot_handle* h, vsk_db_txn_t* txn, uint64_t id,
       if (st != VSK_OK) return st;
     }
   } else {
-    vsk_db_release_dynamic_config(dyn, true);
+    store::ReleaseDynamicConfig(dyn, true);
   }
   if (h->app_id != 0) {
     vsk_app_pri_key_t k{id, h->app_id};
@@ -227,7 +229,7 @@ vsk_status_t LoadService(vsk_snapshot_handle* h, vsk_db_txn_t* txn, uint64_t id,
       VSK_TRACE("%s: Failed to locate private data record for snapshot by service session id "
                 "%llu, err=%s",
                 kServiceFn, Ull(id), vsk_get_err_msg(st));
-      vsk_db_release_app_pri_data(app, true);
+      store::ReleaseAppPriData(app, true);
       return st;
     }
     node->app_private = app;
@@ -238,7 +240,7 @@ vsk_status_t LoadService(vsk_snapshot_handle* h, vsk_db_txn_t* txn, uint64_t id,
 void FreeClientData(vsk_snapshot_handle* h, vsk_snapshot_client_data* c) {
   if (c == nullptr) return;
   vsk_attr_tree_free(c->attrs);
-  vsk_db_release_client_session(c->record, true);
+  store::ReleaseClientSession(c->record, true);
   vsk_attr_tree_free(c->dynamic);
   vsk_attr_tree_free(c->predefined);
   std::free(h->shm_dynamic_copy);
@@ -246,15 +248,15 @@ void FreeClientData(vsk_snapshot_handle* h, vsk_snapshot_client_data* c) {
   h->shm_dynamic_copy = nullptr;
   h->shm_session_copy = nullptr;
   vsk_attr_tree_free(c->dynamic_str);
-  vsk_db_release_dynamic_config(c->dynamic_record, true);
-  vsk_db_release_app_pri_data(c->app_private, true);
+  store::ReleaseDynamicConfig(c->dynamic_record, true);
+  store::ReleaseAppPriData(c->app_private, true);
   std::free(c);
 }
 
 void FreeSnapshot(vsk_snapshot_handle* h) {
   if (h == nullptr || h->data == nullptr) return;
   if (IsLight(h)) {
-    vsk_db_release_client_session(reinterpret_cast<vsk_client_session_t*>(h->data), true);
+    store::ReleaseClientSession(reinterpret_cast<vsk_client_session_t*>(h->data), true);
     vsk_attr_list_t* result = static_cast<vsk_attr_list_t*>(h->attr_result);
     if (result != nullptr) std::free(result->first);
     std::free(result);
@@ -282,11 +284,11 @@ void FreeSnapshot(vsk_snapshot_handle* h) {
       patricia_delete(d->services, n);
       auto* s = reinterpret_cast<vsk_snapshot_service_node*>(n);
       vsk_attr_tree_free(s->attrs);
-      vsk_db_release_service_session(s->record, true);
+      store::ReleaseServiceSession(s->record, true);
       vsk_attr_tree_free(s->dynamic);
       vsk_attr_tree_free(s->dynamic_str);
-      vsk_db_release_dynamic_config(s->dynamic_record, true);
-      vsk_db_release_app_pri_data(s->app_private, true);
+      store::ReleaseDynamicConfig(s->dynamic_record, true);
+      store::ReleaseAppPriData(s->app_private, true);
       std::free(s);
     }
     patricia_root_delete(d->services);
@@ -309,6 +311,7 @@ void FreeSnapshot(vsk_snapshot_handle* h) {
 }  // namespace vsk::snapshot
 
 using namespace vsk::snapshot;
+namespace store = vsk::store;
 
 extern "C" {
 
@@ -316,7 +319,7 @@ vsk_status_t vsk_get_client_dyn_internal(vsk_snapshot_handle* handle, void* shm,
                                          vsk_snapshot_data* data, int action,
                                          vsk_client_session_t* record, vsk_db_txn_t* txn) {
   if (handle == nullptr || data == nullptr || data->client == nullptr || txn == nullptr) {
-    vsk_db_release_client_session(record, true);
+    store::ReleaseClientSession(record, true);
     return VSK_ERR_INVALID_PARAM;
   }
   return LoadClient(handle, shm, data, action, record, txn);
@@ -327,7 +330,7 @@ vsk_status_t vsk_generate_service_session_snapshot(vsk_snapshot_handle* handle,
                                                    vsk_service_session_t* record) {
   if (handle == nullptr || handle->data == nullptr || handle->data->services == nullptr ||
       txn == nullptr) {
-    vsk_db_release_service_session(record, true);
+    store::ReleaseServiceSession(record, true);
     return VSK_ERR_INVALID_PARAM;
   }
   return LoadService(handle, txn, id, record);

@@ -35,7 +35,7 @@ class SnapshotTest : public VskTest {
  protected:
   void SetUp() override {
     VskTest::SetUp();
-    ASSERT_EQ(UpAsOrvd(&link_), 0) << traces().Dump();
+    ASSERT_EQ(Up(&link_, true), 0) << traces().Dump();
     traces().Clear();
   }
   void TearDown() override {
@@ -234,7 +234,7 @@ TEST_F(SnapshotTest, SearchWithNullOrZeroFilterRepeatsEmptySnapshotsForever) {
   for (int zero_flags = 0; zero_flags < 2; ++zero_flags) {
     ChildResult r = RunInChild([zero_flags] {
       orvd_ctx link{};
-      if (UpAsClient(&link) != 0) return 100;
+      if (Up(&link, false) != 0) return 100;
       static int calls = 0;
       vsk_snapshot_filter f{};
       vsk_search_session(
@@ -248,7 +248,7 @@ TEST_F(SnapshotTest, SearchWithNullOrZeroFilterRepeatsEmptySnapshotsForever) {
     });
     EXPECT_TRUE(r.exited && r.code == 7) << r;
   }
-  ASSERT_EQ(UpAsOrvd(&link_), 0);
+  ASSERT_EQ(Up(&link_, true), 0);
 }
 
 TEST_F(SnapshotTest, HandlesFreedInEveryOrderLeakNothing) {
