@@ -76,7 +76,7 @@ class SnapshotTest : public VskTest {
   AttrList s20_{{VSK_SERVICE_NAME, Text("s1")}}, s21_{{VSK_SERVICE_NAME, Text("s2")}};
 };
 
-TEST_F(SnapshotTest, ClientServiceAndGenericIdsLoadWhatTheDesignSays) {
+TEST_F(SnapshotTest, ClientServiceGenericAndLightReadsLoadWhatTheyShould) {
   AttrList client{{VSK_USER_NAME, Text("alice")}, {VSK_SESSION_STATE, U32(2)}};
   AttrList svc_a{{VSK_SESSION_STATE, U32(1)}, {VSK_SERVICE_NAME, Text("gold")}};
   AttrList svc_b{{VSK_SERVICE_NAME, Text("silver")}};
@@ -143,28 +143,27 @@ TEST_F(SnapshotTest, ClientServiceAndGenericIdsLoadWhatTheDesignSays) {
   EXPECT_EQ(vsk_get_snapshot(&none), -6);
   EXPECT_EQ(vsk_get_snapshot(nullptr), -6);
   vsk_free_snapshot_handle(nullptr);
-}
 
-TEST_F(SnapshotTest, LightReadKeepsOneResultThatEachReadOverwrites) {
-  AttrList client{{VSK_USER_NAME, Text("bob")}, {VSK_PROFILE_NAME, Text("gold")}};
-  ASSERT_EQ(PutSession({200, &client, nullptr, {0x09}}), 0);
-  vsk_snapshot_handle h{};
-  h.client_session_id = 200;
-  h.flags = VSK_HANDLE_FLAG_ATTRS_ONLY;
-  ASSERT_EQ(vsk_get_snapshot(&h), 0);
+  // The light read keeps one result entry, which each read overwrites.
+  AttrList bob{{VSK_USER_NAME, Text("bob")}, {VSK_PROFILE_NAME, Text("gold")}};
+  ASSERT_EQ(PutSession({200, &bob, nullptr, {0x09}}), 0);
+  vsk_snapshot_handle l{};
+  l.client_session_id = 200;
+  l.flags = VSK_HANDLE_FLAG_ATTRS_ONLY;
+  ASSERT_EQ(vsk_get_snapshot(&l), 0);
   vsk_attr_value_t* first = nullptr;
   vsk_attr_value_t* second = nullptr;
-  ASSERT_EQ(vsk_get_client_session_attr(&h, VSK_USER_NAME, &first), 0);
+  ASSERT_EQ(vsk_get_client_session_attr(&l, VSK_USER_NAME, &first), 0);
   EXPECT_EQ(First(0, first), Text("bob"));
-  ASSERT_EQ(vsk_get_client_session_attr(&h, VSK_PROFILE_NAME, &second), 0);
+  ASSERT_EQ(vsk_get_client_session_attr(&l, VSK_PROFILE_NAME, &second), 0);
   EXPECT_EQ(first, second);
   EXPECT_EQ(First(0, first), Text("gold")) << "the second read changes what the first shows";
-  EXPECT_EQ(ClientValue(&h, VSK_ROUTING_INSTANCE), "st-7");
-  EXPECT_EQ(h.config_bits_len, 1);
-  vsk_free_snapshot_handle(&h);
-  vsk_free_snapshot_handle(&h);
-  h.client_session_id = 201;
-  EXPECT_EQ(vsk_get_snapshot(&h), -7);
+  EXPECT_EQ(ClientValue(&l, VSK_ROUTING_INSTANCE), "st-7");
+  EXPECT_EQ(l.config_bits_len, 1);
+  vsk_free_snapshot_handle(&l);
+  vsk_free_snapshot_handle(&l);
+  l.client_session_id = 201;
+  EXPECT_EQ(vsk_get_snapshot(&l), -7);
 }
 
 // Each filter field selects exactly the sessions it should.
@@ -209,22 +208,18 @@ TEST_F(SnapshotTest, EachFilterFieldSelectsExactlyItsSessions) {
                 &f),
             0);
   EXPECT_EQ(seen, (std::vector<uint64_t>{10, 12}));
-  vsk_snapshot_handle h{};
-  EXPECT_EQ(vsk_get_next_snapshot(&h, nullptr, 0), -6);
-  vsk_snapshot_filter zero{};
-  EXPECT_EQ(vsk_get_next_snapshot(&h, &zero, 0), -6);
-  EXPECT_EQ(h.walk, nullptr);
-}
-
-TEST_F(SnapshotTest, ServiceWalkEndsAtAServiceWhoseClientIsGoneAndSkipsOwnerlessOnes) {
-  PutFilterRows();
+  // A service whose client is gone ends the service walk with -7.
   AttrList orphan{{VSK_SERVICE_NAME, Text("orphan")}};
-  // Service 30 names client 99, which does not exist.
   ASSERT_EQ(PutSession({13, &c13_, &d13_, {0x03}, {{30, &orphan, nullptr, {}, 99}}}), 0);
   vsk_status_t end = 0;
   EXPECT_EQ(Walk(Filter(kServices), &end), (std::vector<std::string>{"20+20", "21+21"}));
   EXPECT_EQ(end, -7);
   EXPECT_TRUE(traces().Contains("vsk_get_client_dyn_internal: client_session_record is NULL"));
+  vsk_snapshot_handle h{};
+  EXPECT_EQ(vsk_get_next_snapshot(&h, nullptr, 0), -6);
+  vsk_snapshot_filter zero{};
+  EXPECT_EQ(vsk_get_next_snapshot(&h, &zero, 0), -6);
+  EXPECT_EQ(h.walk, nullptr);
 }
 
 // A null filter or flags 0 never ends the search: bounded by a callback that leaves.
