@@ -136,7 +136,7 @@ struct Pass {
   Outcome PresetServices();
   Outcome ServiceWalk();
   Outcome ServiceByGenericId();
-  Outcome LoadOwner(const vsk_service_session_t* rec, bool missing_is_absent);
+  Outcome LoadOwner(uint64_t owner, bool missing_is_absent, int level);
   Outcome TestServiceAttrs(uint64_t id);
 };
 
@@ -350,56 +350,35 @@ Outcome Pass::PresetServices() {
       VSK_TRACE("Failed to add service session %llu into snapshot, return code %d\n", Ull(id), st);
       return Failure(st);
     }
-    if (owner == 0) {
-      VSK_TRACE_AT(VSK_TRACE_LEVEL_ERROR,
-                   "Failed to get client id for adding client data to snapshot for generic "
-                   "session id %llu, return code %d\n",
-                   Ull(owner), 0);
-      return Abort(VSK_OK);
-    }
     // The owner is loaded again for every id; the previous load is dropped first.
-    FreeClientData(hd, data()->client);
-    data()->client = static_cast<vsk_snapshot_client_data*>(
-        std::calloc(1, sizeof(vsk_snapshot_client_data)));
-    if (data()->client == nullptr) return Abort(VSK_ERR_NOMEM);
-    st = ReadClient(owner);
-    if (st != VSK_OK) {
-      VSK_TRACE_AT(VSK_TRACE_LEVEL_ERROR,
-                   "Failed to locate client session record for snapshot by generic id %llu, "
-                   "return code %d\n",
-                   Ull(owner), st);
-      ReleaseRecord();
-      return Failure(st);
+    if (owner != 0) {
+      FreeClientData(hd, data()->client);
+      data()->client = static_cast<vsk_snapshot_client_data*>(
+          std::calloc(1, sizeof(vsk_snapshot_client_data)));
+      if (data()->client == nullptr) return Abort(VSK_ERR_NOMEM);
     }
-    vsk_client_session_t* client = record;
-    record = nullptr;
-    st = LoadClient(hd, shm, data(), action, client, &txn);
-    if (st != VSK_OK) {
-      VSK_TRACE_AT(VSK_TRACE_LEVEL_ERROR,
-                   "Failed to add client data to snapshot for generic session id %llu, return "
-                   "code %d\n",
-                   Ull(owner), st);
-      return Failure(st);
-    }
+    Outcome o = LoadOwner(owner, false, VSK_TRACE_LEVEL_ERROR);
+    if (o.tail != Tail::kSuccess) return o;
   }
   return Success();
 }
 
-// The owner of a service that was just loaded. With `missing_is_absent` a client that is
-// gone still reaches the loader, which answers -7 for it.
-Outcome Pass::LoadOwner(const vsk_service_session_t* rec, bool missing_is_absent) {
-  const uint64_t owner = rec->client_id;
+// The owner of a service that was just loaded, traced at `level`. With `missing_is_absent`
+// a client that is gone still reaches the loader, which answers -7 for it.
+Outcome Pass::LoadOwner(uint64_t owner, bool missing_is_absent, int level) {
   if (owner == 0) {
-    VSK_TRACE("Failed to get client id for adding client data to snapshot for generic session "
-              "id %llu, return code %d\n",
-              Ull(owner), 0);
+    VSK_TRACE_AT(level,
+                 "Failed to get client id for adding client data to snapshot for generic "
+                 "session id %llu, return code %d\n",
+                 Ull(owner), 0);
     return Abort(VSK_OK);
   }
   vsk_status_t st = ReadClient(owner);
   if (st != VSK_OK && !(missing_is_absent && st == VSK_ERR_NOT_FOUND)) {
-    VSK_TRACE("Failed to locate client session record for snapshot by generic id %llu, return "
-              "code %d\n",
-              Ull(owner), st);
+    VSK_TRACE_AT(level,
+                 "Failed to locate client session record for snapshot by generic id %llu, "
+                 "return code %d\n",
+                 Ull(owner), st);
     ReleaseRecord();
     return Failure(st);
   }
@@ -407,9 +386,10 @@ Outcome Pass::LoadOwner(const vsk_service_session_t* rec, bool missing_is_absent
   record = nullptr;
   st = LoadClient(h, shm, data(), action, client, &txn);
   if (st != VSK_OK) {
-    VSK_TRACE("Failed to add client data to snapshot for generic session id %llu, return code "
-              "%d\n",
-              Ull(owner), st);
+    VSK_TRACE_AT(level,
+                 "Failed to add client data to snapshot for generic session id %llu, return "
+                 "code %d\n",
+                 Ull(owner), st);
     return Failure(st);
   }
   return Success();
@@ -460,9 +440,7 @@ Outcome Pass::ServiceWalk() {
   hd->service_ids[0] = first->id;
   Outcome o = TestServiceAttrs(id);
   if (o.tail != Tail::kSuccess) return o;
-  vsk_service_session_t probe{};
-  probe.client_id = owner;
-  return LoadOwner(&probe, true);
+  return LoadOwner(owner, true, VSK_TRACE_LEVEL);
 }
 
 Outcome Pass::ServiceByGenericId() {
@@ -491,9 +469,7 @@ Outcome Pass::ServiceByGenericId() {
               Ull(id), st);
     return Failure(st);
   }
-  vsk_service_session_t probe{};
-  probe.client_id = owner;
-  Outcome o = LoadOwner(&probe, true);
+  Outcome o = LoadOwner(owner, true, VSK_TRACE_LEVEL);
   if (o.tail != Tail::kSuccess) return o;
   if (AllocServiceIds(hd, 1) != VSK_OK) return Failure(VSK_ERR_NOMEM);
   hd->service_ids[0] = id;

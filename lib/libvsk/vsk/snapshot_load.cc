@@ -239,6 +239,8 @@ vsk_status_t LoadService(vsk_snapshot_handle* h, vsk_db_txn_t* txn, uint64_t id,
 
 void FreeClientData(vsk_snapshot_handle* h, vsk_snapshot_client_data* c) {
   if (c == nullptr) return;
+  // The array cursor points into the dynamic tree that goes here.
+  vsk_cleanup_after_arrays(h);
   vsk_attr_tree_free(c->attrs);
   store::ReleaseClientSession(c->record, true);
   vsk_attr_tree_free(c->dynamic);

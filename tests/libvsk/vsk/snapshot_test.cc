@@ -114,6 +114,18 @@ TEST_F(SnapshotTest, ClientServiceGenericAndLightReadsLoadWhatTheyShould) {
   EXPECT_EQ(h.config_bits, nullptr);
   vsk_free_snapshot_handle(&h);  // silent
 
+  // Preset service ids: each loads its service and its owner again.
+  vsk_session_id_t preset[] = {102, 101};
+  h.service_ids = preset;
+  h.service_count = 2;
+  h.include_services = 0;
+  ASSERT_EQ(vsk_get_snapshot(&h), 0) << traces().Dump();
+  EXPECT_EQ(ServiceValue(&h, 101, VSK_SERVICE_NAME), Text("gold"));
+  EXPECT_EQ(ServiceValue(&h, 102, VSK_SERVICE_NAME), Text("silver"));
+  EXPECT_EQ(DynamicValue(&h, 0, "kelvo-plain"), "p");
+  EXPECT_EQ(h.service_ids, preset) << "a caller's array stays the caller's";
+  vsk_free_snapshot_handle(&h);
+
   // A generic id naming a service: the service, its owner's data, client id left at 0.
   vsk_snapshot_handle g{};
   g.session_id = 101;
