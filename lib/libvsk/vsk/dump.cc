@@ -6,8 +6,9 @@
 //
 // Values are read within their lengths: a 32-bit word of a shorter value is zero-filled,
 // and a text value with no NUL of its own is printed from a terminated copy.
+#include <cstdlib>
 #include <cstring>
-#include <string>
+#include <iterator>
 
 #include "libvsk/base/trace.h"
 #include "libvsk/vsk/snapshot_internal.h"
@@ -90,12 +91,14 @@ void Attr(const vsk_attr_t* a, const Line* line) {
   switch (line->shape) {
     case Shape::kText: {
       const char* text = static_cast<const char*>(a->value);
-      std::string copy;
+      char* copy = nullptr;
       if (text == nullptr || std::memchr(text, 0, a->length) == nullptr) {
-        copy.assign(text != nullptr ? text : "", text != nullptr ? a->length : 0);
-        text = copy.c_str();
+        copy = static_cast<char*>(std::calloc(1, a->length + 1u));
+        if (copy != nullptr && text != nullptr) std::memcpy(copy, text, a->length);
+        text = copy != nullptr ? copy : "";
       }
       VSK_TRACE(line->format, text);
+      std::free(copy);
       break;
     }
     case Shape::kWord:

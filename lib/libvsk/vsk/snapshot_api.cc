@@ -25,7 +25,8 @@ vsk_status_t vsk_get_snapshot(vsk_snapshot_handle* handle) {
   if (handle->flags == 0) {
     return GetSnapshot(handle, VSK_SNAPSHOT_ACTION_GET, nullptr, false, nullptr);
   }
-  if (handle->flags == VSK_HANDLE_FLAG_ATTRS_ONLY) return LightRead(handle);
+  // Bits 0 and 2 both set select the light read, whatever else is set.
+  if (IsLight(handle)) return LightRead(handle);
   return VSK_ERR_INVALID_PARAM;
 }
 

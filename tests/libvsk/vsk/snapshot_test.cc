@@ -358,6 +358,7 @@ TEST_F(SnapshotTest, DumpMatchesTheOperatorsTableLineByLine) {
   uint32_t six[4] = {1, 2, 3, 4};
   AttrList client{{VSK_PREFERRED_IPV6_ADDRESS, std::string(reinterpret_cast<char*>(six), 16)},
                   {VSK_USER_NAME, Text("alice")},
+                  {VSK_PROFILE_NAME, "gold"},  // no NUL of its own
                   {VSK_USER_IPV4_ADDRESS, U32(0x0a000001)},
                   {VSK_USER_IPV6_ADDRESS, Bytes({1, 2, 3})},
                   {VSK_SESSION_STATE, U32(2)},
@@ -389,6 +390,7 @@ TEST_F(SnapshotTest, DumpMatchesTheOperatorsTableLineByLine) {
       "Session attributes {\n"
       "session preferred ipv6 address=1 2 3 4\n"
       "user name=alice\n"
+      "profile name=gold\n"
       "user ipv4 address=167772161\n"
       "user ipv address={\n"
       "1 2 3 }\n"
