@@ -2,10 +2,12 @@
 // id and by the light read holds; each filter field of a walk; the search's odd cases; the
 // dump against a text written by hand from the operators' table; handles freed in every
 // order a daemon might (ASan reports leaks and double frees).
+#include <db.h>
 #include <unistd.h>
 
 #include <sstream>
 
+#include "libvsk/store/context.h"
 #include "session_fixture.h"
 #include "session_rows.h"
 
@@ -337,6 +339,38 @@ TEST_F(SnapshotTest, ArrayCursorReadsInstancesAndTheirMembers) {
   EXPECT_EQ(vsk_get_dynamic_array_config_attr_str(nullptr, 0, "filter", nullptr, &v, 1), -6);
   vsk_free_snapshot_handle(&h);
   EXPECT_EQ(h.array_attr_name, nullptr);
+}
+
+// Corrupt rows: the read fails with a status, the handle holds nothing, nothing leaks, and
+// the neighbours stay readable.
+TEST_F(SnapshotTest, CorruptRecordsFailTheReadAndLeaveTheHandleEmpty) {
+  PutFilterRows();
+  auto put_raw = [](DB* db, uint64_t key, std::string bytes) {
+    DBT k{}, d{};
+    k.data = &key;
+    k.size = sizeof key;
+    d.data = bytes.data();
+    d.size = static_cast<uint32_t>(bytes.size());
+    return db->put(db, nullptr, &k, &d, DB_AUTO_COMMIT);
+  };
+  const store::StoreContext* ctx = store::Context();
+  ASSERT_EQ(put_raw(ctx->client_session_db, 60, "\x01\x00\xff\xff\xff\x7f"), 0);
+  ASSERT_EQ(put_raw(ctx->dynamic_config_db, 12, std::string("\x01\x00\x05\x00\x40", 5)), 0);
+  for (uint64_t id : {60, 12}) {
+    vsk_snapshot_handle h{};
+    h.client_session_id = id;
+    h.include_services = 1;
+    vsk_status_t st = vsk_get_snapshot(&h);
+    EXPECT_LT(st, 0) << id;
+    EXPECT_NE(st, -7) << id;
+    EXPECT_EQ(h.data, nullptr) << id;
+    vsk_free_snapshot_handle(&h);
+  }
+  vsk_snapshot_handle ok{};
+  ok.client_session_id = 11;
+  EXPECT_EQ(vsk_get_snapshot(&ok), 0);
+  EXPECT_EQ(ClientValue(&ok, VSK_USER_NAME), Text("b"));
+  vsk_free_snapshot_handle(&ok);
 }
 
 TEST(ToaTest, DigitsComeLowestFirstAsPublished) {
