@@ -192,7 +192,9 @@ void vsk_attr_tree_free(patricia_root_t* tree) {
     p->pn_child[0] = reinterpret_cast<uintptr_t>(chain);
     chain = p;
   }
-  auto next_of = [](patricia_node_t* n) { return reinterpret_cast<patricia_node_t*>(n->pn_child[0]); };
+  auto next_of = [](patricia_node_t* n) {
+    return reinterpret_cast<patricia_node_t*>(n->pn_child[0]);
+  };
   for (p = chain; p != nullptr; p = next_of(p)) {
     auto* node = reinterpret_cast<vsk_attr_tree_node_t*>(p);
     for (vsk_attr_value_t* v = node->values_first; v != nullptr; v = v->next) {

@@ -3,16 +3,17 @@
 // None of the snapshot reads touches the store: they look up the handle's trees (or, for a
 // light handle, the bare record's list). vsk_get_client_session_attr_shm alone looks at the
 // cache's present state.
+#include "vsk/attr_read.h"
+
 #include <cstdlib>
 
 #include "libvsk/base/trace.h"
+#include "libvsk/shared/intf_ops.h"
+#include "libvsk/shared/session_cache.h"
 #include "libvsk/store/records.h"
 #include "libvsk/store/tables.h"
 #include "libvsk/store/txn.h"
-#include "libvsk/shared/intf_ops.h"
-#include "libvsk/shared/session_cache.h"
 #include "libvsk/vsk/snapshot_internal.h"
-#include "vsk/attr_read.h"
 
 namespace vsk::snapshot {
 namespace {
@@ -22,8 +23,7 @@ constexpr int kServiceOwnerAttempts = 3;
 
 vsk_attr_value_t** NodeValues(patricia_root_t* tree, uint16_t type) {
   if (tree == nullptr) return nullptr;
-  auto* node =
-      reinterpret_cast<vsk_attr_tree_node_t*>(patricia_get(tree, sizeof type, &type));
+  auto* node = reinterpret_cast<vsk_attr_tree_node_t*>(patricia_get(tree, sizeof type, &type));
   return node != nullptr ? &node->values_first : nullptr;
 }
 
@@ -52,8 +52,8 @@ vsk_status_t ClientAttr(vsk_snapshot_handle* h, uint16_t type, vsk_attr_value_t*
   if (IsLight(h)) {
     auto* record = reinterpret_cast<vsk_client_session_t*>(h->data);
     auto* result = static_cast<vsk_attr_list_t*>(h->attr_result);
-    vsk_attr_t* a = record->attrs != nullptr ? vsk_get_attribute_from_list(record->attrs, type)
-                                             : nullptr;
+    vsk_attr_t* a =
+        record->attrs != nullptr ? vsk_get_attribute_from_list(record->attrs, type) : nullptr;
     if (a == nullptr || result == nullptr || result->first == nullptr) return VSK_ERR_NOT_FOUND;
     // The one result entry: each read overwrites what the previous one showed.
     auto* entry = reinterpret_cast<vsk_attr_value_t*>(result->first);
@@ -95,9 +95,10 @@ vsk_status_t LightRead(vsk_snapshot_handle* h) {
       st = store::ClientSessionEmpty(&record);
       if (st == VSK_OK) st = cache::ToSessionRecord(h, shm, id, record);
       if (st != VSK_OK) {
-        VSK_TRACE("%s: Failed to locate shm client session record for snapshot by generic id "
-                  "%llu, err=%s\n",
-                  "vsk_get_client_session_attr_from_sid", Ull(id), vsk_get_err_msg(st));
+        VSK_TRACE(
+            "%s: Failed to locate shm client session record for snapshot by generic id "
+            "%llu, err=%s\n",
+            "vsk_get_client_session_attr_from_sid", Ull(id), vsk_get_err_msg(st));
         store::ReleaseClientSession(record, false);
         std::free(h->shm_session_copy);
         h->shm_session_copy = nullptr;
@@ -111,9 +112,10 @@ vsk_status_t LightRead(vsk_snapshot_handle* h) {
       if (st == VSK_OK) {
         st = txn.Commit();
       } else {
-        VSK_TRACE("%s: Failed to locate client session record for snapshot by generic id %llu, "
-                  "err=%s\n",
-                  "vsk_get_client_session_attr_from_sid", Ull(id), vsk_get_err_msg(st));
+        VSK_TRACE(
+            "%s: Failed to locate client session record for snapshot by generic id %llu, "
+            "err=%s\n",
+            "vsk_get_client_session_attr_from_sid", Ull(id), vsk_get_err_msg(st));
         txn.Fail(st);
       }
     }
@@ -188,9 +190,8 @@ vsk_status_t vsk_get_service_name(vsk_snapshot_handle* handle, vsk_session_id_t 
   return VSK_OK;
 }
 
-vsk_status_t vsk_get_service_session_config_bits(vsk_snapshot_handle* handle,
-                                                 vsk_session_id_t id, uint16_t* length,
-                                                 uint8_t** bits) {
+vsk_status_t vsk_get_service_session_config_bits(vsk_snapshot_handle* handle, vsk_session_id_t id,
+                                                 uint16_t* length, uint8_t** bits) {
   if (handle == nullptr || handle->data == nullptr || IsLight(handle) || length == nullptr ||
       bits == nullptr) {
     return VSK_ERR_INVALID_PARAM;

@@ -58,10 +58,8 @@ constexpr Line kClientLines[] = {
 };
 
 constexpr Line kServiceLines[] = {
-    {36, Shape::kWord, "service session state=%d\n"},
-    {42, Shape::kText, "service name=%s\n"},
-    {46, Shape::kWord, "aggregated boolean=%d\n"},
-    {47, Shape::kWord, "input filter index=%d\n"},
+    {36, Shape::kWord, "service session state=%d\n"}, {42, Shape::kText, "service name=%s\n"},
+    {46, Shape::kWord, "aggregated boolean=%d\n"},    {47, Shape::kWord, "input filter index=%d\n"},
     {48, Shape::kWord, "output filter index=%d\n"},
 };
 

@@ -19,10 +19,10 @@
 #include <cstring>
 
 #include "libvsk/base/trace.h"
+#include "libvsk/shared/session_cache.h"
 #include "libvsk/store/records.h"
 #include "libvsk/store/tables.h"
 #include "libvsk/store/txn.h"
-#include "libvsk/shared/session_cache.h"
 #include "libvsk/vsk/snapshot_internal.h"
 
 namespace vsk::snapshot {
@@ -41,8 +41,7 @@ Outcome Abort(vsk_status_t st) { return {Tail::kAbort, st}; }
 
 // Whether one value of a read's result (`list`: the address of a node's list head, whose
 // first word, read as `next`, is the first value) equals `bytes`, or begins with them.
-bool SharesBytes(const vsk_attr_value_t* list, uint32_t length, const void* bytes,
-                 bool prefix) {
+bool SharesBytes(const vsk_attr_value_t* list, uint32_t length, const void* bytes, bool prefix) {
   if (list == nullptr) return false;
   for (const vsk_attr_value_t* v = list->next; v != nullptr; v = v->next) {
     if (!prefix && v->length != length) continue;
@@ -157,9 +156,9 @@ Outcome Pass::ClientStage(bool* to_services) {
   }
   if (f != nullptr) {
     // A filter always walks: preset ids do not pick the record.
-    vsk_status_t st = vsk_db_iterate_client_session(&txn, hd->current_key, hd->next_key,
-                                                    hd->start_key, nearest, &key, &next,
-                                                    &record, mask, mask_len);
+    vsk_status_t st =
+        vsk_db_iterate_client_session(&txn, hd->current_key, hd->next_key, hd->start_key, nearest,
+                                      &key, &next, &record, mask, mask_len);
     hd->start_key = 0;
     if (st != VSK_OK && st != VSK_ERR_SNAPSHOT_ONLY) {
       ReleaseKeys();
@@ -180,8 +179,8 @@ Outcome Pass::ClientStage(bool* to_services) {
   } else if (hd->session_id == 0) {
     vsk_status_t st = ReadClient(hd->client_session_id);
     if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
-      VSK_TRACE("%s: Failed to locate client session record %llu for snapshot, err=%s",
-                kInternalFn, Ull(hd->client_session_id), vsk_get_err_msg(st));
+      VSK_TRACE("%s: Failed to locate client session record %llu for snapshot, err=%s", kInternalFn,
+                Ull(hd->client_session_id), vsk_get_err_msg(st));
       ReleaseRecord();
       return Failure(st);
     }
@@ -191,9 +190,10 @@ Outcome Pass::ClientStage(bool* to_services) {
       hd->client_session_id = hd->session_id;
       found_by_session_id = true;
     } else if (st != VSK_ERR_NOT_FOUND) {
-      VSK_TRACE("%s: Failed to locate client session record for snapshot by generic id %llu, "
-                "err=%s",
-                kInternalFn, Ull(hd->session_id), vsk_get_err_msg(st));
+      VSK_TRACE(
+          "%s: Failed to locate client session record for snapshot by generic id %llu, "
+          "err=%s",
+          kInternalFn, Ull(hd->session_id), vsk_get_err_msg(st));
       ReleaseRecord();
       return Failure(st);
     }
@@ -216,8 +216,8 @@ Outcome Pass::LoadAndFilterClient() {
   record = nullptr;  // the loader takes it over, whatever it returns
   vsk_status_t st = LoadClient(hd, shm, data(), action, rec, &txn);
   if (st != VSK_OK) {
-    VSK_TRACE("%s: Failed to add client data to snapshot for session id %llu, err=%s",
-              kInternalFn, Ull(hd->client_session_id), vsk_get_err_msg(st));
+    VSK_TRACE("%s: Failed to add client data to snapshot for session id %llu, err=%s", kInternalFn,
+              Ull(hd->client_session_id), vsk_get_err_msg(st));
     return Failure(st);
   }
   if (hd->app_id != 0) {
@@ -225,9 +225,10 @@ Outcome Pass::LoadAndFilterClient() {
     vsk_app_data_t* app = nullptr;
     st = vsk_db_get_app_pri_data(&txn, &k, &app, false);
     if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
-      VSK_TRACE("%s: Failed to locate private data record for snapshot by client session id "
-                "%llu, err=%s",
-                kInternalFn, Ull(hd->client_session_id), vsk_get_err_msg(st));
+      VSK_TRACE(
+          "%s: Failed to locate private data record for snapshot by client session id "
+          "%llu, err=%s",
+          kInternalFn, Ull(hd->client_session_id), vsk_get_err_msg(st));
       store::ReleaseAppPriData(app, true);
       return Failure(st);
     }
@@ -285,8 +286,7 @@ Outcome Pass::ServiceStage() {
 // service_ids without a node.
 Outcome Pass::ClientServices() {
   vsk_snapshot_handle* hd = h;
-  vsk_client_session_t* client =
-      data()->client != nullptr ? data()->client->record : nullptr;
+  vsk_client_session_t* client = data()->client != nullptr ? data()->client->record : nullptr;
   if (client == nullptr) return Success();
   for (uint16_t i = 0; i < client->service_count; ++i) {
     uint64_t id = client->service_ids[i];
@@ -298,9 +298,10 @@ Outcome Pass::ClientServices() {
     }
     if (st != VSK_OK) {
       if (st != VSK_ERR_NOT_FOUND) {
-        VSK_TRACE("Failed to locate service session record for snapshot for client session id "
-                  "%llu, return code %d\n",
-                  Ull(hd->client_session_id), st);
+        VSK_TRACE(
+            "Failed to locate service session record for snapshot for client session id "
+            "%llu, return code %d\n",
+            Ull(hd->client_session_id), st);
       }
       store::ReleaseServiceSession(rec, true);
       return Abort(st);
@@ -333,9 +334,10 @@ Outcome Pass::PresetServices() {
       return Abort(st);
     }
     if (st != VSK_OK && st != VSK_ERR_SNAPSHOT_ONLY) {
-      VSK_TRACE("Failed to locate service session record for snapshot session id %llu, return "
-                "code %d\n",
-                Ull(id), st);
+      VSK_TRACE(
+          "Failed to locate service session record for snapshot session id %llu, return "
+          "code %d\n",
+          Ull(id), st);
       store::ReleaseServiceSession(rec, true);
       return Abort(st);
     }
@@ -353,8 +355,8 @@ Outcome Pass::PresetServices() {
     // The owner is loaded again for every id; the previous load is dropped first.
     if (owner != 0) {
       FreeClientData(hd, data()->client);
-      data()->client = static_cast<vsk_snapshot_client_data*>(
-          std::calloc(1, sizeof(vsk_snapshot_client_data)));
+      data()->client =
+          static_cast<vsk_snapshot_client_data*>(std::calloc(1, sizeof(vsk_snapshot_client_data)));
       if (data()->client == nullptr) return Abort(VSK_ERR_NOMEM);
     }
     Outcome o = LoadOwner(owner, false, VSK_TRACE_LEVEL_ERROR);
@@ -411,9 +413,9 @@ Outcome Pass::TestServiceAttrs(uint64_t id) {
 Outcome Pass::ServiceWalk() {
   vsk_snapshot_handle* hd = h;
   vsk_service_session_t* rec = nullptr;
-  vsk_status_t st = vsk_db_iterate_service_session(&txn, hd->current_key, hd->next_key,
-                                                   hd->start_key, nearest, &key, &next, &rec,
-                                                   mask, mask_len);
+  vsk_status_t st =
+      vsk_db_iterate_service_session(&txn, hd->current_key, hd->next_key, hd->start_key, nearest,
+                                     &key, &next, &rec, mask, mask_len);
   if (st != VSK_OK && st != VSK_ERR_SNAPSHOT_ONLY) {
     ReleaseKeys();
     store::ReleaseServiceSession(rec, true);
@@ -435,8 +437,8 @@ Outcome Pass::ServiceWalk() {
     return Failure(st);
   }
   if (AllocServiceIds(hd, 1) != VSK_OK) return Failure(VSK_ERR_NOMEM);
-  auto* first = reinterpret_cast<vsk_snapshot_service_node*>(
-      patricia_find_next(data()->services, nullptr));
+  auto* first =
+      reinterpret_cast<vsk_snapshot_service_node*>(patricia_find_next(data()->services, nullptr));
   hd->service_ids[0] = first->id;
   Outcome o = TestServiceAttrs(id);
   if (o.tail != Tail::kSuccess) return o;
@@ -454,9 +456,10 @@ Outcome Pass::ServiceByGenericId() {
     return Success();
   }
   if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
-    VSK_TRACE("Failed to locate service session record for snapshot for generic session id "
-              "%llu, err=%s",
-              Ull(id), vsk_get_err_msg(st));
+    VSK_TRACE(
+        "Failed to locate service session record for snapshot for generic session id "
+        "%llu, err=%s",
+        Ull(id), vsk_get_err_msg(st));
     store::ReleaseServiceSession(rec, true);
     return Abort(st);
   }
@@ -464,9 +467,10 @@ Outcome Pass::ServiceByGenericId() {
   const uint64_t owner = rec != nullptr ? rec->client_id : 0;
   st = LoadService(hd, &txn, id, st == VSK_OK ? rec : nullptr);
   if (st != VSK_OK) {
-    VSK_TRACE("Failed to add service session into snapshot for generic session id %llu, return "
-              "code %d\n",
-              Ull(id), st);
+    VSK_TRACE(
+        "Failed to add service session into snapshot for generic session id %llu, return "
+        "code %d\n",
+        Ull(id), st);
     return Failure(st);
   }
   Outcome o = LoadOwner(owner, true, VSK_TRACE_LEVEL);
@@ -485,8 +489,8 @@ vsk_status_t AllocServiceIds(vsk_snapshot_handle* h, uint16_t count) {
     h->service_ids = nullptr;
     h->service_ids_owned = 0;
   }
-  h->service_ids = static_cast<vsk_session_id_t*>(
-      std::calloc(count != 0 ? count : 1, sizeof(vsk_session_id_t)));
+  h->service_ids =
+      static_cast<vsk_session_id_t*>(std::calloc(count != 0 ? count : 1, sizeof(vsk_session_id_t)));
   if (h->service_ids == nullptr) return VSK_ERR_NOMEM;
   h->service_ids_owned = 1;
   return VSK_OK;
@@ -519,8 +523,8 @@ vsk_status_t GetSnapshot(vsk_snapshot_handle* h, int action, const vsk_snapshot_
     if (st != VSK_OK) {
       o = Failure(st);
     } else {
-      h->data->client = static_cast<vsk_snapshot_client_data*>(
-          std::calloc(1, sizeof(vsk_snapshot_client_data)));
+      h->data->client =
+          static_cast<vsk_snapshot_client_data*>(std::calloc(1, sizeof(vsk_snapshot_client_data)));
       if (h->data->client == nullptr) {
         o = Abort(VSK_ERR_NOMEM);
       } else {
@@ -556,9 +560,10 @@ vsk_status_t GetSnapshot(vsk_snapshot_handle* h, int action, const vsk_snapshot_
     txn.Fail(st);
     if ((st != VSK_ERR_RECOVERING && st != VSK_ERR_RETRY) || attempt == kAttempts) break;
   }
-  VSK_TRACE("Failed to generate snapshot, error can be ignored if searching or recovering "
-            "sessions, err=%s",
-            vsk_get_err_msg(st));
+  VSK_TRACE(
+      "Failed to generate snapshot, error can be ignored if searching or recovering "
+      "sessions, err=%s",
+      vsk_get_err_msg(st));
   return st;
 }
 

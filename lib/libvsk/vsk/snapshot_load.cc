@@ -9,10 +9,10 @@
 #include <cstring>
 
 #include "libvsk/base/trace.h"
+#include "libvsk/shared/session_cache.h"
 #include "libvsk/store/records.h"
 #include "libvsk/store/tables.h"
 #include "libvsk/store/txn.h"
-#include "libvsk/shared/session_cache.h"
 #include "libvsk/vsk/snapshot_internal.h"
 #include "platform/logging.h"
 
@@ -22,9 +22,7 @@ namespace {
 constexpr char kClientFn[] = "vsk_get_client_dyn_internal";
 constexpr char kServiceFn[] = "vsk_generate_service_session_snapshot";
 
-uint16_t NameKeyLength(const char* name) {
-  return static_cast<uint16_t>(std::strlen(name) + 1);
-}
+uint16_t NameKeyLength(const char* name) { return static_cast<uint16_t>(std::strlen(name) + 1); }
 
 vsk_status_t AddAttrs(patricia_root_t* tree, const vsk_attr_list_t* list) {
   for (vsk_attr_t* a = list != nullptr ? list->first : nullptr; a != nullptr; a = a->next) {
@@ -59,8 +57,7 @@ vsk_status_t AddClientDynamic(vsk_snapshot_handle* h, patricia_root_t* tree,
     if (a->array_tag == VSK_ARRAY_IDENTIFYING_TLV || a->array_tag == VSK_ARRAY_START_TLV ||
         a->array_tag == VSK_ARRAY_MEMBER_TLV) {
       if (a->array_tag == VSK_ARRAY_MEMBER_TLV && previous == nullptr) {
-        VSK_TRACE("%s - Array member without array start being added to patricia tree",
-                  kClientFn);
+        VSK_TRACE("%s - Array member without array start being added to patricia tree", kClientFn);
         return VSK_ERR_INVALID_PARAM;
       }
       st = vsk_dyn_tree_add(tree, klen, a->name, a->length, a->value, a->array_tag, previous,
@@ -78,7 +75,8 @@ vsk_status_t AddClientDynamic(vsk_snapshot_handle* h, patricia_root_t* tree,
     if (st == VSK_OK) continue;
     ValueText v(a);
     if (st == VSK_ERR_INVALID_DATA) {
-      logging(3, "%s: Failed to add dynamic configuration attribute %s=%s to patricia tree, error %d",
+      logging(3,
+              "%s: Failed to add dynamic configuration attribute %s=%s to patricia tree, error %d",
               kClientFn, a->name, v.text, st);
       continue;
     }
@@ -105,9 +103,9 @@ vsk_status_t AddServiceDynamic(patricia_root_t* tree, const vsk_dyn_attr_list_t*
       return VSK_ERR_INVALID_PARAM;
     }
     if (a->array_tag >= VSK_ARRAY_IDENTIFYING_TLV && a->array_tag <= VSK_ARRAY_MEMBER_TLV) {
-      st = vsk_dyn_tree_add(tree, NameKeyLength(a->name), a->name, a->length, a->value,
-                            a->array_tag, previous, &array_id, &members, &index_root, &index_node,
-                            false);
+      st =
+          vsk_dyn_tree_add(tree, NameKeyLength(a->name), a->name, a->length, a->value, a->array_tag,
+                           previous, &array_id, &members, &index_root, &index_node, false);
       if (a->array_tag != VSK_ARRAY_MEMBER_TLV) previous = a->value;
     } else {
       st = vsk_dyn_tree_add(tree, NameKeyLength(a->name), a->name, a->length, a->value,
@@ -154,9 +152,10 @@ vsk_status_t LoadClient(vsk_snapshot_handle* h, void* shm, vsk_snapshot_data* da
     if (st == VSK_OK) st = cache::ToDynamicRecord(h, shm, dynamic_id, dyn);
   }
   if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
-    VSK_TRACE("Failed to locate dynamic configuration record for snapshot by client session id "
-              "%llu, err=%s",
-              Ull(dynamic_id), vsk_get_err_msg(st));
+    VSK_TRACE(
+        "Failed to locate dynamic configuration record for snapshot by client session id "
+        "%llu, err=%s",
+        Ull(dynamic_id), vsk_get_err_msg(st));
     store::ReleaseDynamicConfig(dyn, !from_cache);
     return st;
   }
@@ -206,9 +205,10 @@ vsk_status_t LoadService(vsk_snapshot_handle* h, vsk_db_txn_t* txn, uint64_t id,
   vsk_dynamic_config_t* dyn = nullptr;
   st = store::GetDynamicConfig(txn, &id, &dyn, false);
   if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
-    VSK_TRACE("%s: Failed to locate dynamic configuration record for snapshot by service "
-              "session id %llu, err=%s",
-              kServiceFn, Ull(id), vsk_get_err_msg(st));
+    VSK_TRACE(
+        "%s: Failed to locate dynamic configuration record for snapshot by service "
+        "session id %llu, err=%s",
+        kServiceFn, Ull(id), vsk_get_err_msg(st));
     store::ReleaseDynamicConfig(dyn, true);
     return st;
   }
@@ -226,9 +226,10 @@ vsk_status_t LoadService(vsk_snapshot_handle* h, vsk_db_txn_t* txn, uint64_t id,
     vsk_app_data_t* app = nullptr;
     st = vsk_db_get_app_pri_data(txn, &k, &app, false);
     if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
-      VSK_TRACE("%s: Failed to locate private data record for snapshot by service session id "
-                "%llu, err=%s",
-                kServiceFn, Ull(id), vsk_get_err_msg(st));
+      VSK_TRACE(
+          "%s: Failed to locate private data record for snapshot by service session id "
+          "%llu, err=%s",
+          kServiceFn, Ull(id), vsk_get_err_msg(st));
       store::ReleaseAppPriData(app, true);
       return st;
     }
@@ -327,8 +328,8 @@ vsk_status_t vsk_get_client_dyn_internal(vsk_snapshot_handle* handle, void* shm,
   return LoadClient(handle, shm, data, action, record, txn);
 }
 
-vsk_status_t vsk_generate_service_session_snapshot(vsk_snapshot_handle* handle,
-                                                   vsk_db_txn_t* txn, vsk_session_id_t id,
+vsk_status_t vsk_generate_service_session_snapshot(vsk_snapshot_handle* handle, vsk_db_txn_t* txn,
+                                                   vsk_session_id_t id,
                                                    vsk_service_session_t* record) {
   if (handle == nullptr || handle->data == nullptr || handle->data->services == nullptr ||
       txn == nullptr) {

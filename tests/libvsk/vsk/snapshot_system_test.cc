@@ -46,9 +46,9 @@ TEST_F(SnapshotSystemTest, SnapshotsAndWalksNeverSeeATornSession) {
     return ClientValue(h, VSK_USER_NAME) != DynamicValue(h, 0, "kelvo-v") ? 1 : 0;
   };
   // The writer runs until the reader is done; the flag lives in memory both children share.
-  auto* reader_done = static_cast<std::atomic<int>*>(
-      mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
-           -1, 0));
+  auto* reader_done =
+      static_cast<std::atomic<int>*>(mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE,
+                                          MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   ASSERT_NE(reader_done, MAP_FAILED);
   new (reader_done) std::atomic<int>(0);
   bool ok = RunConcurrently(2, [&put, &torn, reader_done](int k) {

@@ -16,7 +16,8 @@ namespace {
 
 std::string Bytes(std::initializer_list<uint8_t> b) { return std::string(b.begin(), b.end()); }
 
-vsk_snapshot_filter Filter(uint32_t flags, uint32_t type_mask = 0, vsk_attr_list_t* client = nullptr,
+vsk_snapshot_filter Filter(uint32_t flags, uint32_t type_mask = 0,
+                           vsk_attr_list_t* client = nullptr,
                            vsk_dyn_attr_list_t* dynamic = nullptr,
                            vsk_attr_list_t* service = nullptr, uint8_t* bits = nullptr,
                            uint16_t bits_len = 0) {
@@ -83,8 +84,9 @@ TEST_F(SnapshotTest, ClientServiceGenericAndLightReadsLoadWhatTheyShould) {
   AttrList svc_a{{VSK_SESSION_STATE, U32(1)}, {VSK_SERVICE_NAME, Text("gold")}};
   AttrList svc_b{{VSK_SERVICE_NAME, Text("silver")}};
   DynList dyn{{"kelvo-plain", "p"}}, svc_dyn{{"kelvo-rate", "9"}};
-  ASSERT_EQ(PutSession({100, &client, &dyn, {0x05}, {{101, &svc_a, &svc_dyn, {0x07}}, {102, &svc_b}}}),
-            0);
+  ASSERT_EQ(
+      PutSession({100, &client, &dyn, {0x05}, {{101, &svc_a, &svc_dyn, {0x07}}, {102, &svc_b}}}),
+      0);
 
   // By client id with its services.
   vsk_snapshot_handle h{};
@@ -201,9 +203,7 @@ TEST_F(SnapshotTest, EachFilterFieldSelectsExactlyItsSessions) {
        {"10:bits", "11", "12", "13"}},
       {"clients with services", Filter(kClients | kServices), {"10+20", "11+21", "12", "13"}},
       {"service walk", Filter(kServices), {"20+20", "21+21"}},
-      {"service attrs",
-       Filter(kServices, 0, nullptr, nullptr, svc_s2.get()),
-       {"21+21"}},
+      {"service attrs", Filter(kServices, 0, nullptr, nullptr, svc_s2.get()), {"21+21"}},
   };
   for (const Case& c : cases) {
     vsk_status_t end = 0;
@@ -377,8 +377,8 @@ TEST(ToaTest, DigitsComeLowestFirstAsPublished) {
   struct {
     uint64_t value;
     const char* text;
-  } cases[] = {{0, "0"}, {7, "7"}, {120, "021"}, {1000, "0001"},
-               {UINT64_MAX, "51615590737044764481"}};
+  } cases[] = {
+      {0, "0"}, {7, "7"}, {120, "021"}, {1000, "0001"}, {UINT64_MAX, "51615590737044764481"}};
   for (const auto& c : cases) {
     char buf[24];
     std::memset(buf, 'x', sizeof buf);
