@@ -21,6 +21,7 @@
 #include "vsk/snapshot.h"
 #include "vsk/libstats.h"
 #include "vsk/session_cache.h"
+#include "vsk/attr_read.h"
 #include "vsk/provdb.h"
 #include "vsk/pfltd.h"
 #include "vsk/ack.h"
