@@ -22,6 +22,8 @@
 #include "vsk/libstats.h"
 #include "vsk/session_cache.h"
 #include "vsk/attr_read.h"
+#include "vsk/dynamic.h"
+#include "vsk/recover.h"
 #include "vsk/provdb.h"
 #include "vsk/pfltd.h"
 #include "vsk/ack.h"
