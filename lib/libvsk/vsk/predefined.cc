@@ -250,6 +250,13 @@ vsk_status_t IfdParts(vsk_snapshot_handle* h, patricia_root_t* tree, const char*
   return VSK_OK;
 }
 
+// "-<id>" behind a name, the id printed as a signed number.
+void AppendId(std::string* text, uint32_t id) {
+  char suffix[16];
+  std::snprintf(suffix, sizeof suffix, "-%d", static_cast<int32_t>(id));
+  text->append(suffix);
+}
+
 // The interface-set names: stored under "kelvo-interface-set-name", or built from the
 // physical device's name and the VLAN ids ("ge-1/0/0-100", "ge-1/0/0-100-7").
 vsk_status_t SetName(vsk_snapshot_handle* h, patricia_root_t* tree, const char* name,
@@ -271,13 +278,13 @@ vsk_status_t SetName(vsk_snapshot_handle* h, patricia_root_t* tree, const char* 
   if (ReadAttr(h, VSK_OUTER_VLAN_ID, false, &b) == VSK_OK) {
     uint32_t vlan;
     CopyPadded(b, &vlan, sizeof vlan);
-    text += "-" + std::to_string(static_cast<int32_t>(vlan));
+    AppendId(&text, vlan);
     suffixed = true;
   }
   if (with_inner && ReadAttr(h, VSK_INNER_VLAN_ID, false, &b) == VSK_OK) {
     uint32_t vlan;
     CopyPadded(b, &vlan, sizeof vlan);
-    text += "-" + std::to_string(static_cast<int32_t>(vlan));
+    AppendId(&text, vlan);
     suffixed = true;
   }
   if (!suffixed) return VSK_ERR_NOT_FOUND;
