@@ -1,7 +1,8 @@
-// Sessions written straight to the tables, each in one transaction, for the read tests
-// (exact records: no login time, no splicing; services hung under their client), the reads
-// of a loaded snapshot as plain strings, and reads of committed rows and the Berkeley DB
-// transaction figures for update and removal tests. Each read runs in a transaction of its own.
+// The engine fixture of update and removal tests; sessions written straight to the tables,
+// each in one transaction, for the read tests (exact records: no login time, no splicing;
+// services hung under their client); the reads of a loaded snapshot as plain strings; and
+// reading committed rows and the Berkeley DB transaction figures. Each read runs in a
+// transaction of its own.
 #pragma once
 
 #include <db.h>
@@ -11,7 +12,9 @@
 #include <string>
 #include <vector>
 
+#include "session_fixture.h"
 #include "support/attr_lists.h"
+#include "support/recount.h"
 #include "vsk/vsk.h"
 
 namespace vsk::test {
@@ -105,6 +108,36 @@ inline std::string DynamicValue(vsk_snapshot_handle* h, uint64_t id, const char*
   vsk_status_t st = vsk_get_dynamic_config_attr(h, id, name, &out);
   return First(st, out);
 }
+
+// The test process is `orvd` with everything up.
+class EngineTest : public VskTest {
+ protected:
+  void SetUp() override {
+    VskTest::SetUp();
+    ASSERT_EQ(Up(&link_, true), 0) << traces().Dump();
+    shm_ = vsk_snap_get_shared_memory_ptr();
+    traces().Clear();
+  }
+  void TearDown() override {
+    vsk_close_internal();
+    vsk_db_reset_orvd_handle();
+    VskTest::TearDown();
+  }
+  // A client session of `type`, cached or not; 0 when the create failed.
+  static uint64_t Create(AttrList& attrs, bool cache, uint32_t type = 2, DynList* dyn = nullptr) {
+    const vsk_create_options_t use_cache{0, 1, {0, 0}};
+    vsk_session_ids_t ids{};
+    vsk_status_t st = vsk_create_extended_client_session(
+        type, attrs.get(), nullptr, dyn != nullptr ? dyn->get() : nullptr, &ids,
+        cache ? &use_cache : nullptr, nullptr);
+    return st == 0 ? ids.session_id : 0;
+  }
+  orvd_ctx link_{};
+  void* shm_ = nullptr;
+};
+
+// "" when the shared counts equal a recount from the tables, else the differences.
+inline std::string Drift() { return CountDifferences(RecountFromTables(), ReadSharedCounts()); }
 
 // The client record's value of `type`; "st<n>" when the read failed.
 inline std::string Row(uint64_t id, uint16_t type) {

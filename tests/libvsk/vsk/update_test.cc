@@ -19,10 +19,7 @@
 namespace vsk::test {
 namespace {
 
-const vsk_create_options_t kCache{0, 1, {0, 0}};
 constexpr char kFn[] = "vsk_update_client_session_internal";
-
-std::string Drift() { return CountDifferences(RecountFromTables(), ReadSharedCounts()); }
 
 uint32_t Counter(uint32_t slot) {
   uint32_t c[VSK_SUMMARY_COUNTER_SLOTS];
@@ -30,30 +27,14 @@ uint32_t Counter(uint32_t slot) {
 }
 uint32_t StateCount(int32_t s) { return Counter(vsk_session_state_to_summary_counter(s)); }
 
-class UpdateTest : public VskTest {
+class UpdateTest : public EngineTest {
  protected:
-  void SetUp() override {
-    VskTest::SetUp();
-    ASSERT_EQ(UpAsOrvd(&link_), 0) << traces().Dump();
-    shm_ = vsk_snap_get_shared_memory_ptr();
-    traces().Clear();
+  uint64_t Create(AttrList& attrs, bool cache, uint32_t type = 2) {
+    uint64_t id = EngineTest::Create(attrs, cache, type);
+    EXPECT_NE(id, 0u);
+    EXPECT_EQ(vsk_is_session_in_shm(id, shm_), cache);
+    return id;
   }
-  void TearDown() override {
-    vsk_close_internal();
-    vsk_db_reset_orvd_handle();
-    VskTest::TearDown();
-  }
-  uint64_t Create(AttrList& attrs, bool cache, uint32_t type = 2, DynList* dyn = nullptr) {
-    vsk_session_ids_t ids{};
-    EXPECT_EQ(vsk_create_extended_client_session(type, attrs.get(), nullptr,
-                                                 dyn != nullptr ? dyn->get() : nullptr, &ids,
-                                                 cache ? &kCache : nullptr, nullptr),
-              0);
-    EXPECT_EQ(vsk_is_session_in_shm(ids.session_id, shm_), cache);
-    return ids.session_id;
-  }
-  orvd_ctx link_{};
-  void* shm_ = nullptr;
 };
 
 TEST_F(UpdateTest, CachedSessionChangesInTheSlotUntilItsStateChanges) {
@@ -322,30 +303,12 @@ TEST_F(UpdateTest, PrivateDataGoesWithTheUpdateOrNotAtAll) {
   EXPECT_EQ(PrivateRow(table, 9), blob);
 }
 
-TEST_F(UpdateTest, CallerTransactionIsNeitherCommittedNorAborted) {
-  AttrList attrs{{VSK_USER_NAME, "ida"}};
-  const uint64_t id = Create(attrs, false);
-  vsk_db_txn_t txn{};
-  ASSERT_EQ(vsk_db_start_txn(&txn), 0);
-  UpdateList u;
-  u.Replace(VSK_USER_NAME, "ivy");
-  vsk_session_ids_t ids{};
-  ids.session_id = id;
-  ASSERT_EQ(vsk_update_client_session_internal(ids, nullptr, u.get(), nullptr, 0, nullptr, &txn,
-                                               nullptr, nullptr),
-            0);
-  ASSERT_NE(txn.txn, nullptr) << "still open";
-  vsk_db_abort_txn(&txn, 0);
-  EXPECT_EQ(Row(id, VSK_USER_NAME), "ida") << "the caller's abort undid the update";
-}
-
 // ---- a second process holding the record's write lock ------------------------------------
 
 using UpdateSystemTest = SessionSystemTest;
 
 TEST_F(UpdateSystemTest, UpdateRetriesUntilTheLockGoesOrGivesUpAfterTenPasses) {
-  ASSERT_TRUE(StartOrvd());
-  ASSERT_TRUE(Observe());
+  ASSERT_TRUE(StartSystem());
   ChildResult made = AsClientDaemon([] {
     AttrList attrs{{VSK_USER_NAME, "jo"}, {VSK_SESSION_STATE, U32(1)}};
     vsk_session_id_t id;
@@ -360,7 +323,7 @@ TEST_F(UpdateSystemTest, UpdateRetriesUntilTheLockGoesOrGivesUpAfterTenPasses) {
     HoldRecordLock(holder, 1, -1);
     ASSERT_TRUE(holder.WaitReady());
     ChildResult blocked = AsClientDaemon([] {
-      ShortTimeouts();
+      NoLockWaits();
       UpdateList u;
       u.Replace(VSK_SESSION_STATE, U32(2));
       if (vsk_update_client_session(1, u.get()) != VSK_ERR_RETRY) return 1;
@@ -384,7 +347,7 @@ TEST_F(UpdateSystemTest, UpdateRetriesUntilTheLockGoesOrGivesUpAfterTenPasses) {
   ASSERT_TRUE(holder.WaitReady());
   const int write_fd = fds[1];
   ChildResult retried = AsClientDaemon([write_fd] {
-    ShortTimeouts();
+    NoLockWaits();
     g_signal_fd = write_fd, g_signal_on = ": Failed to read client session 1", g_signal_after = 2;
     vsk_trace_cbk = SignallingTrace;
     UpdateList u;
@@ -395,6 +358,7 @@ TEST_F(UpdateSystemTest, UpdateRetriesUntilTheLockGoesOrGivesUpAfterTenPasses) {
     return Row(1, VSK_SESSION_STATE) == U32(2) ? 0 : 3;
   });
   EXPECT_TRUE(retried.Ok()) << retried;
+  (void)!write(fds[1], "", 1);  // lets the holder go also when the signal never came
   holder.Go();
   EXPECT_TRUE(holder.Wait().Ok());
   close(fds[0]), close(fds[1]);
