@@ -25,6 +25,7 @@
 #include "libvsk/store/tables.h"
 #include "libvsk/store/txn.h"
 #include "libvsk/vsk/dynamic_internal.h"
+#include "vsk/dynamic.h"
 #include "vsk/session_cache.h"
 #include "vsk/shared.h"
 
@@ -250,6 +251,11 @@ vsk_status_t ReadForUpdate(uint64_t id, void* shm, vsk_db_txn_t* txn, Records* r
   if (cache::IsCached(shm, id)) {
     r->from_cache = true;
     *key = id;
+    // The slot's dynamic block has no lock of its own: the write lock on the session's
+    // table row makes two processes' changes of one cached session follow each other, so
+    // that neither list is written over with a copy that lacks the other's entry.
+    st = store::ClientSessionRecordExists(txn, &id, true);
+    if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) return st;
     st = vsk_db_client_session_empty(&r->client);
     if (st == VSK_OK) st = cache::ToSessionRecord(nullptr, shm, id, r->client);
     if (st != VSK_OK) {

@@ -23,6 +23,7 @@
 
 #include "libvsk/base/trace.h"
 #include "libvsk/vsk/dynamic_internal.h"
+#include "vsk/dynamic.h"
 #include "libvsk/vsk/snapshot_internal.h"
 #include "platform/format.h"
 #include "vsk/attr_read.h"
