@@ -224,5 +224,78 @@ TEST_F(DynamicSystemTest, InterfaceUnitDrawnOncePerSessionAcrossTwoProcesses) {
   EXPECT_TRUE(checked.Ok()) << checked;
 }
 
+TEST_F(DynamicTest, EmptyPoolGivesMinusTenAndLeavesTheSessionAlone) {
+  AttrList a{{VSK_SESSION_STATE, U32(1)}};
+  DynList dyn{{"kelvo-a", "1"}};
+  ASSERT_EQ(PutSession({9, &a, &dyn}), 0);
+  uint32_t unit = 0;
+  while (vsk_unit_allocate(&unit, 0) == 0) {
+  }
+  Load(9);
+  EXPECT_EQ(DynamicValue(&h_, 0, "kelvo-interface-unit"), "st-10");
+  EXPECT_TRUE(traces().Contains("vsk_get_internal_variables_internal: Ran out of unit numbers"));
+  EXPECT_EQ(Stored(9), "kelvo-a=1;");
+}
+
+TEST_F(DynamicTest, UpdatesMergeIntoTablesAndServices) {
+  AttrList a{{VSK_SESSION_STATE, U32(1)}};
+  DynList dyn{{"kelvo-z", "1"}, {"kelvo-b", "2"}};
+  DynList sdyn{{"svc-rate", "5"}};
+  ASSERT_EQ(PutSession({1, &a, &dyn, {}, {{2, &a, &sdyn}}}), 0);
+  ASSERT_EQ(vsk_update_client_dynamic(1, nullptr), 0);
+  EXPECT_EQ(Stored(1), "kelvo-b=2;kelvo-z=1;") << "a rewrite puts names in order";
+  vsk_dyn_update_t e{nullptr, const_cast<char*>("kelvo-c"), 1, const_cast<char*>("3"), 0, 0,
+                     VSK_ATTR_ACTION_ADD_OR_APPEND, 0, nullptr};
+  vsk_dyn_update_list_t list{&e, &e.next};
+  ASSERT_EQ(vsk_update_client_dynamic(1, &list), 0);
+  EXPECT_EQ(Stored(1), "kelvo-b=2;kelvo-c=3;kelvo-z=1;");
+  e.name = const_cast<char*>("svc-burst");
+  ASSERT_EQ(vsk_update_service_dynamic(2, &list), 0);
+  Load(1);
+  h_.include_services = 1;
+  vsk_free_snapshot_handle(&h_);
+  h_ = vsk_snapshot_handle{};
+  h_.session_id = 2;
+  ASSERT_EQ(vsk_get_snapshot(&h_), 0);
+  EXPECT_EQ(DynamicValue(&h_, 2, "svc-burst"), "3");
+  EXPECT_EQ(DynamicValue(&h_, 2, "svc-rate"), "5");
+  EXPECT_EQ(vsk_update_client_dynamic(77, &list), VSK_ERR_NOT_FOUND);
+  EXPECT_TRUE(traces().Contains("Failed to update dynamic configuration -7"));
+  DynList fresh{{"only", "x"}};
+  ASSERT_EQ(vsk_set_client_dynamic_configuration(1, fresh.get()), 0);
+  EXPECT_EQ(Stored(1), "only=x;");
+}
+
+// A cached session's dynamic block fills up: the update that no longer fits moves the
+// session, with every entry, to the tables and gives the slot up.
+TEST_F(DynamicTest, CachedUpdatesThatOverflowTheBlockMoveTheSessionToTheTables) {
+  AttrList a{{VSK_SESSION_STATE, U32(1)}, {VSK_INTERFACE_NAME, Text("ge-3/0/0")}};
+  DynList dyn{{"kelvo-a", "1"}};
+  const uint64_t id = Create(a, dyn, true);
+  ASSERT_TRUE(vsk_is_session_in_shm(id, shm_));
+  const std::string big(100, 'v');
+  int moved_at = -1;
+  for (int i = 0; i < 40 && moved_at < 0; ++i) {
+    std::string name = "kelvo-n" + std::to_string(i);
+    vsk_dyn_update_t e{nullptr, name.data(), static_cast<uint32_t>(big.size()),
+                       const_cast<char*>(big.data()), 0, 0, VSK_ATTR_ACTION_ADD_OR_APPEND, 0,
+                       nullptr};
+    vsk_dyn_update_list_t list{&e, &e.next};
+    ASSERT_EQ(vsk_update_client_dynamic(id, &list), 0) << i;
+    if (!vsk_is_session_in_shm(id, shm_)) moved_at = i;
+  }
+  ASSERT_GE(moved_at, 1) << "the block held a few updates first";
+  EXPECT_EQ(traces().CountContaining("vsk_update_client_dynamic_internal too big for buffer"), 1);
+  vsk_db_txn_t txn{};
+  vsk_dynamic_config_t* rec = nullptr;
+  uint64_t key = id;
+  ASSERT_EQ(vsk_db_get_dynamic_config(&txn, &key, &rec, false), 0);
+  int entries = 0;
+  for (vsk_dyn_attr_t* e = rec->attrs->first; e != nullptr; e = e->next) ++entries;
+  vsk_db_release_dynamic_config(rec, true);
+  EXPECT_EQ(entries, moved_at + 2) << "kelvo-a and every update, the last included";
+  EXPECT_EQ(Row(id, VSK_INTERFACE_NAME), Text("ge-3/0/0"));
+}
+
 }  // namespace
 }  // namespace vsk::test
