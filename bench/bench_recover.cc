@@ -45,11 +45,12 @@ bool Fill(int from, int to) {
     if (vsk_db_start_txn(&txn) != 0) return false;
     for (int i = base; i < std::min(to, base + kPerTxn); ++i) {
       uint64_t id = static_cast<uint64_t>(i) + 1;
-      std::vector<Attr> attrs = {{VSK_INTERFACE_NAME, "ge-0/0/0." + std::to_string(i) + '\0'},
-                                 {VSK_UNDERLYING_INTERFACE_NAME, "ae" + std::to_string(i % 64) + '\0'},
-                                 {VSK_SESSION_STATE, U32(2)},
-                                 {VSK_CLIENT_SESSION_TYPE, U32(2)},
-                                 {VSK_SESSION_IFL_TYPE, U32(1)}};
+      std::vector<Attr> attrs = {
+          {VSK_INTERFACE_NAME, "ge-0/0/0." + std::to_string(i) + '\0'},
+          {VSK_UNDERLYING_INTERFACE_NAME, "ae" + std::to_string(i % 64) + '\0'},
+          {VSK_SESSION_STATE, U32(2)},
+          {VSK_CLIENT_SESSION_TYPE, U32(2)},
+          {VSK_SESSION_IFL_TYPE, U32(1)}};
       std::vector<vsk_attr_t> nodes(attrs.size());
       vsk_attr_list_t list{nullptr, &list.first};
       for (size_t k = 0; k < attrs.size(); ++k) {

@@ -15,6 +15,8 @@
 //     one that made it.
 //  3. An array is written back through its top-level identifying entry: under one
 //     identifying value the first two nested instances are kept (the format's limit).
+#include "vsk/dynamic.h"
+
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -25,7 +27,6 @@
 #include "libvsk/store/tables.h"
 #include "libvsk/store/txn.h"
 #include "libvsk/vsk/dynamic_internal.h"
-#include "vsk/dynamic.h"
 #include "vsk/session_cache.h"
 #include "vsk/shared.h"
 
@@ -84,7 +85,8 @@ vsk_status_t LoadTree(patricia_root_t* tree, const vsk_dyn_attr_list_t* list, co
   vsk_array_member_list_t* members = nullptr;
   patricia_root_t* index_root = nullptr;
   vsk_array_index_node_t* index_node = nullptr;
-  for (const vsk_dyn_attr_t* a = list != nullptr ? list->first : nullptr; a != nullptr; a = a->next) {
+  for (const vsk_dyn_attr_t* a = list != nullptr ? list->first : nullptr; a != nullptr;
+       a = a->next) {
     if (a->name == nullptr) continue;
     const uint16_t klen = static_cast<uint16_t>(std::strlen(a->name) + 1);
     vsk_status_t st;
@@ -132,7 +134,8 @@ vsk_status_t EmitArray(FlatList* out, vsk_array_index_node_t* top, const char* f
   vsk_array_index_node_t* node[kArrayLevels] = {top};
   int level = 1;
   if (top->nested_root != nullptr) {
-    node[1] = reinterpret_cast<vsk_array_index_node_t*>(patricia_find_next(top->nested_root, nullptr));
+    node[1] =
+        reinterpret_cast<vsk_array_index_node_t*>(patricia_find_next(top->nested_root, nullptr));
     if (node[1] != nullptr) level = 2;
   }
   auto write_out = [&]() -> vsk_status_t {
@@ -245,8 +248,7 @@ struct Records {
   }
 };
 
-vsk_status_t ReadForUpdate(uint64_t id, void* shm, vsk_db_txn_t* txn, Records* r,
-                           uint64_t* key) {
+vsk_status_t ReadForUpdate(uint64_t id, void* shm, vsk_db_txn_t* txn, Records* r, uint64_t* key) {
   vsk_status_t st;
   if (cache::IsCached(shm, id)) {
     r->from_cache = true;
@@ -264,7 +266,8 @@ vsk_status_t ReadForUpdate(uint64_t id, void* shm, vsk_db_txn_t* txn, Records* r
     }
     st = vsk_db_dynamic_config_empty(&r->dynamic);
     if (st == VSK_OK) st = cache::ToDynamicRecord(nullptr, shm, id, r->dynamic);
-    if (st != VSK_OK) VSK_TRACE("%s - %d: Failed to read client record from shm", kClientFn, __LINE__);
+    if (st != VSK_OK)
+      VSK_TRACE("%s - %d: Failed to read client record from shm", kClientFn, __LINE__);
     return st;
   }
   st = store::GetClientSession(txn, &id, &r->client, false);

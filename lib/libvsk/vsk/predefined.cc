@@ -23,10 +23,10 @@
 
 #include "libvsk/base/trace.h"
 #include "libvsk/vsk/dynamic_internal.h"
-#include "vsk/dynamic.h"
 #include "libvsk/vsk/snapshot_internal.h"
 #include "platform/format.h"
 #include "vsk/attr_read.h"
+#include "vsk/dynamic.h"
 #include "vsk/shared.h"
 
 namespace vsk::session {
@@ -233,7 +233,8 @@ vsk_status_t IfdParts(vsk_snapshot_handle* h, patricia_root_t* tree, const char*
       std::free(ifd);
     }
     if (unit[0] != '\0') {
-      vsk_status_t u = AddOwned(pre, kUnderlyingUnit, unit, static_cast<uint32_t>(std::strlen(unit) + 1));
+      vsk_status_t u =
+          AddOwned(pre, kUnderlyingUnit, unit, static_cast<uint32_t>(std::strlen(unit) + 1));
       if (st == VSK_OK) st = u;
     } else {
       std::free(unit);
@@ -271,7 +272,8 @@ vsk_status_t SetName(vsk_snapshot_handle* h, patricia_root_t* tree, const char* 
   if (phy == nullptr) return VSK_ERR_NOT_FOUND;
   std::string text;
   if (const vsk_attr_value_t* v = phy->values_first; v != nullptr && v->value != nullptr) {
-    text.assign(static_cast<const char*>(v->value), v->length < kSetNameRoom ? v->length : kSetNameRoom);
+    text.assign(static_cast<const char*>(v->value),
+                v->length < kSetNameRoom ? v->length : kSetNameRoom);
     text = text.c_str();
   }
   bool suffixed = false;
@@ -347,8 +349,7 @@ vsk_status_t InterfaceUnit(vsk_snapshot_handle* h, vsk_attr_value_t** out) {
         *out = ListOf(node);
         return VSK_OK;
       }
-      VSK_TRACE("%s at %d: This should not happen, unit id not in patricia tree\n", kFn,
-                __LINE__);
+      VSK_TRACE("%s at %d: This should not happen, unit id not in patricia tree\n", kFn, __LINE__);
       return VSK_ERR_FATAL;
     }
     VSK_TRACE("%s: Failed to put %s in client session, err=%s", kFn, kUnitName,
@@ -412,7 +413,8 @@ vsk_status_t Predefined(vsk_snapshot_handle* h, uint64_t id, const char* name,
     VSK_TRACE("%s: kelvo-subscriber-mac-address: %s\n", kFn, text);
     return AnswerText(h, name, text, n, out);
   }
-  if (std::strcmp(name, "kelvo-interface-name") == 0) return RawCopy(h, name, VSK_INTERFACE_NAME, out);
+  if (std::strcmp(name, "kelvo-interface-name") == 0)
+    return RawCopy(h, name, VSK_INTERFACE_NAME, out);
   if (std::strcmp(name, "kelvo-routing-instance") == 0) {
     return RawCopy(h, name, VSK_ROUTING_INSTANCE, out);
   }
@@ -485,9 +487,10 @@ vsk_status_t DynamicAttrStr(vsk_snapshot_handle* h, uint64_t id, const char* nam
       st = AddOwned(tree, name, text, v->length + 1);
     }
     if (st != VSK_OK) {
-      VSK_TRACE("%s: Failed to add string value of dynamic configuration attributes to patricia "
-                "tree, err=%s",
-                "vsk_get_dynamic_config_attr_str_internal", vsk_get_err_msg(st));
+      VSK_TRACE(
+          "%s: Failed to add string value of dynamic configuration attributes to patricia "
+          "tree, err=%s",
+          "vsk_get_dynamic_config_attr_str_internal", vsk_get_err_msg(st));
       return st;
     }
   }

@@ -14,6 +14,8 @@
 //     part of the step follows.
 //  3. The step counts into the record that the rebuild prepared (RecoveryCounterRecord):
 //     readers of the shared counters keep the old values until the walk is complete.
+#include "vsk/recover.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -31,7 +33,6 @@
 #include "libvsk/vsk/snapshot_internal.h"
 #include "platform/format.h"
 #include "platform/paths.h"
-#include "vsk/recover.h"
 #include "vsk/shared.h"
 
 namespace vsk::session {
@@ -55,7 +56,8 @@ const vsk_attr_value_t* FirstValue(vsk_snapshot_handle* h, uint16_t type) {
 // A value's leading 4 bytes as a number; a shorter value fills the low bytes.
 uint32_t U32(const vsk_attr_value_t* v) {
   uint32_t out = 0;
-  if (v != nullptr && v->value != nullptr) std::memcpy(&out, v->value, v->length < 4 ? v->length : 4);
+  if (v != nullptr && v->value != nullptr)
+    std::memcpy(&out, v->value, v->length < 4 ? v->length : 4);
   return out;
 }
 
@@ -161,8 +163,7 @@ void RecoverCounters(vsk_snapshot_handle* h, uint64_t id, int32_t state) {
   }
   if (const vsk_attr_value_t* ifl = FirstValue(h, VSK_SESSION_IFL_TYPE)) {
     if (shared::CounterIncrementIflType(static_cast<int32_t>(U32(ifl)), block) != 0) {
-      VSK_TRACE("VSK DB recover, ifl type summary counter increment failed, session %llu",
-                Ull(id));
+      VSK_TRACE("VSK DB recover, ifl type summary counter increment failed, session %llu", Ull(id));
     }
   } else {
     VSK_TRACE("VSK DB recover, no VSK_SESSION_IFL_TYPE");
@@ -196,9 +197,10 @@ void RecoverServiceCounters(vsk_snapshot_handle* h) {
     const vsk_service_session_t* rec = node->record;
     if (rec->config_bits_len != 0 &&
         shared::CounterIncrementConfigBits(rec->config_bits, rec->config_bits_len, block) != 0) {
-      VSK_TRACE("VSK DB recover, config bits summary counter increment failed, service session "
-                "%llu",
-                Ull(sid));
+      VSK_TRACE(
+          "VSK DB recover, config bits summary counter increment failed, service session "
+          "%llu",
+          Ull(sid));
     }
   }
 }
@@ -348,8 +350,7 @@ void RecoverDebugOutput(vsk_snapshot_handle* h) {
 
 void RecoverDebugEnd() {
   if (g_debug_log == nullptr) return;
-  std::fprintf(g_debug_log, "--== Recover completed at %s ==--\n",
-               time_isostr(std::time(nullptr)));
+  std::fprintf(g_debug_log, "--== Recover completed at %s ==--\n", time_isostr(std::time(nullptr)));
   std::fclose(g_debug_log);
   g_debug_log = nullptr;
 }

@@ -66,16 +66,18 @@ class DynamicTest : public VskTest {
 };
 
 TEST_F(DynamicTest, PredefinedVariablesFromTheirSourceAttributes) {
-  AttrList full{{VSK_USER_IPV4_ADDRESS, U32(0x0a00000a)},
-                {VSK_USER_IPV6_ADDRESS, V6({0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1})},
-                {VSK_USER_MAC_ADDRESS, std::string("\x00\x11\x22\xaa\xbb\xcc", 6)},
-                {VSK_INTERFACE_NAME, "ge-1/0/0.7"},
-                {VSK_ROUTING_INSTANCE, "vrf-a"},
-                {VSK_UNNUMBERED_INTERFACE, "lo0.0"},
-                {VSK_PREFERRED_IP_ADDRESS, std::string("\xc0\x00\x02\x01", 4)},
-                {VSK_PREFERRED_IPV6_ADDRESS, V6({0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2})},
-                {VSK_INTERFACE_IPV6_ADDRESS, Prefixed(64, {0x20, 0x01, 0x0d, 0xb8, 0, 1})},
-                {VSK_NDRA_PREFIX, Prefixed(56, {0x20, 0x01, 0x0d, 0xb8, 0, 2})}};
+  AttrList full{
+      {VSK_USER_IPV4_ADDRESS, U32(0x0a00000a)},
+      {VSK_USER_IPV6_ADDRESS, V6({0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1})},
+      {VSK_USER_MAC_ADDRESS, std::string("\x00\x11\x22\xaa\xbb\xcc", 6)},
+      {VSK_INTERFACE_NAME, "ge-1/0/0.7"},
+      {VSK_ROUTING_INSTANCE, "vrf-a"},
+      {VSK_UNNUMBERED_INTERFACE, "lo0.0"},
+      {VSK_PREFERRED_IP_ADDRESS, std::string("\xc0\x00\x02\x01", 4)},
+      {VSK_PREFERRED_IPV6_ADDRESS,
+       V6({0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 2})},
+      {VSK_INTERFACE_IPV6_ADDRESS, Prefixed(64, {0x20, 0x01, 0x0d, 0xb8, 0, 1})},
+      {VSK_NDRA_PREFIX, Prefixed(56, {0x20, 0x01, 0x0d, 0xb8, 0, 2})}};
   AttrList alt{{VSK_USER_IPV6_ADDRESS_ALT, Prefixed(48, {0x20, 0x01, 0x0d, 0xb8, 0, 3})},
                {VSK_DELEGATED_IPV6_PREFIX, Prefixed(60, {0x20, 0x01, 0x0d, 0xb8, 0, 4})}};
   AttrList none{{VSK_SESSION_STATE, U32(1)}};
@@ -121,7 +123,8 @@ TEST_F(DynamicTest, InterfaceSetAndDeviceNames) {
   AttrList plain{{VSK_SESSION_STATE, U32(1)}};
   DynList phy{{"kelvo-phy-ifd-name", Text("ge-1/0/0")},
               {"kelvo-underlying-interface", Text("ge-1/0/0.100")}};
-  DynList stored{{"kelvo-interface-set-name", Text("set-a")}, {"kelvo-underlying-interface", Text("ae0")}};
+  DynList stored{{"kelvo-interface-set-name", Text("set-a")},
+                 {"kelvo-underlying-interface", Text("ae0")}};
   ASSERT_EQ(PutSession({1, &vlans, &phy}), 0);
   ASSERT_EQ(PutSession({2, &outer, &phy}), 0);
   ASSERT_EQ(PutSession({3, &plain, &phy}), 0);
@@ -183,8 +186,8 @@ TEST_F(DynamicSystemTest, InterfaceUnitDrawnOncePerSessionAcrossTwoProcesses) {
     DynList dyn{{"kelvo-a", "1"}};
     for (int i = 0; i < kSessions; ++i) {
       vsk_session_ids_t ids{};
-      CHILD_CHECK(vsk_create_extended_client_session(2, a.get(), nullptr, dyn.get(), &ids,
-                                                     nullptr, nullptr) == 0);
+      CHILD_CHECK(vsk_create_extended_client_session(2, a.get(), nullptr, dyn.get(), &ids, nullptr,
+                                                     nullptr) == 0);
       CHILD_CHECK(ids.session_id == static_cast<uint64_t>(i + 1));
     }
     return 0;
@@ -244,8 +247,15 @@ TEST_F(DynamicTest, UpdatesMergeIntoTablesAndServices) {
   ASSERT_EQ(PutSession({1, &a, &dyn, {}, {{2, &a, &sdyn}}}), 0);
   ASSERT_EQ(vsk_update_client_dynamic(1, nullptr), 0);
   EXPECT_EQ(Stored(1), "kelvo-b=2;kelvo-z=1;") << "a rewrite puts names in order";
-  vsk_dyn_update_t e{nullptr, const_cast<char*>("kelvo-c"), 1, const_cast<char*>("3"), 0, 0,
-                     VSK_ATTR_ACTION_ADD_OR_APPEND, 0, nullptr};
+  vsk_dyn_update_t e{nullptr,
+                     const_cast<char*>("kelvo-c"),
+                     1,
+                     const_cast<char*>("3"),
+                     0,
+                     0,
+                     VSK_ATTR_ACTION_ADD_OR_APPEND,
+                     0,
+                     nullptr};
   vsk_dyn_update_list_t list{&e, &e.next};
   ASSERT_EQ(vsk_update_client_dynamic(1, &list), 0);
   EXPECT_EQ(Stored(1), "kelvo-b=2;kelvo-c=3;kelvo-z=1;");
@@ -277,9 +287,10 @@ TEST_F(DynamicTest, CachedUpdatesThatOverflowTheBlockMoveTheSessionToTheTables) 
   int moved_at = -1;
   for (int i = 0; i < 40 && moved_at < 0; ++i) {
     std::string name = "kelvo-n" + std::to_string(i);
-    vsk_dyn_update_t e{nullptr, name.data(), static_cast<uint32_t>(big.size()),
-                       const_cast<char*>(big.data()), 0, 0, VSK_ATTR_ACTION_ADD_OR_APPEND, 0,
-                       nullptr};
+    vsk_dyn_update_t e{
+        nullptr, name.data(), static_cast<uint32_t>(big.size()), const_cast<char*>(big.data()),
+        0,       0,           VSK_ATTR_ACTION_ADD_OR_APPEND,     0,
+        nullptr};
     vsk_dyn_update_list_t list{&e, &e.next};
     ASSERT_EQ(vsk_update_client_dynamic(id, &list), 0) << i;
     if (!vsk_is_session_in_shm(id, shm_)) moved_at = i;

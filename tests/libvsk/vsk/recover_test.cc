@@ -69,12 +69,13 @@ int Load(int k, int steps) {
       AttrList attrs{{VSK_SESSION_STATE, U32(pick(2))},
                      {VSK_SESSION_IFL_TYPE, U32(pick(4))},
                      {VSK_INTERFACE_NAME, Text("ge-0/0/" + std::to_string(pick(5)))}};
-      if (pick(3) == 0) attrs.Add(VSK_UNDERLYING_INTERFACE_NAME, Text("ae" + std::to_string(pick(3))));
+      if (pick(3) == 0)
+        attrs.Add(VSK_UNDERLYING_INTERFACE_NAME, Text("ae" + std::to_string(pick(3))));
       DynList dyn{{"kelvo-a", "1"}};
       vsk_session_ids_t ids{};
       const bool cache = pick(2) == 0;
-      CHILD_CHECK(vsk_create_extended_client_session(1u << pick(3), attrs.get(), nullptr,
-                                                     dyn.get(), &ids, cache ? &kCache : nullptr,
+      CHILD_CHECK(vsk_create_extended_client_session(1u << pick(3), attrs.get(), nullptr, dyn.get(),
+                                                     &ids, cache ? &kCache : nullptr,
                                                      nullptr) == 0);
       if (vsk_is_session_in_shm(ids.session_id, shm)) {
         UpdateList u;
@@ -92,7 +93,8 @@ int Load(int k, int steps) {
     } else if (what < 8) {
       UpdateList u;
       u.Replace(VSK_SESSION_STATE, U32(pick(4))).Replace(VSK_SESSION_IFL_TYPE, U32(pick(4)));
-      CHILD_CHECK(vsk_update_client_session(live[pick(static_cast<int>(live.size()))], u.get()) == 0);
+      CHILD_CHECK(vsk_update_client_session(live[pick(static_cast<int>(live.size()))], u.get()) ==
+                  0);
     } else {
       const size_t at = static_cast<size_t>(pick(static_cast<int>(live.size())));
       CHILD_CHECK(vsk_remove_client_session(live[at]) == 0);
@@ -233,10 +235,13 @@ TEST_F(RecoverTest, StandbyIsRefused) {
 // counts, and the unit it takes out of the pool.
 TEST_F(RecoverTest, RebuildCountsEachSessionAsTheRulesSay) {
   AttrList no_state{{VSK_CLIENT_SESSION_TYPE, U32(2)}, {VSK_INTERFACE_NAME, Text("ge-1/0/0.1")}};
-  AttrList no_type{{VSK_SESSION_STATE, U32(1)}, {VSK_INTERFACE_NAME, Text("ge-1/0/0.2")},
+  AttrList no_type{{VSK_SESSION_STATE, U32(1)},
+                   {VSK_INTERFACE_NAME, Text("ge-1/0/0.2")},
                    {VSK_UNDERLYING_INTERFACE_NAME, Text("ae0")}};
-  AttrList typed{{VSK_SESSION_STATE, U32(3)}, {VSK_CLIENT_SESSION_TYPE, U32(2)},
-                 {VSK_SESSION_IFL_TYPE, U32(1)}, {VSK_INTERFACE_NAME, Text("ge-1/0/0.3")}};
+  AttrList typed{{VSK_SESSION_STATE, U32(3)},
+                 {VSK_CLIENT_SESSION_TYPE, U32(2)},
+                 {VSK_SESSION_IFL_TYPE, U32(1)},
+                 {VSK_INTERFACE_NAME, Text("ge-1/0/0.3")}};
   AttrList svc{{VSK_SESSION_STATE, U32(1)}};
   DynList pool_unit{{"kelvo-interface-unit", Text(std::to_string(kUnitBase + 4))}};
   DynList low_unit{{"kelvo-interface-unit", Text("12")}};
