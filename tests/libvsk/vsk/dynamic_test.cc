@@ -6,6 +6,7 @@
 
 #include "session_fixture.h"
 #include "session_rows.h"
+#include "snapshot_rows.h"
 #include "support/attr_lists.h"
 
 namespace vsk::test {
@@ -26,7 +27,7 @@ class DynamicTest : public VskTest {
  protected:
   void SetUp() override {
     VskTest::SetUp();
-    ASSERT_EQ(UpAsOrvd(&link_), 0) << traces().Dump();
+    ASSERT_EQ(Up(&link_, true), 0) << traces().Dump();
     shm_ = vsk_snap_get_shared_memory_ptr();
   }
   void TearDown() override {
@@ -196,7 +197,7 @@ TEST_F(DynamicSystemTest, InterfaceUnitDrawnOncePerSessionAcrossTwoProcesses) {
   auto both_read = [this] {
     return RunConcurrently(2, [](int) {
       orvd_ctx link{};
-      if (UpAsClient(&link) != 0) return 100;
+      if (Up(&link, false) != 0) return 100;
       int rc = ReadUnits(kSessions);
       vsk_close_internal();
       return rc;

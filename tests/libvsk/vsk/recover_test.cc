@@ -9,6 +9,7 @@
 
 #include "session_fixture.h"
 #include "session_rows.h"
+#include "snapshot_rows.h"
 #include "support/attr_lists.h"
 #include "support/orvd_process.h"
 #include "support/recount.h"
@@ -110,7 +111,13 @@ class RecoverSystemTest : public SessionSystemTest {
     orvd_.Stop(SIGKILL);
     SessionSystemTest::TearDown();
   }
-  bool StartRealOrvd() { return orvd_.Start() && Observe(); }
+  // A real orvd, and this process attached to the segments and the interface table only.
+  bool StartRealOrvd() {
+    if (!orvd_.Start()) return false;
+    AsClient();
+    vsk::shared::intf::TestSeam::Forget();  // the mapping of the orvd before
+    return vsk_open_internal(false) == 0 && vsk_db_secondary_init(false) == VSK_OK;
+  }
   OrvdProcess orvd_;
 };
 
@@ -123,7 +130,7 @@ TEST_F(RecoverSystemTest, RestartAfterKillingEveryProcessRebuildsTheSameState) {
   for (int k = 0; k < kWorkers; ++k) {
     workers[k].Start([k](Child::Channel& ch) {
       orvd_ctx link{};
-      if (UpAsClient(&link) != 0) return 100;
+      if (Up(&link, false) != 0) return 100;
       int rc = Load(k, kSteps);
       ch.Ready();
       ch.WaitGo();
@@ -178,7 +185,7 @@ class RecoverTest : public VskTest {
  protected:
   void SetUp() override {
     VskTest::SetUp();
-    ASSERT_EQ(UpAsOrvd(&link_), 0) << traces().Dump();
+    ASSERT_EQ(Up(&link_, true), 0) << traces().Dump();
     traces().Clear();
   }
   void TearDown() override {

@@ -26,22 +26,17 @@ inline vsk_status_t Up(orvd_ctx* link, bool orvd) {
   if (st == VSK_OK && orvd) st = vsk_db_secondary_recover();
   return st;
 }
-inline vsk_status_t UpAsOrvd(orvd_ctx* link) { return Up(link, true); }
-inline vsk_status_t UpAsClient(orvd_ctx* link) { return Up(link, false); }
 
 class SessionSystemTest : public SharedTest {
  protected:
   void TearDown() override {
-    StopOrvd();
+    if (orvd_ != nullptr) orvd_->Go(), orvd_->Wait();
     vsk_close_internal();
     SharedTest::TearDown();
   }
 
   // Starts orvd in a child, then attaches this process as an observer.
-  bool StartSystem() { return StartOrvd() && Observe(); }
-
-  // Starts orvd in a child and waits until everything is up.
-  bool StartOrvd() {
+  bool StartSystem() {
     orvd_ = std::make_unique<Child>();
     orvd_->Start([](Child::Channel& ch) {
       orvd_ctx link{};
@@ -51,18 +46,7 @@ class SessionSystemTest : public SharedTest {
       vsk_close_internal();
       return 0;
     });
-    return orvd_->WaitReady();
-  }
-
-  void StopOrvd() {
-    if (orvd_ == nullptr) return;
-    orvd_->Go();
-    orvd_->Wait();
-    orvd_.reset();
-  }
-
-  // Attaches this process to the segments and the interface table, read-mostly.
-  bool Observe() {
+    if (!orvd_->WaitReady()) return false;
     AsClient();
     vsk::shared::intf::TestSeam::Forget();  // a mapping of an earlier test's root
     return vsk_open_internal(false) == 0 && vsk_db_secondary_init(false) == VSK_OK;
