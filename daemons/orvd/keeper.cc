@@ -1,12 +1,11 @@
 // See keeper.h.
 #include "keeper.h"
 
+#include "given_up.h"
+
 #include <db.h>
-#include <dirent.h>
 #include <signal.h>
 #include <sys/eventfd.h>
-#include <sys/mman.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,8 +16,8 @@
 #include <thread>
 
 #include "libvsk/shared/intf_file.h"
-#include "libvsk/store/context.h"
-#include "libvsk/store/env_internal.h"
+#include "libvsk/store/env.h"
+#include "libvsk/store/view.h"
 #include "log.h"
 #include "platform/paths.h"
 #include "vsk/vsk.h"
@@ -68,78 +67,6 @@ bool FinalCheck(DB_ENV* env, bool master) {
   return true;
 }
 
-// Handles of environments given up in a panic. They are never closed or freed (a close
-// would write into the recovered store); the list keeps them reachable, which is what
-// they are.
-std::vector<DB_ENV*>& GivenUpEnvironments() {
-  static auto* list = new std::vector<DB_ENV*>;
-  return *list;
-}
-
-// Descriptors of this process on the store's files (its home, not the interface table's
-// directory below it). When a recovery starts, every one of them belongs to the
-// environment being given up: orvd opens nothing else there.
-std::vector<int> StoreDescriptors() {
-  const std::string home = vsk::platform::RootedPath(vsk::platform::kStoreHome);
-  const std::string shmem = vsk::platform::RootedPath(vsk::platform::kInterfaceDir);
-  std::vector<int> fds;
-  DIR* dir = opendir("/proc/self/fd");
-  if (dir == nullptr) return fds;
-  while (dirent* e = readdir(dir)) {
-    int fd = std::atoi(e->d_name);
-    if (fd <= 2 || fd == dirfd(dir)) continue;
-    char target[4096];
-    std::string link = std::string("/proc/self/fd/") + e->d_name;
-    ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
-    if (n <= 0) continue;
-    std::string path(target, static_cast<size_t>(n));
-    if (path.rfind(home, 0) == 0 && path.rfind(shmem, 0) != 0) fds.push_back(fd);
-  }
-  closedir(dir);
-  return fds;
-}
-
-// The mappings of this process of the current environment's region files ("__db.*" in
-// the store's home, not yet removed). Taken when the environment is given up; the
-// recovery removes the files, and the ranges are unmapped once nothing can touch them.
-std::vector<std::pair<uintptr_t, size_t>> RegionMappings() {
-  const std::string prefix = vsk::platform::RootedPath(vsk::platform::kStoreHome) + "__db.";
-  std::ifstream maps("/proc/self/maps");
-  std::vector<std::pair<uintptr_t, size_t>> ranges;
-  std::string line;
-  while (std::getline(maps, line)) {
-    auto slash = line.find('/');
-    if (slash == std::string::npos || line.compare(slash, prefix.size(), prefix) != 0) continue;
-    if (line.find(" (deleted)", slash) != std::string::npos) continue;  // an older one's
-    uintptr_t start = std::strtoull(line.c_str(), nullptr, 16);
-    uintptr_t end = std::strtoull(line.c_str() + line.find('-') + 1, nullptr, 16);
-    ranges.emplace_back(start, end - start);
-  }
-  return ranges;
-}
-
-// True when process `pid` waits in a futex whose address lies in a removed region file of
-// the store: a mutex, latch or condition of an environment that has been given up.
-bool WaitsInsideGivenUpStore(pid_t pid) {
-  const std::string proc = "/proc/" + std::to_string(pid);
-  std::ifstream syscall(proc + "/syscall");
-  long number = -1;
-  std::string address;
-  if (!(syscall >> number >> address) || number != SYS_futex) return false;
-  const uintptr_t at = std::strtoull(address.c_str(), nullptr, 16);
-  const std::string prefix = vsk::platform::RootedPath(vsk::platform::kStoreHome) + "__db.";
-  std::ifstream maps(proc + "/maps");
-  for (std::string line; std::getline(maps, line);) {
-    const uintptr_t start = std::strtoull(line.c_str(), nullptr, 16);
-    const uintptr_t end = std::strtoull(line.c_str() + line.find('-') + 1, nullptr, 16);
-    if (at < start || at >= end) continue;
-    auto slash = line.find('/');
-    return slash != std::string::npos && line.compare(slash, prefix.size(), prefix) == 0 &&
-           line.find(" (deleted)", slash) != std::string::npos;
-  }
-  return false;
-}
-
 }  // namespace
 
 Keeper::Keeper(evContext ev) : ev_(ev) {}
@@ -152,8 +79,9 @@ Keeper::~Keeper() {
   }
 }
 
-void Keeper::Serve(Server* server) {
+void Keeper::Serve(Server* server, StoreReopen* reopen) {
   server_ = server;
+  reopen_ = reopen;
   check_fd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
   if (check_fd_ < 0 || __evSelectFD(ev_, check_fd_, EV_READ, OnCheckDone, this, &check_id_) != 0) {
     Log("cannot watch the store's checks: registrations are answered at the tick");
@@ -200,6 +128,25 @@ void Keeper::StartMaintenance() {
   }
 }
 
+void Keeper::CloseForReopen(bool wedged) {
+  if (maintenance_) {
+    if (!maintenance_->Stop(kStuckLimit)) wedged = true;
+    maintenance_.reset();
+  }
+  if (wedged) {
+    vsk_in_panic = true;
+    DB_ENV* env = nullptr;
+    if (vsk_db_get_dbenv(&env) == 0 && env != nullptr) GivenUpEnvironments().push_back(env);
+  }
+  orvd_unregister(&handle_);
+}
+
+bool Keeper::OpenAfterReopen() {
+  if (Open() != VSK_OK) return false;
+  phase_ = Phase::kServing;
+  return true;
+}
+
 vsk_status_t Keeper::Close() {
   bool clean = !vsk_in_panic;
   if (maintenance_) {
@@ -224,8 +171,8 @@ vsk_status_t Keeper::Close() {
 
 StoreHealth Keeper::Health() {
   if (phase_ != Phase::kServing || handle_ == nullptr) return {false, VSK_ERR_NOT_STARTED};
-  const vsk::store::StoreContext* ctx = vsk::store::Context();
-  int32_t state = ctx != nullptr ? ctx->state : VSK_ENV_INIT;
+  if (reopen_ != nullptr && reopen_->active()) return {false, VSK_ERR_NOT_STARTED};
+  const int32_t state = vsk::store::View().state();
   if (vsk_in_panic || state == VSK_ENV_PANIC) return {false, VSK_ERR_RECOVERING};
   if (state == VSK_ENV_NEEDS_RECOVERY) return {false, VSK_ERR_SECONDARY_RECOVERY};
   if (!orvd_is_registered()) return {false, VSK_ERR_NOT_STARTED};
@@ -245,6 +192,11 @@ void Keeper::OnReplicationRequest() {
 void Keeper::OnTick(Server& server) {
   const Clock::time_point now = Clock::now();
   ReleaseOldEnvironments(now);
+  // Before anything touches a store that a reopen in place may be closing.
+  if (reopen_ != nullptr && phase_ == Phase::kServing && reopen_->Tick(server)) {
+    WriteHealthFile(server);
+    return;
+  }
   switch (phase_) {
     case Phase::kServing:
       if (handle_ == nullptr) {
@@ -261,7 +213,19 @@ void Keeper::OnTick(Server& server) {
       }
       break;
     case Phase::kDraining:
-      if (server.ToldStillOpen() == 0 || now - phase_since_ >= kDrainGrace) Reopen(server);
+      if (server.ToldStillOpen() == 0 || now - phase_since_ >= kDrainGrace) {
+        // The worker takes stock of what the given-up environment holds before the next
+        // one opens; after a while without it, that stock is not taken at all.
+        OldEnvironment* last = old_envs_.empty() ? nullptr : &old_envs_.back();
+        if (last != nullptr && !last->worker->HoldingsTaken() &&
+            now - phase_since_ < kDrainGrace * 4) {
+          break;
+        }
+        if (last != nullptr && !last->worker->CloseHoldings()) {
+          Log("the given-up store's descriptors and mappings are kept: its worker is busy");
+        }
+        Reopen(server);
+      }
       break;
     case Phase::kReopening:
       if (now - phase_since_ >= kReopenRetry) Reopen(server);
@@ -294,7 +258,7 @@ void Keeper::StartRecovery(Server& server, const char* why, bool died_inside) {
   if (maintenance_) {
     if (died_inside) {
       maintenance_->Drain(now + kOldEnvironmentWatch);
-      old_envs_.push_back({std::move(maintenance_), StoreDescriptors(), RegionMappings(), {}});
+      old_envs_.push_back({std::move(maintenance_), {}});
       given_up = &old_envs_.back();
     } else if (!maintenance_->Stop(kStuckLimit)) {
       vsk_in_panic = true;  // a stuck worker means the handles are not safe to close
@@ -326,8 +290,7 @@ void Keeper::ReleaseOldEnvironments(Clock::time_point now) {
     const bool stopped = w.Stop(Clock::duration::zero());
     EndBlockedProcesses(*it);
     if (stopped) {
-      for (int fd : it->descriptors) close(fd);
-      for (auto [start, size] : it->mappings) munmap(reinterpret_cast<void*>(start), size);
+      Release(w.TakenHoldings());
       ++released_environments_;
     } else {
       ++abandoned_workers_;

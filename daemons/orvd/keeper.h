@@ -19,6 +19,10 @@
 // Reopening runs the library's open as orvd, which recovers the environment (DB_RECOVER)
 // and rebuilds the shared state; clients then register again by themselves.
 //
+// A reopen in place (reopen.h: a switchover, or on the standby a client that died while
+// registered) runs first on each tick; while it is in progress nothing else here touches
+// the store, and registrations are refused.
+//
 // Interface table: every tick, a cheap look for a dead holder of its lock; when there is
 // one, vsk_failcheck() rebuilds the table.
 //
@@ -41,10 +45,13 @@
 
 #include <chrono>
 #include <memory>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "maintenance.h"
 #include "platform/evlib.h"
+#include "reopen.h"
 #include "server.h"
 #include "vsk/orvd.h"
 
@@ -67,8 +74,13 @@ class Keeper : public StoreOwner {
   Keeper(const Keeper&) = delete;
   Keeper& operator=(const Keeper&) = delete;
 
-  // The server whose registrations wait for checks of the store.
-  void Serve(Server* server);
+  // The server whose registrations wait for checks of the store, and the reopen in place
+  // that runs before everything else on each tick.
+  void Serve(Server* server, StoreReopen* reopen);
+  // The two halves of a reopen in place: the close (forgetting every handle when the
+  // store may be wedged) and the open in the role of the moment.
+  void CloseForReopen(bool wedged);
+  bool OpenAfterReopen();
   // Opens the library as orvd. 0 or the registration's status.
   vsk_status_t Open();
   // Closes the library at shutdown. A store that cannot be closed cleanly (a process died
@@ -97,6 +109,7 @@ class Keeper : public StoreOwner {
 
   evContext ev_;
   Server* server_ = nullptr;
+  StoreReopen* reopen_ = nullptr;
   int check_fd_ = -1;  // eventfd the worker writes when a requested check has ended
   evFileID check_id_{};
   orvd_ctx_t* handle_ = nullptr;
@@ -107,8 +120,6 @@ class Keeper : public StoreOwner {
   // descriptors they hold on the store's files.
   struct OldEnvironment {
     std::unique_ptr<Maintenance> worker;
-    std::vector<int> descriptors;
-    std::vector<std::pair<uintptr_t, size_t>> mappings;  // of its region files
     std::vector<pid_t> told;  // clients told of the recovery
     bool blocked_ended = false;
   };

@@ -3,7 +3,8 @@
 // It takes the root's instance lock (a second orvd says so and exits 1), registers with
 // the library as "orvd" (which creates the shared state and the store and, on the master,
 // rebuilds the interface table), then serves the daemon link on its socket from one event
-// loop while the keeper looks after the store's health (keeper.h).
+// loop while the keeper looks after the store's health (keeper.h) and reopens it in place
+// on a switchover (reopen.h).
 //
 // Options: --foreground (stay attached to the terminal), --stderr (log to stderr instead
 // of syslog). SIGTERM and SIGINT end it: clients are dropped, the socket file is removed
@@ -35,6 +36,10 @@ namespace orvd {
 namespace {
 
 constexpr auto kShutdownLimit = std::chrono::seconds(10);
+
+Keeper* g_keeper = nullptr;
+void CloseForReopen(bool wedged) { g_keeper->CloseForReopen(wedged); }
+bool OpenAfterReopen() { return g_keeper->OpenAfterReopen(); }
 
 evContext g_ev{};
 int g_stop_pipe[2] = {-1, -1};
@@ -144,8 +149,11 @@ int main(int argc, char** argv) {
   int exit_code = 0;
   {
     Keeper keeper(g_ev);
+    g_keeper = &keeper;
     Server server(g_ev, &keeper);
-    keeper.Serve(&server);
+    StoreReopen reopen(CloseForReopen, OpenAfterReopen);
+    reopen.Attach(&server);
+    keeper.Serve(&server, &reopen);
     // A stale socket goes before the store opens: no client reaches a dead orvd's file.
     unlink(vsk::platform::RootedPath(vsk::platform::kOrvdSocket).c_str());
     if (keeper.Open() != VSK_OK || !server.Start()) {

@@ -11,7 +11,7 @@
 #include <set>
 #include <string>
 
-#include "libvsk/store/env_internal.h"
+#include "libvsk/store/env.h"
 #include "log.h"
 #include "log_retention.h"
 #include "platform/paths.h"
@@ -54,6 +54,9 @@ struct Maintenance::State {
   int notify_fd = -1;              // guarded by mu
   bool check_requested = false;    // guarded by mu
   std::vector<pid_t> blocked;      // written by the worker before `ended`
+  Holdings holdings;               // guarded by mu
+  bool holdings_taken = false;     // guarded by mu
+  bool holdings_closed = false;    // guarded by mu
   std::set<pid_t> first_look;
   std::atomic<bool> flush_requested{false};
   std::atomic<int64_t> busy_since{0};  // Ticks() of the current call's start, 0 when idle
@@ -199,6 +202,15 @@ void Maintenance::Run(std::shared_ptr<State> s) {
       s->check_requested = false;
     }
     if (draining) {
+      {
+        // The in-flight call has returned: what the store holds in orvd now is this
+        // environment's, unless the next one has opened already.
+        std::lock_guard<std::mutex> lock(s->mu);
+        if (!s->holdings_taken && !s->holdings_closed) {
+          s->holdings = TakeHoldings();
+          s->holdings_taken = true;
+        }
+      }
       if (!timed_out_transactions) {
         s->TimeOutLiveTransactions();
         timed_out_transactions = true;
@@ -253,6 +265,22 @@ void Maintenance::RequestCheck(int notify_fd) {
   state_->notify_fd = notify_fd;
   state_->check_requested = true;
   state_->wake.notify_all();
+}
+
+bool Maintenance::HoldingsTaken() const {
+  std::lock_guard<std::mutex> lock(state_->mu);
+  return state_->holdings_taken;
+}
+
+bool Maintenance::CloseHoldings() {
+  std::lock_guard<std::mutex> lock(state_->mu);
+  state_->holdings_closed = true;
+  return state_->holdings_taken;
+}
+
+Holdings Maintenance::TakenHoldings() const {
+  std::lock_guard<std::mutex> lock(state_->mu);
+  return state_->holdings;
 }
 
 uint64_t Maintenance::CleanChecks() const { return state_->clean_checks; }

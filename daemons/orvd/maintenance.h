@@ -39,6 +39,8 @@
 #include <thread>
 #include <vector>
 
+#include "given_up.h"
+
 namespace orvd {
 
 using Clock = std::chrono::steady_clock;
@@ -85,6 +87,14 @@ class Maintenance {
   // After a drain: processes that were inside the panicked environment at both of the
   // drain's last looks.
   std::vector<pid_t> BlockedProcesses() const;
+  // The draining worker has taken stock of what its environment holds in this process.
+  bool HoldingsTaken() const;
+  // Ends the window in which the draining worker may take stock of what its environment
+  // holds in this process (given_up.h): true when it has, false when it is now too late
+  // (the next environment is about to open) and nothing will be released.
+  bool CloseHoldings();
+  // What the environment held, as the worker took stock of it (empty if it did not).
+  Holdings TakenHoldings() const;
   // The environment has been panicked: from now on only lock waits are expired, until
   // `until`, and then the worker ends by itself.
   void Drain(Clock::time_point until);

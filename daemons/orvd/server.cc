@@ -233,17 +233,20 @@ bool Server::Alive(const Connection* conn) const {
 }
 
 bool Server::Dispatch(Connection* conn) {
-  while (conn->input.size() >= sizeof(uint32_t)) {
-    uint32_t type;
-    std::memcpy(&type, conn->input.data(), sizeof type);
-    size_t size = ClientMessageSize(type);
+  for (;;) {
+    vsk::base::ByteReader input(conn->input.data(), conn->input.size());
+    uint32_t type = 0;
+    if (!input.Get(&type)) return true;  // wait for a whole type
+    const size_t size = ClientMessageSize(type);
     if (size == 0) {
       Log("client (pid %d) sent unknown message type %u", static_cast<int>(conn->peer_pid), type);
       Drop(conn, "unknown message type");
       return false;
     }
-    if (conn->input.size() < size) return true;  // wait for the rest
-    const uint8_t* msg = conn->input.data();
+    vsk::base::ByteReader msg;
+    if (!vsk::base::ByteReader(conn->input.data(), conn->input.size()).Slice(size, &msg)) {
+      return true;  // wait for the rest
+    }
     if (type == ORVD_MSG_REGISTER) {
       HandleRegister(conn, msg);
     } else if (type == ORVD_MSG_ISSU_STATE) {
@@ -267,9 +270,10 @@ bool Server::Dispatch(Connection* conn) {
   return true;
 }
 
-void Server::HandleRegister(Connection* conn, const uint8_t* raw) {
+void Server::HandleRegister(Connection* conn, vsk::base::ByteReader raw) {
   RegisterMsg msg;
-  std::memcpy(&msg, raw, sizeof msg);
+  const vsk::base::ByteReader whole = raw;
+  if (!raw.Get(&msg)) return;
   const std::string name = CleanName(msg.program, sizeof msg.program);
   if (conn->peer_pid != 0 && msg.pid != conn->peer_pid) {
     Log("refused %s: claims pid %d on a connection of pid %d", name.c_str(), msg.pid,
@@ -297,8 +301,11 @@ void Server::HandleRegister(Connection* conn, const uint8_t* raw) {
   pending_.erase(std::remove_if(pending_.begin(), pending_.end(),
                                 [conn](const PendingJoin& p) { return p.conn == conn; }),
                  pending_.end());
-  pending_.push_back({conn, std::vector<uint8_t>(raw, raw + sizeof msg), owner_->RequestJoinCheck(),
-                      Clock::now()});
+  const uint8_t* bytes = nullptr;
+  vsk::base::ByteReader copy = whole;
+  if (!copy.Take(sizeof msg, &bytes)) return;
+  pending_.push_back({conn, std::vector<uint8_t>(bytes, bytes + sizeof msg),
+                      owner_->RequestJoinCheck(), Clock::now()});
 }
 
 void Server::AnswerPendingJoins() {
@@ -309,7 +316,7 @@ void Server::AnswerPendingJoins() {
     if (!Alive(p.conn)) continue;
     StoreHealth health = owner_->Health();
     if (health.ready && owner_->JoinChecked(p.ticket)) {
-      CompleteRegister(p.conn, p.msg.data());
+      CompleteRegister(p.conn, vsk::base::ByteReader(p.msg.data(), p.msg.size()));
     } else if (!health.ready || now - p.since > kJoinCheckLimit) {
       const int32_t status = health.ready ? VSK_ERR_NOT_STARTED : health.status;
       Log("refused a registration (pid %d): the store could not be checked (%d)",
@@ -322,9 +329,9 @@ void Server::AnswerPendingJoins() {
   }
 }
 
-void Server::CompleteRegister(Connection* conn, const uint8_t* raw) {
+void Server::CompleteRegister(Connection* conn, vsk::base::ByteReader raw) {
   RegisterMsg msg;
-  std::memcpy(&msg, raw, sizeof msg);
+  if (!raw.Get(&msg)) return;
   const std::string name = CleanName(msg.program, sizeof msg.program);
   auto known = remembered_.find(name);
   uint32_t issu = msg.issu_info.state;
@@ -345,9 +352,9 @@ void Server::CompleteRegister(Connection* conn, const uint8_t* raw) {
   SendAck(conn, true, 0, issu);
 }
 
-void Server::HandleIssuState(Connection* conn, const uint8_t* raw) {
+void Server::HandleIssuState(Connection* conn, vsk::base::ByteReader raw) {
   IssuStateMsg msg;
-  std::memcpy(&msg, raw, sizeof msg);
+  if (!raw.Get(&msg)) return;
   if (!conn->registered) return;
   conn->issu_state = msg.issu_info.state;
   Remember(conn->name, conn->issu_state);
@@ -378,10 +385,10 @@ bool Server::SendAck(Connection* conn, bool accepted, int32_t error, uint32_t da
   return false;
 }
 
-std::vector<pid_t> Server::BroadcastStoreDown(int32_t status) {
+std::vector<pid_t> Server::BroadcastStoreDown(int32_t status, const std::string& spare) {
   std::vector<Connection*> registered;
   for (const auto& c : conns_) {
-    if (c->registered) registered.push_back(c.get());
+    if (c->registered && (spare.empty() || c->name != spare)) registered.push_back(c.get());
   }
   const Clock::time_point now = Clock::now();
   std::vector<pid_t> told;
@@ -408,6 +415,7 @@ void Server::Drop(Connection* conn, const char* why) {
   if (it == conns_.end()) return;
   Log("dropping %s (pid %d): %s", conn->has_row ? conn->name.c_str() : "client",
       static_cast<int>(conn->peer_pid), why);
+  if (conn->registered) ++lost_registered_;  // gone without its leaving message
   __evDeselectFD(ev_, conn->id);
   close(conn->fd);
   pending_.erase(std::remove_if(pending_.begin(), pending_.end(),

@@ -37,6 +37,7 @@
 #include <string>
 #include <vector>
 
+#include "libvsk/base/byte_reader.h"
 #include "platform/evlib.h"
 #include "platform/wtimer.h"
 
@@ -124,9 +125,13 @@ class Server {
   // Closes every connection and the listener and removes the socket file.
   void Stop();
 
-  // Tells every registered client that the store is gone (negative acknowledgement).
-  // The process ids told.
-  std::vector<pid_t> BroadcastStoreDown(int32_t status);
+  // Tells every registered client that the store is gone (negative acknowledgement), but
+  // the one named `spare`, if any. The process ids told.
+  std::vector<pid_t> BroadcastStoreDown(int32_t status, const std::string& spare = std::string());
+  // Open client connections, registered or not.
+  size_t ConnectionCount() const { return conns_.size(); }
+  // Registered clients whose connection ended without their leaving message (they died).
+  uint64_t LostWhileRegistered() const { return lost_registered_; }
   // Connections told by BroadcastStoreDown that are still open.
   size_t ToldStillOpen() const;
 
@@ -156,10 +161,11 @@ class Server {
   // Handles every whole message at the front of conn->input. False when the connection
   // was dropped.
   bool Dispatch(Connection* conn);
-  void HandleRegister(Connection* conn, const uint8_t* msg);
+  // Each takes exactly one whole message of its type.
+  void HandleRegister(Connection* conn, vsk::base::ByteReader msg);
   // A registration whose check has ended: accepted if the store is (still) ready.
-  void CompleteRegister(Connection* conn, const uint8_t* msg);
-  void HandleIssuState(Connection* conn, const uint8_t* msg);
+  void CompleteRegister(Connection* conn, vsk::base::ByteReader msg);
+  void HandleIssuState(Connection* conn, vsk::base::ByteReader msg);
   bool SendAck(Connection* conn, bool accepted, int32_t error, uint32_t daemon_issu);
   void Drop(Connection* conn, const char* why);
   bool Alive(const Connection* conn) const;
@@ -188,6 +194,7 @@ class Server {
   std::map<std::string, uint32_t> remembered_;
   std::deque<std::string> remembered_order_;
   uint32_t platd_issu_state_ = 0;
+  uint64_t lost_registered_ = 0;
   ServerFigures figures_;
 };
 

@@ -20,6 +20,7 @@
 
 #include "libvsk/orvd_client/clients_table.h"
 #include "platform/paths.h"
+#include "support/harness.h"
 
 namespace vsk::test {
 
@@ -64,8 +65,10 @@ class OrvdProcess {
 
   // Runs orvd as a child without waiting for anything; its pid.
   static pid_t Spawn(const OrvdOptions& options = OrvdOptions{}) {
+    const pid_t parent = getpid();
     pid_t pid = fork();
     if (pid == 0) {
+      DieWithParent(parent);
       if (!options.log_path.empty()) {
         int fd = open(options.log_path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         if (fd >= 0) dup2(fd, 2);

@@ -18,8 +18,9 @@
 
 #include <cstring>
 
-#include "libvsk/shared/lock.h"
-#include "libvsk/trace.h"
+#include "libvsk/base/fault.h"
+#include "libvsk/base/trace.h"
+#include "libvsk/shared/lock_hold.h"
 #include "platform/ipc_access.h"
 #include "platform/paths.h"
 #include "vsk/shared.h"
@@ -33,6 +34,25 @@ constexpr int kMaxAttempts = 1000;
 
 int g_semaphore_set = -1;
 
+// semget and semop through the fault seam.
+int GetSet(key_t key, int flags) {
+  int err;
+  if (fault::Inject(fault::Kind::kSemget, &err)) {
+    errno = err;
+    return -1;
+  }
+  return semget(key, kSemaphoreCount, flags);
+}
+
+int Op(sembuf* op) {
+  int err;
+  if (fault::Inject(fault::Kind::kSemop, &err)) {
+    errno = err;
+    return -1;
+  }
+  return semop(g_semaphore_set, op, 1);
+}
+
 // One semop on semaphore `n` (delta -1 or +1), retried on EINTR. Returns 0 or -1 and sets
 // *attempts to the number of semop calls made.
 int SemaphoreOp(int n, short delta, int* attempts) {
@@ -42,7 +62,7 @@ int SemaphoreOp(int n, short delta, int* attempts) {
   op.sem_flg = SEM_UNDO;
   int count = 0;
   for (;;) {
-    int rc = semop(g_semaphore_set, &op, 1);
+    int rc = Op(&op);
     ++count;
     if (rc == 0) break;
     if (errno != EINTR || count >= kMaxAttempts) {
@@ -66,27 +86,7 @@ int RestrictSet(bool create, const vsk::platform::IpcAccess& access) {
 
 }  // namespace
 
-int TryAcquireLock(int n) {
-  if (g_semaphore_set == -1) return -1;
-  sembuf op{};
-  op.sem_num = static_cast<unsigned short>(n);
-  op.sem_op = -1;
-  op.sem_flg = SEM_UNDO | IPC_NOWAIT;
-  for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
-    if (semop(g_semaphore_set, &op, 1) == 0) return 1;
-    if (errno == EAGAIN) return 0;
-    if (errno != EINTR) return -1;
-  }
-  return -1;
-}
-
-}  // namespace vsk::shared
-
-using namespace vsk::shared;
-
-extern "C" {
-
-int vsk_lock_init(bool create) {
+int LockInit(bool create) {
   if (g_semaphore_set != -1) return 0;
   key_t key = vsk::platform::SemaphoreKey();
   if (key == -1) {
@@ -102,7 +102,7 @@ int vsk_lock_init(bool create) {
       return -1;
     }
   }
-  g_semaphore_set = semget(key, kSemaphoreCount, 0666);
+  g_semaphore_set = GetSet(key, 0666);
   if (g_semaphore_set != -1) {
     VSK_TRACE("semaphore exist");
     return RestrictSet(create, access);
@@ -112,7 +112,7 @@ int vsk_lock_init(bool create) {
     return -1;
   }
   VSK_TRACE("semaphore does not exist");
-  g_semaphore_set = semget(key, kSemaphoreCount, IPC_CREAT | access.mode);
+  g_semaphore_set = GetSet(key, IPC_CREAT | access.mode);
   if (g_semaphore_set == -1) {
     VSK_TRACE("Failed to init semaphore");
     return -1;
@@ -127,7 +127,7 @@ int vsk_lock_init(bool create) {
   return 0;
 }
 
-int vsk_acquire_lock(int n) {
+int AcquireLock(int n) {
   int attempts = 0;
   if (SemaphoreOp(n, -1, &attempts) != 0) {
     VSK_TRACE("VSK failed to acquire lock id %d, cnt %d, err %s", n, attempts, strerror(errno));
@@ -137,7 +137,21 @@ int vsk_acquire_lock(int n) {
   return 0;
 }
 
-int vsk_release_lock(int n) {
+int TryAcquireLock(int n) {
+  if (g_semaphore_set == -1) return -1;
+  sembuf op{};
+  op.sem_num = static_cast<unsigned short>(n);
+  op.sem_op = -1;
+  op.sem_flg = SEM_UNDO | IPC_NOWAIT;
+  for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+    if (Op(&op) == 0) return 1;
+    if (errno == EAGAIN) return 0;
+    if (errno != EINTR) return -1;
+  }
+  return -1;
+}
+
+int ReleaseLock(int n) {
   int attempts = 0;
   if (SemaphoreOp(n, +1, &attempts) != 0) {
     VSK_TRACE("VSK failed to release lock id %d, cnt %d, err %s", n, attempts, strerror(errno));
@@ -146,5 +160,15 @@ int vsk_release_lock(int n) {
   if (attempts > 1) VSK_TRACE("INFO: VSK release lock cnt %d", attempts);
   return 0;
 }
+
+}  // namespace vsk::shared
+
+extern "C" {
+
+int vsk_lock_init(bool create) { return vsk::shared::LockInit(create); }
+
+int vsk_acquire_lock(int n) { return vsk::shared::AcquireLock(n); }
+
+int vsk_release_lock(int n) { return vsk::shared::ReleaseLock(n); }
 
 }  // extern "C"

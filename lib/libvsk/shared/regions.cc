@@ -12,6 +12,8 @@
 //  3. The library never removes a segment.
 //  4. Segments are made 0666, or 0660 for one group when the creator runs with
 //     VSK_IPC_GROUP (platform/ipc_access.h); the creator also narrows segments it finds.
+#include "libvsk/shared/regions.h"
+
 #include <errno.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -19,8 +21,9 @@
 #include <cstring>
 #include <string>
 
+#include "libvsk/base/fault.h"
+#include "libvsk/base/trace.h"
 #include "libvsk/shared/layout.h"
-#include "libvsk/trace.h"
 #include "platform/ipc_access.h"
 #include "platform/paths.h"
 #include "vsk/shared.h"
@@ -34,6 +37,16 @@ uint8_t* g_snapshot = nullptr;
 key_t KeyOf(int project) {
   std::string key_file = platform::RootedPath(platform::kShmKeyFile);
   return ftok(key_file.c_str(), project);
+}
+
+// shmget and shmat through the fault seam.
+int FindOrMake(key_t key, size_t size, int flags) {
+  int err;
+  if (fault::Inject(fault::Kind::kShmget, &err)) {
+    errno = err;
+    return -1;
+  }
+  return shmget(key, size, flags);
 }
 
 // The creator's access rule, or a trace and false when VSK_IPC_GROUP names no group.
@@ -54,6 +67,11 @@ bool Restrict(int id, const platform::IpcAccess& access) {
 }
 
 void* Attach(int id) {
+  int err;
+  if (fault::Inject(fault::Kind::kShmat, &err)) {
+    errno = err;
+    return nullptr;
+  }
   void* base = shmat(id, nullptr, 0);
   return base == reinterpret_cast<void*>(-1) ? nullptr : base;
 }
@@ -63,15 +81,13 @@ void* Attach(int id) {
 
 using namespace vsk::shared;
 
-extern "C" {
-
-int vsk_shared_memory_init(bool create) {
+int vsk::shared::SharedMemoryInit(bool create) {
   key_t key = KeyOf(kMainProject);
   if (key == -1) return -1;
   vsk::platform::IpcAccess access;
   if (!CreatorAccess(create, &access)) return -1;
   bool created = false;
-  int id = shmget(key, kMainSize, 0666);
+  int id = FindOrMake(key, kMainSize, 0666);
   if (id != -1) {
     VSK_TRACE("shared memory exist");
   } else {
@@ -80,7 +96,7 @@ int vsk_shared_memory_init(bool create) {
       return -1;
     }
     VSK_TRACE("shared memory does not exist");
-    id = shmget(key, kMainSize, IPC_CREAT | access.mode);
+    id = FindOrMake(key, kMainSize, IPC_CREAT | access.mode);
     if (id == -1) {
       VSK_TRACE("Failed to create shared memory");
       return -1;
@@ -99,7 +115,9 @@ int vsk_shared_memory_init(bool create) {
   return 0;
 }
 
-int vsk_snap_shared_memory_init(bool create) {
+extern "C" int vsk_shared_memory_init(bool create) { return vsk::shared::SharedMemoryInit(create); }
+
+int vsk::shared::SnapSharedMemoryInit(bool create) {
   static const char kFn[] = "vsk_snap_shared_memory_init";
   key_t key = KeyOf(kSnapshotProject);
   if (key == -1) {
@@ -109,7 +127,7 @@ int vsk_snap_shared_memory_init(bool create) {
   vsk::platform::IpcAccess access;
   if (!CreatorAccess(create, &access)) return -1;
   bool created = false;
-  int id = shmget(key, kSnapshotSize, 0666);
+  int id = FindOrMake(key, kSnapshotSize, 0666);
   if (id != -1) {
     VSK_TRACE("%s: Snap shared memory exist", kFn);
   } else {
@@ -117,7 +135,7 @@ int vsk_snap_shared_memory_init(bool create) {
       VSK_TRACE("Failed to get snapshot shared memory");
       return -1;
     }
-    id = shmget(key, kSnapshotSize, IPC_CREAT | access.mode);
+    id = FindOrMake(key, kSnapshotSize, IPC_CREAT | access.mode);
     if (id == -1) {
       VSK_TRACE("%s:Failed to get shared memory id %s", kFn, strerror(errno));
       return -1;
@@ -134,21 +152,31 @@ int vsk_snap_shared_memory_init(bool create) {
   return 0;
 }
 
-void* vsk_get_shm_ptr(int32_t offset) {
+extern "C" int vsk_snap_shared_memory_init(bool create) {
+  return vsk::shared::SnapSharedMemoryInit(create);
+}
+
+void* vsk::shared::ShmPtr(int32_t offset) {
   if (g_main == nullptr) return nullptr;
   return g_main + offset;
 }
 
-void* vsk_snap_get_shared_memory_ptr(void) { return g_snapshot; }
+extern "C" void* vsk_get_shm_ptr(int32_t offset) { return vsk::shared::ShmPtr(offset); }
 
-void vsk_detach_shm(void) {
+void* vsk::shared::SnapShmPtr() { return g_snapshot; }
+
+extern "C" void* vsk_snap_get_shared_memory_ptr(void) { return vsk::shared::SnapShmPtr(); }
+
+void vsk::shared::DetachShm() {
   if (g_main == nullptr) return;
   int rc = shmdt(g_main);
   if (rc != 0) VSK_TRACE("Failed to release shared memory %d", rc);
   g_main = nullptr;
 }
 
-int vsk_snap_detach_shm(void) {
+extern "C" void vsk_detach_shm(void) { vsk::shared::DetachShm(); }
+
+int vsk::shared::SnapDetachShm() {
   if (g_snapshot == nullptr) return 0;
   int rc = shmdt(g_snapshot);
   if (rc != 0) {
@@ -158,16 +186,8 @@ int vsk_snap_detach_shm(void) {
   return 0;
 }
 
-// The factor 1500 (not the slot size 3000) and the unchecked cut to 16 bits are what the
-// readers of shm_offset expect; the cache computes its own slot offset independently.
-int vsk_get_shared_mem(vsk_session_ids_t* ids) {
-  if (ids == nullptr) {
-    VSK_TRACE("%s: null id block", "vsk_get_shared_mem");
-    return 0;
-  }
-  uint64_t slot = (ids->session_id - 1) % 1500;
-  ids->shm_offset = static_cast<uint16_t>(slot * 1500);
-  return 0;
-}
+extern "C" {
+
+int vsk_snap_detach_shm(void) { return vsk::shared::SnapDetachShm(); }
 
 }  // extern "C"

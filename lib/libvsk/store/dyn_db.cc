@@ -7,13 +7,16 @@
 //
 // Ownership: a value decoder takes the buffer Berkeley DB allocated in every case; what
 // it stored in its `out` is the caller's to release, also when the call fails.
+#include "vsk/dyn_db.h"
+
 #include <db.h>
 
 #include <cstring>
 
+#include "libvsk/base/fault.h"
+#include "libvsk/base/status.h"
+#include "libvsk/base/trace.h"
 #include "libvsk/store/dyn_db_internal.h"
-#include "libvsk/trace.h"
-#include "vsk/dyn_db.h"
 
 namespace vsk::store {
 namespace {
@@ -24,6 +27,25 @@ constexpr const char kClientSessionTable[] = "client-session-db";
 // Table open flags by role: the master creates, the standby only reads.
 constexpr uint32_t kMasterOpenFlags = DB_AUTO_COMMIT | DB_THREAD | DB_CREATE;
 constexpr uint32_t kStandbyOpenFlags = DB_AUTO_COMMIT | DB_THREAD | DB_RDONLY;
+
+// The table calls, through the fault seam.
+int Del(DB* db, DB_TXN* txn, DBT* key, uint32_t flags) {
+  int ret;
+  if (fault::Inject(fault::Kind::kDbDel, &ret)) return ret;
+  return db->del(db, txn, key, flags);
+}
+
+int Put(DB* db, DB_TXN* txn, DBT* key, DBT* value, uint32_t flags) {
+  int ret;
+  if (fault::Inject(fault::Kind::kDbPut, &ret)) return ret;
+  return db->put(db, txn, key, value, flags);
+}
+
+int Get(DB* db, DB_TXN* txn, DBT* key, DBT* value, uint32_t flags) {
+  int ret;
+  if (fault::Inject(fault::Kind::kDbGet, &ret)) return ret;
+  return db->get(db, txn, key, value, flags);
+}
 
 uint64_t SessionIdOfKey(const DBT* key) {
   uint32_t words[2] = {0, 0};
@@ -39,11 +61,6 @@ DynDbCounters DynDbProbe::Read() { return counters_; }
 
 void DynDbProbe::Reset() { counters_ = {}; }
 
-vsk_status_t BadArgument(const char* fn, const char* what) {
-  VSK_TRACE("%s: bad argument %s", fn, what);
-  return VSK_ERR_INVALID_PARAM;
-}
-
 int CompareSessionIdKeys(DB*, const DBT* a, const DBT* b) noexcept {
   uint64_t x = SessionIdOfKey(a);
   uint64_t y = SessionIdOfKey(b);
@@ -52,6 +69,11 @@ int CompareSessionIdKeys(DB*, const DBT* a, const DBT* b) noexcept {
   // total order.
   if (a->size != b->size) return a->size < b->size ? -1 : 1;
   return 0;
+}
+
+vsk_status_t BadArgument(const char* fn, const char* what) {
+  VSK_TRACE("%s: bad argument %s", fn, what);
+  return VSK_ERR_INVALID_PARAM;
 }
 
 }  // namespace vsk::store
@@ -84,13 +106,8 @@ DBT KeyDbt(void* data, uint32_t size) {
 
 }  // namespace
 
-extern "C" {
-
-int dyn_db_open(DB** out, DB_ENV* env, const char* name, uint32_t extra_flags, bool master) {
-  if (out == nullptr || name == nullptr) {
-    BadArgument("dyn_db_open", out == nullptr ? "handle slot" : "name");
-    return EINVAL;
-  }
+int vsk::store::DynOpen(DB** out, DB_ENV* env, const char* name, uint32_t extra_flags,
+                        bool master) {
   int ret = db_create(out, env, 0);
   if (ret != 0) {
     VSK_TRACE("Failed to create db %s: %s\n", name, db_strerror(ret));
@@ -120,15 +137,29 @@ int dyn_db_open(DB** out, DB_ENV* env, const char* name, uint32_t extra_flags, b
   return ret;
 }
 
-int dyn_db_sec_open(DB** out, DB_ENV* env, const char* name, DB* primary,
-                    vsk_sec_key_callback_t callback, uint32_t extra_flags) {
+extern "C" int dyn_db_open(DB** out, DB_ENV* env, const char* name, uint32_t extra_flags,
+                           bool master) {
+  if (out == nullptr || name == nullptr) {
+    BadArgument("dyn_db_open", out == nullptr ? "handle slot" : "name");
+    return EINVAL;
+  }
+  return vsk::store::DynOpen(out, env, name, extra_flags, master);
+}
+
+int vsk::store::DynSecOpen(DB** out, DB_ENV* env, const char* name, DB* primary,
+                           vsk_sec_key_callback_t callback, uint32_t extra_flags) {
   // A secondary is always writable: its writes follow the primary's.
-  int ret = dyn_db_open(out, env, name, extra_flags, true);
+  int ret = vsk::store::DynOpen(out, env, name, extra_flags, true);
   if (ret != 0) return ret;
   return primary->associate(primary, nullptr, *out, callback, 0);
 }
 
-int dyn_db_close(DB* db) {
+extern "C" int dyn_db_sec_open(DB** out, DB_ENV* env, const char* name, DB* primary,
+                               vsk_sec_key_callback_t callback, uint32_t extra_flags) {
+  return vsk::store::DynSecOpen(out, env, name, primary, callback, extra_flags);
+}
+
+int vsk::store::DynClose(DB* db) {
   if (db == nullptr) return 0;
   // Without flushing the table's pages: every table lives in a transactional environment,
   // whose log already holds each committed change and whose owner checkpoints. A flush
@@ -137,32 +168,40 @@ int dyn_db_close(DB* db) {
   return db->close(db, DB_NOSYNC);
 }
 
-vsk_status_t dyn_db_exists(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
-                           uint32_t flags) {
+extern "C" int dyn_db_close(DB* db) { return vsk::store::DynClose(db); }
+
+vsk_status_t vsk::store::DynExists(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
+                                   uint32_t flags) {
+  Encoded<kWriteKeyRoom> k;
+  if (!EncodeWriteKey(k, key, key_encoder)) return VSK_ERR_NOMEM;
+  DBT kd = KeyDbt(k.data(), k.size());
+  return vsk::base::TranslateError(db->exists(db, txn, &kd, flags));
+}
+
+extern "C" vsk_status_t dyn_db_exists(DB* db, DB_TXN* txn, const void* key,
+                                      vsk_encoder_t key_encoder, uint32_t flags) {
   if (db == nullptr) return BadArgument("dyn_db_exists", "table");
   if (key_encoder == nullptr) return BadArgument("dyn_db_exists", "key encoder");
+  return vsk::store::DynExists(db, txn, key, key_encoder, flags);
+}
+
+vsk_status_t vsk::store::DynDel(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
+                                uint32_t flags) {
   Encoded<kWriteKeyRoom> k;
   if (!EncodeWriteKey(k, key, key_encoder)) return VSK_ERR_NOMEM;
   DBT kd = KeyDbt(k.data(), k.size());
-  return get_vsk_err(db->exists(db, txn, &kd, flags));
+  return vsk::base::TranslateError(vsk::store::Del(db, txn, &kd, flags));
 }
 
-vsk_status_t dyn_db_del(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
-                        uint32_t flags) {
+extern "C" vsk_status_t dyn_db_del(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
+                                   uint32_t flags) {
   if (db == nullptr) return BadArgument("dyn_db_del", "table");
   if (key_encoder == nullptr) return BadArgument("dyn_db_del", "key encoder");
-  Encoded<kWriteKeyRoom> k;
-  if (!EncodeWriteKey(k, key, key_encoder)) return VSK_ERR_NOMEM;
-  DBT kd = KeyDbt(k.data(), k.size());
-  return get_vsk_err(db->del(db, txn, &kd, flags));
+  return vsk::store::DynDel(db, txn, key, key_encoder, flags);
 }
 
-vsk_status_t dyn_db_put(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
-                        const void* value, vsk_encoder_t value_encoder, uint32_t flags) {
-  if (db == nullptr) return BadArgument("dyn_db_put", "table");
-  if (key_encoder == nullptr || value_encoder == nullptr) {
-    return BadArgument("dyn_db_put", "encoder");
-  }
+vsk_status_t vsk::store::DynPut(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
+                                const void* value, vsk_encoder_t value_encoder, uint32_t flags) {
   Encoded<kWriteKeyRoom> k;
   if (!EncodeWriteKey(k, key, key_encoder)) return VSK_ERR_NOMEM;
   Encoded<kValueRoom> v;
@@ -176,14 +215,21 @@ vsk_status_t dyn_db_put(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_
   DBT vd{};
   vd.data = v.data();
   vd.size = v.size();
-  return get_vsk_err(db->put(db, txn, &kd, &vd, flags));
+  return vsk::base::TranslateError(vsk::store::Put(db, txn, &kd, &vd, flags));
 }
 
-vsk_status_t dyn_db_get(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
-                        void* out, vsk_value_decoder_t decoder, uint32_t flags,
-                        const uint8_t* mask, uint16_t mask_len) {
-  if (db == nullptr) return BadArgument("dyn_db_get", "table");
-  if (key_encoder == nullptr || decoder == nullptr) return BadArgument("dyn_db_get", "codec");
+extern "C" vsk_status_t dyn_db_put(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
+                                   const void* value, vsk_encoder_t value_encoder, uint32_t flags) {
+  if (db == nullptr) return BadArgument("dyn_db_put", "table");
+  if (key_encoder == nullptr || value_encoder == nullptr) {
+    return BadArgument("dyn_db_put", "encoder");
+  }
+  return vsk::store::DynPut(db, txn, key, key_encoder, value, value_encoder, flags);
+}
+
+vsk_status_t vsk::store::DynGet(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
+                                void* out, vsk_value_decoder_t decoder, uint32_t flags,
+                                const uint8_t* mask, uint16_t mask_len) {
   // The room is that of a write, but anything above 8 bytes goes to the heap.
   Encoded<kWriteKeyRoom> k;
   if (!k.Encode([&](void* buf, uint32_t room) { return key_encoder(key, buf, room); },
@@ -193,11 +239,17 @@ vsk_status_t dyn_db_get(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_
   DBT kd = KeyDbt(k.data(), k.size());
   DBT vd{};
   vd.flags = DB_DBT_MALLOC;
-  int ret = db->get(db, txn, &kd, &vd, flags);
-  if (ret != 0) return get_vsk_err(ret);
+  int ret = vsk::store::Get(db, txn, &kd, &vd, flags);
+  if (ret != 0) return vsk::base::TranslateError(ret);
   int used = decoder(out, vd.data, vd.size, mask, mask_len);
   if (used >= 0 && static_cast<uint32_t>(used) == vd.size) return VSK_OK;
   return DecoderFailure(used);
 }
 
-}  // extern "C"
+extern "C" vsk_status_t dyn_db_get(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
+                                   void* out, vsk_value_decoder_t decoder, uint32_t flags,
+                                   const uint8_t* mask, uint16_t mask_len) {
+  if (db == nullptr) return BadArgument("dyn_db_get", "table");
+  if (key_encoder == nullptr || decoder == nullptr) return BadArgument("dyn_db_get", "codec");
+  return vsk::store::DynGet(db, txn, key, key_encoder, out, decoder, flags, mask, mask_len);
+}

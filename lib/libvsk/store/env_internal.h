@@ -17,12 +17,6 @@ void ErrorCallback(const DB_ENV* env, const char* prefix, const char* message) n
 void MessageCallback(const DB_ENV* env, const char* message) noexcept;
 // Reports this process to Berkeley DB as (context pid, thread 0).
 void ThreadIdCallback(DB_ENV* env, pid_t* pid, db_threadid_t* tid) noexcept;
-// Gives the calling thread its own thread number in Berkeley DB's thread table (0, the
-// default, is the daemon's thread). Berkeley DB tracks pinned pages per (pid, thread):
-// a second thread that calls it beside the daemon's thread must not share that slot.
-// Used by orvd's maintenance thread; no other process has such a thread.
-void SetThisThreadNumber(db_threadid_t number);
-
 // True while process `pid` exists. Registered in every process that opens the
 // environment: Berkeley DB reuses the thread slot of a dead process only when the joiner
 // can ask this, and the owner's failchk needs it to find dead lock holders.

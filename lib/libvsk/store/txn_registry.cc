@@ -24,6 +24,11 @@ void RegisterTxn(DB_TXN* txn, const vsk_db_txn_t* owner, DB_TXN* parent) {
   (*g_live)[txn] = LiveTxn{owner, parent};
 }
 
+bool TxnLive(DB_TXN* txn) {
+  std::lock_guard<std::mutex> lock(g_mu);
+  return g_live->count(txn) != 0;
+}
+
 bool TxnOwnedBy(DB_TXN* txn, const vsk_db_txn_t* owner) {
   std::lock_guard<std::mutex> lock(g_mu);
   auto it = g_live->find(txn);

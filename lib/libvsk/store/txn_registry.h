@@ -7,7 +7,9 @@
 // into a clean status:
 //  1. a handle is live from its begin until its own end, its parent's end, or the close
 //     of the environment, whichever comes first;
-//  2. a handle is ended only through the block that began it (same address).
+//  2. a daemon ends a handle only through the block that began it (same address); the
+//     library's own walks, which carry a handle from one block to another, only need it
+//     live.
 // What it cannot see: a block whose memory was freed and reused for a new block at the
 // same address that still holds the old handle (documented in vsk/store.h).
 //
@@ -23,6 +25,8 @@ namespace vsk::store {
 // Records `txn`, begun by `owner` inside `parent` (null for none).
 void RegisterTxn(DB_TXN* txn, const vsk_db_txn_t* owner, DB_TXN* parent);
 
+// True when `txn` is live.
+bool TxnLive(DB_TXN* txn);
 // True when `txn` is live and was begun by `owner`.
 bool TxnOwnedBy(DB_TXN* txn, const vsk_db_txn_t* owner);
 
