@@ -1,0 +1,117 @@
+// vskctl as an operator runs it: a real process against a real root, its output captured,
+// and helpers that fill the root's shared state through the library from other processes.
+#pragma once
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "libvsk/shared/intf_file.h"
+#include "support/harness.h"
+#include "support/orvd_process.h"
+#include "vsk/vsk.h"
+
+namespace vsk::test {
+
+inline const std::string kVskctl = VSK_BINARY_DIR "/tools/vskctl";
+
+struct ToolResult {
+  int code = -1;  // exit code, -1 when killed
+  std::string out;
+  std::string err;
+  nlohmann::json Json() const { return nlohmann::json::parse(out); }
+};
+
+inline std::ostream& operator<<(std::ostream& os, const ToolResult& r) {
+  return os << "exit " << r.code << "\n--- stdout\n" << r.out << "--- stderr\n" << r.err;
+}
+
+// Forks and execs `program` with `args`; stdout and stderr come back through pipes, so
+// the program sees no terminal. `program`'s last path component is its argv[0].
+inline pid_t Spawn(const std::string& program, const std::vector<std::string>& args, int* out_fd,
+                   int* err_fd) {
+  int out[2], err[2];
+  if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return -1;
+  std::fflush(nullptr);
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(out[1], STDOUT_FILENO);
+    dup2(err[1], STDERR_FILENO);
+    std::vector<char*> argv;
+    std::string name = program.substr(program.rfind('/') + 1);
+    argv.push_back(name.data());
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    execv(program.c_str(), argv.data());
+    _exit(127);
+  }
+  close(out[1]);
+  close(err[1]);
+  *out_fd = out[0];
+  *err_fd = err[0];
+  return pid;
+}
+
+// Runs vskctl (or `program`) to its end.
+inline ToolResult RunTool(const std::vector<std::string>& args,
+                          const std::string& program = kVskctl) {
+  ToolResult r;
+  int fds[2];
+  pid_t pid = Spawn(program, args, &fds[0], &fds[1]);
+  if (pid < 0) return r;
+  std::string* sinks[2] = {&r.out, &r.err};
+  int open = 2;
+  while (open > 0) {
+    pollfd p[2] = {{fds[0], POLLIN, 0}, {fds[1], POLLIN, 0}};
+    if (poll(p, 2, -1) < 0 && errno != EINTR) break;
+    for (int i = 0; i < 2; ++i) {
+      if (fds[i] < 0 || p[i].revents == 0) continue;
+      char buf[4096];
+      ssize_t n = read(fds[i], buf, sizeof buf);
+      if (n > 0) {
+        sinks[i]->append(buf, static_cast<size_t>(n));
+      } else {
+        close(fds[i]);
+        fds[i] = -1;
+        --open;
+      }
+    }
+  }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return r;
+}
+
+// A client daemon in a child process: registered with orvd in poll mode, runs `fn` with
+// the store usable, unregisters. The child's exit code is fn's result.
+inline int AsRegisteredClient(const std::function<int()>& fn) {
+  orvd_ctx_t* ctx = orvd_init_handle();
+  orvd_set_reg_type_poll(ctx);
+  if (orvd_register(ctx) != 0) return 100;
+  int rc = fn();
+  orvd_unregister(&ctx);
+  return rc;
+}
+
+class VskctlTest : public VskTest {
+ protected:
+  void TearDown() override {
+    orvd_.Stop();
+    VskTest::TearDown();
+  }
+  // orvd up, and the status word at "ready".
+  void StartOrvd() { ASSERT_TRUE(orvd_.Start()); }
+
+  OrvdProcess orvd_;
+};
+
+}  // namespace vsk::test
