@@ -4,7 +4,9 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pty.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,6 +36,19 @@ inline std::ostream& operator<<(std::ostream& os, const ToolResult& r) {
   return os << "exit " << r.code << "\n--- stdout\n" << r.out << "--- stderr\n" << r.err;
 }
 
+// In a child: dies with the test process (so a crashed test leaves no server behind) and
+// becomes `program` with `args`, argv[0] being the program's last path component.
+[[noreturn]] inline void Exec(const std::string& program, const std::vector<std::string>& args) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  std::vector<char*> argv;
+  std::string name = program.substr(program.rfind('/') + 1);
+  argv.push_back(name.data());
+  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  execv(program.c_str(), argv.data());
+  _exit(127);
+}
+
 // Forks and execs `program` with `args`; stdout and stderr come back through pipes, so
 // the program sees no terminal. `program`'s last path component is its argv[0].
 inline pid_t Spawn(const std::string& program, const std::vector<std::string>& args, int* out_fd,
@@ -45,13 +60,7 @@ inline pid_t Spawn(const std::string& program, const std::vector<std::string>& a
   if (pid == 0) {
     dup2(out[1], STDOUT_FILENO);
     dup2(err[1], STDERR_FILENO);
-    std::vector<char*> argv;
-    std::string name = program.substr(program.rfind('/') + 1);
-    argv.push_back(name.data());
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    execv(program.c_str(), argv.data());
-    _exit(127);
+    Exec(program, args);
   }
   close(out[1]);
   close(err[1]);
@@ -85,6 +94,26 @@ inline ToolResult RunTool(const std::vector<std::string>& args,
       }
     }
   }
+  int status = 0;
+  waitpid(pid, &status, 0);
+  r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return r;
+}
+
+// Runs vskctl on a pseudo-terminal, as a person at a terminal would: stdout and stderr
+// together, as the terminal shows them.
+inline ToolResult RunOnTerminal(const std::vector<std::string>& args) {
+  ToolResult r;
+  int master = -1;
+  std::fflush(nullptr);
+  pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+  if (pid < 0) return r;
+  if (pid == 0) Exec(kVskctl, args);
+  char buf[4096];
+  ssize_t n;
+  // The terminal reports EIO once the program has closed its side.
+  while ((n = read(master, buf, sizeof buf)) > 0) r.out.append(buf, static_cast<size_t>(n));
+  close(master);
   int status = 0;
   waitpid(pid, &status, 0);
   r.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;

@@ -354,6 +354,32 @@ TEST_F(VskctlTest, InterfaceTableFaultsAreReportedNotRepaired) {
   }
 }
 
+// A long walk shows progress on a terminal, and none when piped or asked not to; the
+// listing is the same either way.
+TEST_F(VskctlTest, ProgressOnlyOnATerminal) {
+  StartOrvd();
+  ASSERT_TRUE(RunInChild([] {
+                return AsRegisteredClient([] {
+                  for (int i = 0; i < 300; ++i) {
+                    std::string name = "pp0." + std::to_string(1000 + i);
+                    if (vsk_db_interface_add(name.c_str(), 1, 0, 0, 0) != 0) return 1;
+                  }
+                  return 0;
+                });
+              }).Ok());
+  ToolResult piped = RunTool({"interfaces"});
+  ASSERT_EQ(piped.code, 0) << piped;
+  EXPECT_EQ(piped.err, "");
+  ToolResult tty = RunOnTerminal({"interfaces"});
+  ASSERT_EQ(tty.code, 0) << tty;
+  EXPECT_NE(tty.out.find("\r\033[Kinterfaces 1/300 (0%)"), std::string::npos) << tty.out;
+  EXPECT_NE(tty.out.find("pp0.1299"), std::string::npos);
+  ToolResult quiet = RunOnTerminal({"--no-progress", "interfaces"});
+  EXPECT_EQ(quiet.out.find("interfaces 1/300"), std::string::npos) << quiet.out;
+  // The terminal turns each "\n" into "\r\n"; otherwise it shows exactly the piped listing.
+  EXPECT_EQ(std::regex_replace(quiet.out, std::regex("\r\n"), "\n"), piped.out);
+}
+
 // The store the demo leaves behind (with --keep), read as a new user would.
 TEST_F(VskctlTest, ReadsTheStoreTheDemoLeaves) {
   ToolResult demo = RunTool({"--keep"}, VSK_BINARY_DIR "/tools/vsk-demo");
