@@ -34,7 +34,7 @@
 #include "libvsk/shared/root_objects.h"
 #include "libvsk/orvd_ctx.h"
 #include "libvsk/shared/layout.h"
-#include "libvsk/store/context.h"
+#include "libvsk/store/view.h"
 #include "platform/lodex.h"
 #include "platform/paths.h"
 #include "vsk/dyn_db.h"
@@ -286,8 +286,8 @@ int main() {
   } else {
     std::vector<Pair> pairs = {{"put", LayerPut, RawPut, {}, {}, {}},
                                {"get", LayerGet, RawGet, {}, {}, {}}};
-    const vsk::store::StoreContext* ctx = vsk::store::Context();
-    if (Measure(ctx->dbenv, ctx->client_session_db, pairs)) {
+    const vsk::store::View store;
+    if (Measure(store.env(), store.client_session_db(), pairs)) {
       Print(pairs);
     } else {
       std::fprintf(stderr, g_stop ? "interrupted\n" : "a pass failed\n");

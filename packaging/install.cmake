@@ -1,7 +1,7 @@
 # Installation under the GNU install directories, as a Debian packager expects:
 #   include/vsk/*.h                          the public C headers
 #   LIBDIR/libvsk.so.0.1, .so.0, .so          the shared library (SONAME libvsk.so.0)
-#   LIBDIR/libvsk.a                           the static library (C++ inside: link libstdc++)
+#   LIBDIR/libvsk.a                           the static library, linked whole (see libvsk.pc)
 #   LIBDIR/pkgconfig/libvsk.pc                pkg-config: `pkg-config --cflags --libs libvsk`
 #   LIBDIR/cmake/vsk/                         find_package(vsk) giving vsk::vsk (and vsk::vsk_static)
 #   SBINDIR/orvd (and the other daemons)      daemons
@@ -24,7 +24,7 @@ install(TARGETS vsk EXPORT vskTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Runtime
                 NAMELINK_COMPONENT Development
         INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(TARGETS vsk_static ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development)
+install(TARGETS vsk_archive ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT Development)
 install(EXPORT vskTargets NAMESPACE vsk:: DESTINATION ${VSK_INSTALL_CMAKEDIR}
         COMPONENT Development)
 

@@ -19,7 +19,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "libvsk/store/context.h"
+#include "libvsk/store/view.h"
 #include "platform/paths.h"
 #include "server.h"
 #include "vsk/vsk.h"
@@ -48,8 +48,7 @@ void TraceSink(void*, int, const char* format, va_list args) { VLog(format, args
 // Ready for clients: on the master the tables are open and the shared state rebuilt; on
 // the standby orvd stops once replication runs.
 StoreHealth Health() {
-  const vsk::store::StoreContext* ctx = vsk::store::Context();
-  int32_t state = ctx != nullptr ? ctx->state : VSK_ENV_INIT;
+  const int32_t state = vsk::store::View().state();
   if (vsk_in_panic || state == VSK_ENV_PANIC) return {false, VSK_ERR_RECOVERING};
   if (state == VSK_ENV_NEEDS_RECOVERY) return {false, VSK_ERR_SECONDARY_RECOVERY};
   if (!orvd_is_registered()) return {false, VSK_ERR_NOT_STARTED};

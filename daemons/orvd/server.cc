@@ -23,7 +23,6 @@ namespace {
 
 using namespace vsk::orvd;
 
-
 }  // namespace
 
 Server::Server(evContext ev, HealthFn health) : ev_(ev), health_(health) {}
@@ -132,18 +131,21 @@ void Server::Read(Connection* conn) {
 }
 
 bool Server::Dispatch(Connection* conn) {
-  while (conn->input.size() >= sizeof(uint32_t)) {
-    uint32_t type;
-    std::memcpy(&type, conn->input.data(), sizeof type);
-    size_t size = ClientMessageSize(type);
+  for (;;) {
+    vsk::base::ByteReader input(conn->input.data(), conn->input.size());
+    uint32_t type = 0;
+    if (!input.Get(&type)) return true;  // wait for a whole type
+    const size_t size = ClientMessageSize(type);
     if (size == 0) {
       Log("client sent unknown message type %u", type);
       Drop(conn, "unknown message type");
       return false;
     }
-    if (conn->input.size() < size) return true;  // wait for the rest
+    vsk::base::ByteReader msg;
+    if (!vsk::base::ByteReader(conn->input.data(), conn->input.size()).Slice(size, &msg)) {
+      return true;  // wait for the rest
+    }
     conn->got_message = true;
-    const uint8_t* msg = conn->input.data();
     if (type == ORVD_MSG_REGISTER) {
       HandleRegister(conn, msg);
     } else if (type == ORVD_MSG_ISSU_STATE) {
@@ -174,9 +176,9 @@ bool Server::Dispatch(Connection* conn) {
   return true;
 }
 
-void Server::HandleRegister(Connection* conn, const uint8_t* raw) {
+void Server::HandleRegister(Connection* conn, vsk::base::ByteReader raw) {
   RegisterMsg msg;
-  std::memcpy(&msg, raw, sizeof msg);
+  if (!raw.Get(&msg)) return;
   msg.program[kProgramNameLen - 1] = '\0';
   std::string name(msg.program);
   if (msg.role == kRoleLeaving) {
@@ -213,9 +215,9 @@ void Server::HandleRegister(Connection* conn, const uint8_t* raw) {
   SendAck(conn, true, 0, entry.issu_state);
 }
 
-void Server::HandleIssuState(Connection* conn, const uint8_t* raw) {
+void Server::HandleIssuState(Connection* conn, vsk::base::ByteReader raw) {
   IssuStateMsg msg;
-  std::memcpy(&msg, raw, sizeof msg);
+  if (!raw.Get(&msg)) return;
   if (!conn->registered) return;
   table_[conn->name].issu_state = msg.issu_info.state;
   WriteTable();
@@ -250,8 +252,8 @@ void Server::BroadcastStoreDown(int32_t status) {
 }
 
 void Server::Drop(Connection* conn, const char* why) {
-  auto it = std::find_if(conns_.begin(), conns_.end(),
-                         [conn](const auto& c) { return c.get() == conn; });
+  auto it =
+      std::find_if(conns_.begin(), conns_.end(), [conn](const auto& c) { return c.get() == conn; });
   if (it == conns_.end()) return;
   Log("dropping %s: %s", conn->name.empty() ? "client" : conn->name.c_str(), why);
   if (conn->registered) table_[conn->name].connected = false;

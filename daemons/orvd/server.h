@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "libvsk/base/byte_reader.h"
 #include "platform/evlib.h"
 #include "platform/wtimer.h"
 
@@ -98,8 +99,9 @@ class Server {
   // Handles every whole message at the front of conn->input. False when the connection
   // was dropped.
   bool Dispatch(Connection* conn);
-  void HandleRegister(Connection* conn, const uint8_t* msg);
-  void HandleIssuState(Connection* conn, const uint8_t* msg);
+  // Each takes exactly one whole message of its type.
+  void HandleRegister(Connection* conn, vsk::base::ByteReader msg);
+  void HandleIssuState(Connection* conn, vsk::base::ByteReader msg);
   bool SendAck(Connection* conn, bool accepted, int32_t error, uint32_t daemon_issu);
   void Drop(Connection* conn, const char* why);
   void Housekeeping();

@@ -19,5 +19,7 @@
 #include "vsk/attr.h"
 #include "vsk/tables.h"
 #include "vsk/snapshot.h"
+#include "vsk/provdb.h"
+#include "vsk/pfltd.h"
 
 #endif /* VSK_VSK_H */

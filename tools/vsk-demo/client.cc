@@ -6,7 +6,7 @@
 #include <unistd.h>
 
 #include "demo.h"
-#include "libvsk/store/context.h"
+#include "libvsk/store/view.h"
 #include "platform/progname.h"
 #include "transcript.h"
 #include "vsk/orvd.h"
@@ -38,9 +38,9 @@ int RunClient(vsk_session_id_t session_id) {
     orvd_unregister(&ctx);
     return 1;
   }
-  const store::StoreContext* store_ctx = store::Context();
+  const store::View store;
   Say("registered: %s, store state %d (%s), status word %u (3 = ready), role %s",
-      orvd_is_registered() ? "yes" : "no", store_ctx->state, StateName(store_ctx->state),
+      orvd_is_registered() ? "yes" : "no", store.state(), StateName(store.state()),
       vsk_db_status != nullptr ? *vsk_db_status : 0u, vsk_is_master() ? "master" : "standby");
 
   ok = Check("vsk_db_check", vsk_db_check());

@@ -14,7 +14,7 @@
 
 #include "demo.h"
 #include "libvsk/orvd_ctx.h"
-#include "libvsk/store/context.h"
+#include "libvsk/store/view.h"
 #include "platform/paths.h"
 #include "platform/progname.h"
 #include "transcript.h"
@@ -120,7 +120,7 @@ bool RunCreator(vsk_session_id_t* session_id) {
   if (!Check("vsk_db_init(orvd, master): environment, tables", vsk_db_init(&g_link, true))) {
     return false;
   }
-  Say("store state %d (%s)", store::Context()->state, StateName(store::Context()->state));
+  Say("store state %d (%s)", store::View().state(), StateName(store::View().state()));
 
   Say("raw rows into an application-defined table, one transaction:");
   if (DefineRawTable() != VSK_OK) return false;
@@ -136,10 +136,10 @@ bool RunCreator(vsk_session_id_t* session_id) {
   if (!ReadBackSession(id)) return false;
 
   if (!Check("vsk_db_close", vsk_db_close())) return false;
-  const store::StoreContext* ctx = store::Context();
-  Say("store state %d (%s), environment handle %s", ctx->state, StateName(ctx->state),
-      ctx->dbenv == nullptr ? "released" : "STILL SET");
-  if (ctx->state != VSK_ENV_CLOSED || ctx->dbenv != nullptr) {
+  const store::View store;
+  Say("store state %d (%s), environment handle %s", store.state(), StateName(store.state()),
+      store.env() == nullptr ? "released" : "STILL SET");
+  if (store.state() != VSK_ENV_CLOSED || store.env() != nullptr) {
     return Fail("the store did not end closed");
   }
   vsk_close_internal();

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "demo.h"
-#include "libvsk/store/context.h"
+#include "libvsk/store/view.h"
 #include "transcript.h"
 #include "vsk/attr.h"
 #include "vsk/dyn_db.h"
@@ -54,10 +54,7 @@ int DecodeRaw(void* out, void* data, uint32_t size, const uint8_t*, uint16_t) {
   return static_cast<int>(size);
 }
 
-DB* RawTable() {
-  store::StoreContext* ctx = store::Context();
-  return ctx != nullptr ? ctx->app_defined_db[kRawTableId] : nullptr;
-}
+DB* RawTable() { return store::View().app_defined_db(kRawTableId); }
 
 std::string AttrText(const vsk_attr_list_t* attrs, uint16_t type) {
   vsk_attr_t* attr = vsk_get_attribute_from_list(attrs, type);

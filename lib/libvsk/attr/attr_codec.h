@@ -10,6 +10,8 @@
 
 #include <cstdint>
 
+#include "libvsk/base/byte_reader.h"
+#include "libvsk/base/byte_writer.h"
 #include "vsk/attr.h"
 
 namespace vsk::attr {
@@ -17,13 +19,13 @@ namespace vsk::attr {
 // Bytes of the TLVs of `list` (null or empty: 0).
 uint32_t AttrEntriesSize(const vsk_attr_list_t* list);
 // Writes the TLVs to `out`. REQUIRES: room for AttrEntriesSize(list) bytes.
-void WriteAttrEntries(const vsk_attr_list_t* list, uint8_t* out);
-// Appends nodes for the TLVs in [data, data+length) to *list, allocating the head if null.
-int DecodeAttrEntries(const uint8_t* data, uint32_t length, vsk_attr_list_t** list);
+void WriteAttrEntries(const vsk_attr_list_t* list, base::ByteWriter& out);
+// Appends nodes for the TLVs of `section` (all of it) to *list, allocating the head if null.
+int DecodeAttrEntries(base::ByteReader section, vsk_attr_list_t** list);
 
 uint32_t DynEntriesSize(const vsk_dyn_attr_list_t* list);
-void WriteDynEntries(const vsk_dyn_attr_list_t* list, uint8_t* out);
-int DecodeDynEntries(const uint8_t* data, uint32_t length, vsk_dyn_attr_list_t** list);
+void WriteDynEntries(const vsk_dyn_attr_list_t* list, base::ByteWriter& out);
+int DecodeDynEntries(base::ByteReader section, vsk_dyn_attr_list_t** list);
 
 // Frees the nodes of a list and its head; values (and names) too when `free_values`.
 void FreeAttrList(vsk_attr_list_t* list, bool free_values);

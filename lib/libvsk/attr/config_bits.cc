@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "vsk/attr.h"
 
 extern "C" {

@@ -21,9 +21,8 @@ bool IsIdentifying(uint16_t tag) {
   return tag == VSK_ARRAY_IDENTIFYING_TLV || tag == VSK_ARRAY_START_TLV;
 }
 
-// Step 2 of an add: the identifying value may name an instance that exists already.
-vsk_array_index_node_t* FindInstance(patricia_root_t* index, uint32_t length,
-                                     const void* value) {
+// For an add of an identifying value: the instance it names at this level, if one exists.
+vsk_array_index_node_t* FindInstance(patricia_root_t* index, uint32_t length, const void* value) {
   for (patricia_node_t* p = patricia_find_next(index, nullptr); p != nullptr;
        p = patricia_find_next(index, p)) {
     auto* ix = reinterpret_cast<vsk_array_index_node_t*>(p);
@@ -55,14 +54,14 @@ vsk_status_t vsk_dyn_tree_add(patricia_root_t* tree, uint16_t key_length, const 
   if (tree == nullptr || name == nullptr) return VSK_ERR_INVALID_PARAM;
   const bool bookkeeping = index_root != nullptr;
   vsk_attr_tree_node_t* node = FindNode(tree, key_length, name);
-  // 1. A new node; without bookkeeping always, so an existing name is refused (-3).
+  // A new node; without bookkeeping always, so an existing name is refused (-3).
   if (node == nullptr || !bookkeeping) {
     vsk_status_t st = MakeNode(tree, key_length, name, owns, &node);
     if (st != VSK_OK) return st;
     node->array_tag = tag;
     node->top_level = (!bookkeeping || *index_root == nullptr) ? 1 : 0;
   } else if (IsIdentifying(tag)) {
-    // 2. An identifying value that already has an instance at this level: enter it.
+    // An identifying value that already has an instance at this level: enter it.
     if (*index_root == nullptr) *index_root = node->index_root;
     if (*index_root != nullptr) {
       vsk_array_index_node_t* ix = FindInstance(*index_root, length, value);
@@ -77,10 +76,10 @@ vsk_status_t vsk_dyn_tree_add(patricia_root_t* tree, uint16_t key_length, const 
       }
     }
   }
-  // 3.
+  // The value's entry, filled in once the array bookkeeping has succeeded.
   auto* entry = static_cast<vsk_attr_value_t*>(std::calloc(1, sizeof(vsk_attr_value_t)));
   if (entry == nullptr) return VSK_ERR_NOMEM;
-  // 4. An identifying value opens a nesting level.
+  // An identifying value opens a nesting level.
   vsk_array_index_node_t* ix = nullptr;
   if (IsIdentifying(tag) && bookkeeping) {
     if (*index_root == nullptr) {
@@ -123,7 +122,7 @@ vsk_status_t vsk_dyn_tree_add(patricia_root_t* tree, uint16_t key_length, const 
     *index_root = ix->nested_root;
     if (index_node != nullptr) *index_node = ix;
   }
-  // 5. An array start opens a new instance with a new id and an empty member list.
+  // An array start opens a new instance with a new id and an empty member list.
   if (tag == VSK_ARRAY_START_TLV && ix != nullptr) {
     auto* list =
         static_cast<vsk_array_member_list_t*>(std::calloc(1, sizeof(vsk_array_member_list_t)));
@@ -147,12 +146,12 @@ vsk_status_t vsk_dyn_tree_add(patricia_root_t* tree, uint16_t key_length, const 
     if (members != nullptr) *members = list;
     *index_root = nullptr;
   }
-  // 6.
+  // The value joins its node.
   entry->length = length;
   entry->value = const_cast<void*>(value);
   entry->array_value = const_cast<void*>(array_value);
   AppendValue(node, entry);
-  // 7. A member joins the open instance.
+  // A member joins the open instance.
   if (tag == VSK_ARRAY_MEMBER_TLV && bookkeeping) {
     entry->array_id = array_id != nullptr ? *array_id : 0;
     auto* m = static_cast<vsk_array_member_t*>(std::calloc(1, sizeof(vsk_array_member_t)));
@@ -199,8 +198,7 @@ vsk_status_t vsk_dyn_tree_remove(patricia_root_t* tree, uint16_t key_length, con
   }
   for (vsk_attr_value_t** link = &node->values_first; *link != nullptr; link = &(*link)->next) {
     vsk_attr_value_t* v = *link;
-    if ((length == 0 || SameBytes(v->length, v->value, length, value)) &&
-        v->array_id == array_id) {
+    if ((length == 0 || SameBytes(v->length, v->value, length, value)) && v->array_id == array_id) {
       UnlinkValue(node, link);
       if (member) {
         DetachMemberValue(node, v);

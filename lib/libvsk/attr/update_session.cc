@@ -6,7 +6,8 @@
 // tree must be released before the list.
 #include <cstring>
 
-#include "libvsk/trace.h"
+#include "libvsk/base/status.h"
+#include "libvsk/base/trace.h"
 #include "vsk/attr.h"
 
 extern "C" {
@@ -44,7 +45,7 @@ vsk_status_t vsk_update_session(patricia_root_t* tree, const vsk_attr_update_lis
         }
         st = vsk_attr_tree_add(tree, 2, key, e->new_length, e->new_value, false);
         if (st != VSK_OK) {
-          VSK_TRACE("%s: Failed to replace attribute, err=%s", __func__, vsk_get_err_msg(st));
+          VSK_TRACE("%s: Failed to replace attribute, err=%s", __func__, vsk::base::ErrorText(st));
           return st;
         }
         break;
@@ -53,7 +54,7 @@ vsk_status_t vsk_update_session(patricia_root_t* tree, const vsk_attr_update_lis
           st = vsk_attr_tree_remove(tree, 2, key, 0, nullptr, false);
           if (st != VSK_OK && st != VSK_ERR_ATTR_MISMATCH) {
             VSK_TRACE("%s: Failed to blind delete attributes, err=%s", __func__,
-                      vsk_get_err_msg(st));
+                      vsk::base::ErrorText(st));
             return st;
           }
         } else {
@@ -64,12 +65,13 @@ vsk_status_t vsk_update_session(patricia_root_t* tree, const vsk_attr_update_lis
           }
           st = vsk_attr_tree_remove(tree, 2, key, e->length, e->value, true);
           if (st != VSK_OK) {
-            VSK_TRACE("%s: Failed to delete attribute, err=%s", __func__, vsk_get_err_msg(st));
+            VSK_TRACE("%s: Failed to delete attribute, err=%s", __func__, vsk::base::ErrorText(st));
             return st;
           }
         }
         break;
       default:
+        // Published text: the double space before "action" is part of it.
         VSK_TRACE("%s at %d: Update client session with unknown  action type %d\n", __func__,
                   __LINE__, static_cast<int>(e->action));
         return VSK_ERR_INVALID_PARAM;
@@ -78,8 +80,7 @@ vsk_status_t vsk_update_session(patricia_root_t* tree, const vsk_attr_update_lis
   return VSK_OK;
 }
 
-vsk_status_t vsk_update_session_dynamic(patricia_root_t* tree,
-                                        const vsk_dyn_update_list_t* updates,
+vsk_status_t vsk_update_session_dynamic(patricia_root_t* tree, const vsk_dyn_update_list_t* updates,
                                         uint16_t array_id, bool append_replaces) {
   if (tree == nullptr || updates == nullptr) return VSK_OK;
   // Cursors carried across the list.
@@ -92,16 +93,17 @@ vsk_status_t vsk_update_session_dynamic(patricia_root_t* tree,
   bool ident_replaced = false;
 
   for (const vsk_dyn_update_t* src = updates->first; src != nullptr; src = src->next) {
-    vsk_dyn_update_t e = *src;  // step 2 rewrites an append; the caller's list stays as is
+    vsk_dyn_update_t e = *src;  // a copy: an append may be rewritten below
     if (e.name == nullptr) {
-      VSK_TRACE("%s at %d: Update client session with unknown action name %d\n", __func__,
-                __LINE__, static_cast<int>(e.action));
+      VSK_TRACE("%s at %d: Update client session with unknown action name %d\n", __func__, __LINE__,
+                static_cast<int>(e.action));
       return VSK_ERR_INVALID_PARAM;
     }
     const uint16_t klen = static_cast<uint16_t>(std::strlen(e.name) + 1);
     const uint16_t tag = e.array_tag;
     const bool identifying = tag == VSK_ARRAY_IDENTIFYING_TLV || tag == VSK_ARRAY_START_TLV;
-    // 1.
+    // Array context: a plain entry leaves any array; an identifying entry names the
+    // instance that its members follow; a member needs one named before it.
     if (tag == VSK_ARRAY_NONE) {
       array_value = nullptr;
       ident_replaced = false;
@@ -113,7 +115,7 @@ vsk_status_t vsk_update_session_dynamic(patricia_root_t* tree,
         ident_value = e.new_value;
       } else {
         VSK_TRACE("%s: No array value in identifying TLV, err=%s ", __func__,
-                  vsk_get_err_msg(VSK_ERR_INVALID_PARAM));
+                  vsk::base::ErrorText(VSK_ERR_INVALID_PARAM));
         return VSK_ERR_INVALID_PARAM;
       }
     } else if (tag == VSK_ARRAY_MEMBER_TLV) {
@@ -124,7 +126,7 @@ vsk_status_t vsk_update_session_dynamic(patricia_root_t* tree,
       }
       array_value = ident_value;
     }
-    // 2. An append that replaces whatever is there.
+    // An append that replaces whatever is there becomes a replace of the new value.
     if (append_replaces && e.action == VSK_ATTR_ACTION_ADD_OR_APPEND && e.length != 0 &&
         (tag == VSK_ARRAY_NONE || tag == VSK_ARRAY_MEMBER_TLV)) {
       e.new_length = e.length;
@@ -133,16 +135,16 @@ vsk_status_t vsk_update_session_dynamic(patricia_root_t* tree,
       e.value = nullptr;
       e.action = VSK_ATTR_ACTION_ADD_OR_REPLACE;
     }
-    // 3.
+    // Bit actions and unknown codes have no meaning for dynamic configuration.
     if (e.action > VSK_ATTR_ACTION_DELETE_ARRAY || e.action == VSK_ATTR_ACTION_CLEAR_BITS ||
         e.action == VSK_ATTR_ACTION_SET_BITS) {
-      VSK_TRACE("%s at %d: Update client session with unknown action name %d\n", __func__,
-                __LINE__, static_cast<int>(e.action));
+      VSK_TRACE("%s at %d: Update client session with unknown action name %d\n", __func__, __LINE__,
+                static_cast<int>(e.action));
       return VSK_ERR_INVALID_PARAM;
     }
     vsk_status_t st;
     switch (e.action) {
-      case VSK_ATTR_ACTION_ADD_OR_REPLACE:  // 4.
+      case VSK_ATTR_ACTION_ADD_OR_REPLACE:  // remove the old value (or all), add the new
         if (identifying) {
           ident_replaced = true;
         } else if (e.length != 0) {
@@ -153,44 +155,44 @@ vsk_status_t vsk_update_session_dynamic(patricia_root_t* tree,
           st = vsk_dyn_tree_remove(tree, klen, e.name, e.length, e.value, cur_id, true);
           if (st != VSK_OK && !(st == VSK_ERR_ATTR_MISMATCH && ident_replaced)) {
             VSK_TRACE("%s: Failed to delete old attribute, err=%s", __func__,
-                      vsk_get_err_msg(st));
+                      vsk::base::ErrorText(st));
             return st;
           }
         } else {
           st = vsk_dyn_tree_remove(tree, klen, e.name, 0, nullptr, cur_id, false);
           if (st != VSK_OK && st != VSK_ERR_ATTR_MISMATCH) {
             VSK_TRACE("%s: Failed to delete old attributes, err=%s", __func__,
-                      vsk_get_err_msg(st));
+                      vsk::base::ErrorText(st));
             return st;
           }
         }
         st = vsk_dyn_tree_add(tree, klen, e.name, e.new_length, e.new_value, tag, array_value,
                               &cur_id, &cur_members, &cur_index, &cur_index_node, false);
         if (st != VSK_OK) {
-          VSK_TRACE("%s: Failed to replace attribute, err=%s", __func__, vsk_get_err_msg(st));
+          VSK_TRACE("%s: Failed to replace attribute, err=%s", __func__, vsk::base::ErrorText(st));
           return st;
         }
         break;
-      case VSK_ATTR_ACTION_ADD_OR_APPEND:  // 5.
+      case VSK_ATTR_ACTION_ADD_OR_APPEND:  // one more value
         st = vsk_dyn_tree_add(tree, klen, e.name, e.length, e.value, tag, array_value, &cur_id,
                               &cur_members, &cur_index, &cur_index_node, false);
         if (st != VSK_OK) {
           VSK_TRACE("%s: Failed to append attributes to patricia tree, err=%s", __func__,
-                    vsk_get_err_msg(st));
+                    vsk::base::ErrorText(st));
           return st;
         }
         break;
-      case VSK_ATTR_ACTION_DELETE:  // 6.
+      case VSK_ATTR_ACTION_DELETE:  // the given value, or every value without one
         if (identifying) {
-          VSK_TRACE("%s at %d: Deleting array attribute with VSK_ARRAY_IDENTIFYING_TLV\n",
-                    __func__, __LINE__);
+          VSK_TRACE("%s at %d: Deleting array attribute with VSK_ARRAY_IDENTIFYING_TLV\n", __func__,
+                    __LINE__);
           break;
         }
         if (e.length == 0) {
           st = vsk_dyn_tree_remove(tree, klen, e.name, 0, nullptr, cur_id, false);
           if (st != VSK_OK && st != VSK_ERR_ATTR_MISMATCH) {
             VSK_TRACE("%s: Failed to blind delete attributes, err=%s", __func__,
-                      vsk_get_err_msg(st));
+                      vsk::base::ErrorText(st));
             return st;
           }
         } else {
@@ -201,20 +203,21 @@ vsk_status_t vsk_update_session_dynamic(patricia_root_t* tree,
           }
           st = vsk_dyn_tree_remove(tree, klen, e.name, e.length, e.value, cur_id, true);
           if (st != VSK_OK) {
-            VSK_TRACE("%s: Failed to delete attribute, err=%s", __func__, vsk_get_err_msg(st));
+            VSK_TRACE("%s: Failed to delete attribute, err=%s", __func__, vsk::base::ErrorText(st));
             return st;
           }
         }
         break;
-      case VSK_ATTR_ACTION_DELETE_ARRAY:  // 7.
+      case VSK_ATTR_ACTION_DELETE_ARRAY:  // a whole array instance, by its identifying value
         if (!identifying) {
+          // Published text: the double space before "with" is part of it.
           VSK_TRACE("%s at %d: Deleting non-array attribute  with VSK_ARRAY_IDENTIFYING_TLV\n",
                     __func__, __LINE__);
           break;
         }
         st = vsk_dyn_tree_remove(tree, klen, e.name, e.length, e.value, cur_id, e.length != 0);
         if (st != VSK_OK) {
-          VSK_TRACE("%s: Failed to delete attribute, err=%s", __func__, vsk_get_err_msg(st));
+          VSK_TRACE("%s: Failed to delete attribute, err=%s", __func__, vsk::base::ErrorText(st));
           return st;
         }
         break;

@@ -3,6 +3,8 @@
 //
 // The reader blocks in recv for the fixed size of each message: orvd writes whole
 // messages, and the socket is only read when it is readable.
+#include "libvsk/orvd_client/link.h"
+
 #include <errno.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -13,8 +15,11 @@
 #include <cstring>
 #include <string>
 
-#include "libvsk/orvd_client/link.h"
+#include "libvsk/base/byte_reader.h"
+#include "libvsk/base/role.h"
+#include "libvsk/base/status.h"
 #include "libvsk/orvd_client/wire.h"
+#include "libvsk/store/env.h"
 #include "platform/logging.h"
 #include "platform/mgtlib_issu.h"
 #include "platform/paths.h"
@@ -102,15 +107,25 @@ void ReadMessage(orvd_ctx* ctx) {
   size_t body = type == ORVD_MSG_REGISTER_ACK ? kAckBodySize : kPlatdBodySize;
   if (!Receive(ctx, ctx->rx_buffer, body)) return;
 
+  base::ByteReader in(ctx->rx_buffer, body);
   if (type == ORVD_MSG_PLATD_ISSU_STATE) {
-    uint32_t state;
-    std::memcpy(&state, ctx->rx_buffer, sizeof state);
+    uint32_t state = 0;
+    in.Get(&state);
     OnPlatdIssuState(ctx, state);
     return;
   }
-  RegisterAckMsg ack;
-  ack.type = type;
-  std::memcpy(reinterpret_cast<uint8_t*>(&ack) + sizeof(uint32_t), ctx->rx_buffer, body);
+  // The body of RegisterAckMsg, field by field (its members are unaligned).
+  struct {
+    uint8_t flags = 0;
+    int32_t error = 0;
+    uint32_t daemon_issu_state = 0;
+    uint32_t platd_issu_state = 0;
+  } ack;
+  in.Get(&ack.flags);
+  in.Skip(sizeof(RegisterAckMsg::reserved));
+  in.Get(&ack.error);
+  in.Get(&ack.daemon_issu_state);
+  in.Get(&ack.platd_issu_state);
   if (ack.flags & kAckAccepted) {
     if (ctx->issu_enabled) {
       ORVD_TRACE(ctx, "Received ORVD Reg, daemon issu state <%s>, platd issu state <%s>",
@@ -125,7 +140,7 @@ void ReadMessage(orvd_ctx* ctx) {
     return;
   }
   ORVD_TRACE(ctx, "VSK env is invalid: %s",
-             ack.error == 0 ? "OK" : vsk_get_err_msg(ack.error));
+             ack.error == 0 ? "OK" : vsk::base::ErrorText(ack.error));
   // -11: the environment is being recovered under us; the close must not touch it.
   if (ack.error == VSK_ERR_RECOVERING) vsk_in_panic = true;
   orvd_reg_cleanup(ctx, true, true);
@@ -166,7 +181,7 @@ vsk_status_t ConnectAndRegister(orvd_ctx* ctx) {
   } else {
     ORVD_TRACE(ctx, "Send registration message to ORVD");
   }
-  uint8_t role = vsk_db_rep_is_master() ? kRoleMaster : kRoleStandby;
+  uint8_t role = vsk::base::IsMaster() ? kRoleMaster : kRoleStandby;
   if (SendRegister(ctx, role, VSK_OK) != VSK_OK) {
     ORVD_TRACE(ctx, "Failed to send registration message");
     return VSK_ERR_ORVD_FATAL;
@@ -192,8 +207,7 @@ vsk_status_t ConnectAndRegister(orvd_ctx* ctx) {
   if (ctx->reg_type_event) {
     if (__evSelectFD(ctx->event_ctx, ctx->fd, EV_READ, OnSocketReadable, ctx,
                      &ctx->event_file_id) != 0) {
-      ORVD_TRACE(ctx, "Unable to complete socket-selection operation %s",
-                 std::strerror(errno));
+      ORVD_TRACE(ctx, "Unable to complete socket-selection operation %s", std::strerror(errno));
       ctx->event_registered = false;
       return VSK_ERR_ORVD_FATAL;
     }
@@ -254,7 +268,7 @@ void orvd_reg_cleanup(orvd_ctx_t* ctx, bool take_down, bool start_timer) {
     ORVD_TRACE(ctx, "Start a timer to try to reregister with ORVD");
     wtimer_start_oneshot_precise(ctx->timer_leaf, &ctx->timer_interval, 0);
   }
-  if (take_down) vsk_db_event_down(ctx);
+  if (take_down) vsk::store::EventDown(ctx);
 }
 
 void orvd_select_fd_read(orvd_ctx_t* ctx) {

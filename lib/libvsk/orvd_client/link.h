@@ -10,8 +10,8 @@
 
 #include <cstddef>
 
+#include "libvsk/base/trace.h"
 #include "libvsk/orvd_ctx.h"
-#include "libvsk/trace.h"
 #include "vsk/status.h"
 
 namespace vsk::orvd {
@@ -43,14 +43,7 @@ void OnReregisterTimer(wtimer_leaf_t* leaf, void* arg);
 }  // namespace vsk::orvd
 
 // Traces of the link carry the link's own handle, which exists before the store context.
-#define ORVD_TRACE(ctx, ...)                                                        \
-  do {                                                                              \
-    vsk_trace_cbk_t orvd_trace_fn_ = vsk_trace_cbk;                                 \
-    if (orvd_trace_fn_ != nullptr) {                                                \
-      if (false) ::vsk::internal::CheckTraceFormat(__VA_ARGS__);                    \
-      orvd_trace_fn_(static_cast<void*>(ctx), VSK_TRACE_LEVEL, __VA_ARGS__);        \
-    }                                                                               \
-  } while (0)
+#define ORVD_TRACE(ctx, ...) VSK_TRACE_WITH(ctx, VSK_TRACE_LEVEL, __VA_ARGS__)
 
 namespace vsk::orvd {
 // Drops the process-wide pointer (orvd_unregister, after freeing the handle).

@@ -15,8 +15,13 @@
 
 #include <cstdlib>
 
+#include "libvsk/base/role.h"
+#include "libvsk/base/status.h"
 #include "libvsk/orvd_client/link.h"
 #include "libvsk/orvd_client/wire.h"
+#include "libvsk/store/capability.h"
+#include "libvsk/store/env.h"
+#include "libvsk/store/joins.h"
 #include "platform/hwframe.h"
 #include "platform/logging.h"
 #include "platform/progname.h"
@@ -29,23 +34,46 @@ namespace {
 
 // The shared state that orvd rebuilds is usable by clients of this routing engine.
 bool SharedStateReady() {
-  if (!vsk_db_rep_is_master()) return true;
+  if (!vsk::base::IsMaster()) return true;
   return vsk_db_status != nullptr && *vsk_db_status == VSK_DB_STATUS_READY;
 }
 
 void TellEnvironment(orvd_ctx* ctx) {
-  if (ctx->db_env_change_cbk == nullptr) return;
+  if (ctx == nullptr || ctx->db_env_change_cbk == nullptr) return;
   DB_ENV* env = nullptr;
   vsk_db_get_dbenv(&env);
   ctx->db_env_change_cbk(env);
 }
 
-// Steps 5 and 6 of the start-up: the store, then the interface table.
+// The store, then the interface table: each needs the one before.
 vsk_status_t OpenStore(orvd_ctx* ctx, bool is_orvd) {
-  vsk_status_t rc = vsk_db_init(ctx, is_orvd);
+  vsk_status_t rc = vsk::store::Init(ctx, is_orvd);
   if (rc == VSK_OK) rc = vsk_db_secondary_init(is_orvd);
   return rc;
 }
+
+// What the store's gate and its forced take-down borrow from the link.
+constexpr uint32_t kPlatdSwitchover = 6;
+
+[[maybe_unused]] const bool kLinkHooksInstalled = [] {
+  store::InstallLinkHooks({
+      .operations_stopped =
+          [](orvd_ctx* link) { return orvd_get_platd_issu_state(link) == kPlatdSwitchover; },
+      .poll = [](orvd_ctx* link) { orvd_poll_check(link); },
+      .repair = [](orvd_ctx* link) -> vsk_status_t {
+        orvd_reg_cleanup(link, true, false);
+        return orvd_reregister(link);
+      },
+      // The store, then every pointer into shared memory; the environment handle the
+      // daemon is given is null by now, which tells it to drop any cached one.
+      .went_down =
+          [](orvd_ctx* link) {
+            vsk_close_internal();
+            TellEnvironment(link);
+          },
+  });
+  return true;
+}();
 
 }  // namespace
 }  // namespace vsk::orvd
@@ -61,18 +89,17 @@ vsk_status_t orvd_register(orvd_ctx_t* ctx) {
   if (!VSK_INSIST(ctx)) return VSK_ERR_ORVD_FATAL;
   if (!VSK_INSIST(!ctx->user_reg)) return VSK_ERR_ORVD_FATAL;
   if (ctx->issu_enabled && ctx->issu_prepare_cbk == nullptr) return VSK_ERR_ORVD_FATAL;
-  if (!vsk_db_supported()) {
+  if (!vsk::store::Supported()) {
     ORVD_TRACE(ctx, "ORVD not supported on this platform");
     return VSK_ERR_UNSUPPORTED;
   }
   ctx->is_orvd = vsk::platform::IsOrvdProgram();
   vsk_db_set_master(hwframe_is_vc_or_single_re_protocol_master());
-  ORVD_TRACE(ctx, "ORVD db: %s", vsk_db_rep_is_master() ? "Master" : "Standby");
+  ORVD_TRACE(ctx, "ORVD db: %s", vsk::base::IsMaster() ? "Master" : "Standby");
 
   if (ctx->reg_type_event && ctx->timer_root == nullptr) {
     ctx->timer_root = wtimer_init(ctx->event_ctx, 0);
-    ctx->timer_leaf =
-        wtimer_create_leaf(ctx->timer_root, 0, vsk::orvd::OnReregisterTimer, ctx);
+    ctx->timer_leaf = wtimer_create_leaf(ctx->timer_root, 0, vsk::orvd::OnReregisterTimer, ctx);
     ctx->timer_interval = {5, 0};
   }
 
@@ -94,7 +121,7 @@ vsk_status_t orvd_register(orvd_ctx_t* ctx) {
 
   vsk_status_t rc = OpenStore(ctx, ctx->is_orvd);
   if (rc != VSK_OK) {
-    ORVD_TRACE(ctx, "Failed to open VSK %s", vsk_get_err_msg(rc));
+    ORVD_TRACE(ctx, "Failed to open VSK %s", vsk::base::ErrorText(rc));
     if (!ctx->is_orvd) {
       vsk::orvd::SendRegister(ctx, vsk::orvd::kRoleLeaving, rc);
       orvd_reg_cleanup(ctx, false, false);
@@ -104,7 +131,7 @@ vsk_status_t orvd_register(orvd_ctx_t* ctx) {
   }
   if (ctx->is_orvd) {
     ORVD_TRACE(ctx, "Successfully opened VSK");
-    if (vsk_db_rep_is_master()) {
+    if (vsk::base::IsMaster()) {
       rc = vsk_db_secondary_recover();
       if (rc != VSK_OK) {
         ORVD_TRACE(ctx, "Failed to recover VSK");
@@ -124,7 +151,7 @@ vsk_status_t orvd_register(orvd_ctx_t* ctx) {
 vsk_status_t orvd_reregister(orvd_ctx_t* ctx) {
   if (!VSK_INSIST(ctx)) return VSK_ERR_ORVD_FATAL;
   if (!VSK_INSIST(!ctx->is_orvd)) return VSK_ERR_ORVD_FATAL;
-  if (!vsk_db_supported()) {
+  if (!vsk::store::Supported()) {
     ORVD_TRACE(ctx, "ORVD not supported on this platform");
     return VSK_ERR_UNSUPPORTED;
   }
@@ -144,7 +171,8 @@ vsk_status_t orvd_reregister(orvd_ctx_t* ctx) {
   }
   rc = OpenStore(ctx, false);
   if (rc != VSK_OK) {
-    ORVD_TRACE(ctx, "Failed to init session db %sn", vsk_get_err_msg(rc));
+    // Published text: the "n" after the message is part of it (a lost backslash).
+    ORVD_TRACE(ctx, "Failed to init session db %sn", vsk::base::ErrorText(rc));
     orvd_reg_cleanup(ctx, true, true);
     return VSK_ERR_ORVD_FATAL;
   }

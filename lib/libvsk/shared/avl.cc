@@ -184,19 +184,24 @@ void SetChild(SHGenAVLTree* tree, SHGenAVLNode* parent, int dir, SHGenAVLNode* n
 
 using namespace vsk::shared::avl;
 
-extern "C" {
+void vsk::shared::avl::InitBase(void* base) { vsk::shared::avl::g_base = static_cast<char*>(base); }
 
-void SHGenAVLInitBase(void* base) { vsk::shared::avl::g_base = static_cast<char*>(base); }
+extern "C" void SHGenAVLInitBase(void* base) { vsk::shared::avl::InitBase(base); }
 
-void SHGenAVLInit(SHGenAVLNode* node, uint32_t data) {
+void vsk::shared::avl::Init(SHGenAVLNode* node, uint32_t data) {
   node->data = data;
   node->balance = 0;
   node->right = 0;
   node->left = 0;
 }
 
-int SHGenAVLTreeSetFunctions(SHGenAVLTree* tree, SHGenAVLCompareFn compare, SHGenAVLKeyOfFn key_of,
-                             SHGenAVLNextKeyFn next_key, SHGenAVLKeyOkFn key_ok) {
+extern "C" void SHGenAVLInit(SHGenAVLNode* node, uint32_t data) {
+  vsk::shared::avl::Init(node, data);
+}
+
+int vsk::shared::avl::SetFunctions(SHGenAVLTree* tree, SHGenAVLCompareFn compare,
+                                   SHGenAVLKeyOfFn key_of, SHGenAVLNextKeyFn next_key,
+                                   SHGenAVLKeyOkFn key_ok) {
   uint32_t ids[4] = {
       Register(Kind::kCompare, Erase(compare)), Register(Kind::kKeyOf, Erase(key_of)),
       Register(Kind::kNextKey, Erase(next_key)), Register(Kind::kKeyOk, Erase(key_ok))};
@@ -210,7 +215,13 @@ int SHGenAVLTreeSetFunctions(SHGenAVLTree* tree, SHGenAVLCompareFn compare, SHGe
   return full ? 0 : 1;
 }
 
-int SHGenAVLTreeAdd(SHGenAVLTree* tree, SHGenAVLNode* node) {
+extern "C" int SHGenAVLTreeSetFunctions(SHGenAVLTree* tree, SHGenAVLCompareFn compare,
+                                        SHGenAVLKeyOfFn key_of, SHGenAVLNextKeyFn next_key,
+                                        SHGenAVLKeyOkFn key_ok) {
+  return vsk::shared::avl::SetFunctions(tree, compare, key_of, next_key, key_ok);
+}
+
+int vsk::shared::avl::Add(SHGenAVLTree* tree, SHGenAVLNode* node) {
   SHGenAVLCompareFn compare = CompareOf(tree);
   SHGenAVLKeyOfFn key_of = KeyOfOf(tree);
   node->balance = 0;
@@ -267,7 +278,11 @@ int SHGenAVLTreeAdd(SHGenAVLTree* tree, SHGenAVLNode* node) {
   return 1;
 }
 
-uint32_t SHGenAVLTreeDelete(SHGenAVLTree* tree, const void* key) {
+extern "C" int SHGenAVLTreeAdd(SHGenAVLTree* tree, SHGenAVLNode* node) {
+  return vsk::shared::avl::Add(tree, node);
+}
+
+uint32_t vsk::shared::avl::Delete(SHGenAVLTree* tree, const void* key) {
   SHGenAVLCompareFn compare = CompareOf(tree);
   if (compare == nullptr) return 0;
 
@@ -341,4 +356,6 @@ uint32_t SHGenAVLTreeDelete(SHGenAVLTree* tree, const void* key) {
   return data;
 }
 
-}  // extern "C"
+extern "C" uint32_t SHGenAVLTreeDelete(SHGenAVLTree* tree, const void* key) {
+  return vsk::shared::avl::Delete(tree, key);
+}

@@ -48,4 +48,25 @@ SHGenAVLKeyOkFn KeyOkOf(const SHGenAVLTree* tree);
 SHGenAVLNode* GetChild(const SHGenAVLTree* tree, const SHGenAVLNode* parent, int dir);
 void SetChild(SHGenAVLTree* tree, SHGenAVLNode* parent, int dir, SHGenAVLNode* node);
 
+void InitBase(void* base);
+void Init(SHGenAVLNode* node, uint32_t data);
+int SetFunctions(SHGenAVLTree* tree, SHGenAVLCompareFn compare, SHGenAVLKeyOfFn key_of,
+                 SHGenAVLNextKeyFn next_key, SHGenAVLKeyOkFn key_ok);
+int Add(SHGenAVLTree* tree, SHGenAVLNode* node);
+uint32_t Delete(SHGenAVLTree* tree, const void* key);
+
+SHGenAVLNode* Find(SHGenAVLTree* tree, const void* key);
+uint32_t FindData(SHGenAVLTree* tree, const void* key);
+SHGenAVLNode* First(SHGenAVLTree* tree);
+uint32_t FirstData(SHGenAVLTree* tree);
+SHGenAVLNode* Next(SHGenAVLTree* tree, const void* key);
+uint32_t NextData(SHGenAVLTree* tree, const void* key);
+SHGenAVLNode* EqualNext(SHGenAVLTree* tree, const void* key);
+uint32_t EqualNextData(SHGenAVLTree* tree, const void* key);
+SHGenAVLNode* Prev(SHGenAVLTree* tree, const void* key);
+uint32_t PrevData(SHGenAVLTree* tree, const void* key);
+SHGenAVLNode* EqualPrev(SHGenAVLTree* tree, const void* key);
+uint32_t EqualPrevData(SHGenAVLTree* tree, const void* key);
+int NextFreeKey(SHGenAVLTree* tree, const void* limit, void* key);
+
 }  // namespace vsk::shared::avl

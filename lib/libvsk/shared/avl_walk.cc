@@ -50,9 +50,7 @@ uint32_t DataOf(const SHGenAVLNode* node) { return node == nullptr ? 0 : node->d
 
 }  // namespace
 
-extern "C" {
-
-SHGenAVLNode* SHGenAVLTreeFind(SHGenAVLTree* tree, const void* key) {
+SHGenAVLNode* vsk::shared::avl::Find(SHGenAVLTree* tree, const void* key) {
   SHGenAVLCompareFn compare = CompareOf(tree);
   if (compare == nullptr) return nullptr;
   SHGenAVLNode* n = NodeAt(tree->root);
@@ -64,47 +62,129 @@ SHGenAVLNode* SHGenAVLTreeFind(SHGenAVLTree* tree, const void* key) {
   return nullptr;
 }
 
-uint32_t SHGenAVLTreeFindData(SHGenAVLTree* tree, const void* key) {
-  return DataOf(SHGenAVLTreeFind(tree, key));
+extern "C" SHGenAVLNode* SHGenAVLTreeFind(SHGenAVLTree* tree, const void* key) {
+  return vsk::shared::avl::Find(tree, key);
 }
 
-SHGenAVLNode* SHGenAVLTreeFirst(SHGenAVLTree* tree) {
+uint32_t vsk::shared::avl::FindData(SHGenAVLTree* tree, const void* key) {
+  return DataOf(vsk::shared::avl::Find(tree, key));
+}
+
+extern "C" uint32_t SHGenAVLTreeFindData(SHGenAVLTree* tree, const void* key) {
+  return vsk::shared::avl::FindData(tree, key);
+}
+
+SHGenAVLNode* vsk::shared::avl::First(SHGenAVLTree* tree) {
   SHGenAVLNode* n = NodeAt(tree->root);
   while (n != nullptr && n->left != 0) n = NodeAt(n->left);
   return n;
 }
 
-uint32_t SHGenAVLTreeFirstData(SHGenAVLTree* tree) { return DataOf(SHGenAVLTreeFirst(tree)); }
+extern "C" SHGenAVLNode* SHGenAVLTreeFirst(SHGenAVLTree* tree) {
+  return vsk::shared::avl::First(tree);
+}
 
-SHGenAVLNode* SHGenAVLTreeNext(SHGenAVLTree* tree, const void* key) {
+uint32_t vsk::shared::avl::FirstData(SHGenAVLTree* tree) {
+  return DataOf(vsk::shared::avl::First(tree));
+}
+
+extern "C" uint32_t SHGenAVLTreeFirstData(SHGenAVLTree* tree) {
+  return vsk::shared::avl::FirstData(tree);
+}
+
+SHGenAVLNode* vsk::shared::avl::Next(SHGenAVLTree* tree, const void* key) {
   return Descend(tree, key, Bound::kAbove);
 }
-uint32_t SHGenAVLTreeNextData(SHGenAVLTree* tree, const void* key) {
-  return DataOf(SHGenAVLTreeNext(tree, key));
+
+extern "C" {
+
+SHGenAVLNode* SHGenAVLTreeNext(SHGenAVLTree* tree, const void* key) {
+  return vsk::shared::avl::Next(tree, key);
 }
-SHGenAVLNode* SHGenAVLTreeEqualNext(SHGenAVLTree* tree, const void* key) {
+}  // extern "C"
+
+uint32_t vsk::shared::avl::NextData(SHGenAVLTree* tree, const void* key) {
+  return DataOf(vsk::shared::avl::Next(tree, key));
+}
+
+extern "C" {
+
+uint32_t SHGenAVLTreeNextData(SHGenAVLTree* tree, const void* key) {
+  return vsk::shared::avl::NextData(tree, key);
+}
+}  // extern "C"
+
+SHGenAVLNode* vsk::shared::avl::EqualNext(SHGenAVLTree* tree, const void* key) {
   return Descend(tree, key, Bound::kAtOrAbove);
 }
-uint32_t SHGenAVLTreeEqualNextData(SHGenAVLTree* tree, const void* key) {
-  return DataOf(SHGenAVLTreeEqualNext(tree, key));
+
+extern "C" {
+
+SHGenAVLNode* SHGenAVLTreeEqualNext(SHGenAVLTree* tree, const void* key) {
+  return vsk::shared::avl::EqualNext(tree, key);
 }
-SHGenAVLNode* SHGenAVLTreePrev(SHGenAVLTree* tree, const void* key) {
+}  // extern "C"
+
+uint32_t vsk::shared::avl::EqualNextData(SHGenAVLTree* tree, const void* key) {
+  return DataOf(vsk::shared::avl::EqualNext(tree, key));
+}
+
+extern "C" {
+
+uint32_t SHGenAVLTreeEqualNextData(SHGenAVLTree* tree, const void* key) {
+  return vsk::shared::avl::EqualNextData(tree, key);
+}
+}  // extern "C"
+
+SHGenAVLNode* vsk::shared::avl::Prev(SHGenAVLTree* tree, const void* key) {
   return Descend(tree, key, Bound::kBelow);
 }
-uint32_t SHGenAVLTreePrevData(SHGenAVLTree* tree, const void* key) {
-  return DataOf(SHGenAVLTreePrev(tree, key));
+
+extern "C" {
+
+SHGenAVLNode* SHGenAVLTreePrev(SHGenAVLTree* tree, const void* key) {
+  return vsk::shared::avl::Prev(tree, key);
 }
-SHGenAVLNode* SHGenAVLTreeEqualPrev(SHGenAVLTree* tree, const void* key) {
+}  // extern "C"
+
+uint32_t vsk::shared::avl::PrevData(SHGenAVLTree* tree, const void* key) {
+  return DataOf(vsk::shared::avl::Prev(tree, key));
+}
+
+extern "C" {
+
+uint32_t SHGenAVLTreePrevData(SHGenAVLTree* tree, const void* key) {
+  return vsk::shared::avl::PrevData(tree, key);
+}
+}  // extern "C"
+
+SHGenAVLNode* vsk::shared::avl::EqualPrev(SHGenAVLTree* tree, const void* key) {
   return Descend(tree, key, Bound::kAtOrBelow);
 }
+
+extern "C" {
+
+SHGenAVLNode* SHGenAVLTreeEqualPrev(SHGenAVLTree* tree, const void* key) {
+  return vsk::shared::avl::EqualPrev(tree, key);
+}
+}  // extern "C"
+
+uint32_t vsk::shared::avl::EqualPrevData(SHGenAVLTree* tree, const void* key) {
+  return DataOf(vsk::shared::avl::EqualPrev(tree, key));
+}
+
+extern "C" {
+
 uint32_t SHGenAVLTreeEqualPrevData(SHGenAVLTree* tree, const void* key) {
-  return DataOf(SHGenAVLTreeEqualPrev(tree, key));
+  return vsk::shared::avl::EqualPrevData(tree, key);
 }
 
 // An in-order walk that carries `key` along: each node at or below `key` pushes it one
 // step further, and the first node found strictly above it leaves a gap at `key`. Past the
 // last node `key` is free unless it wrapped, in which case the walk starts over.
-int SHGenAVLTreeNextFreeKey(SHGenAVLTree* tree, const void* limit, void* key) {
+}  // extern "C"
+
+int vsk::shared::avl::NextFreeKey(SHGenAVLTree* tree, const void* limit, void* key) {
   SHGenAVLCompareFn compare = CompareOf(tree);
   SHGenAVLNextKeyFn next_key = NextKeyOf(tree);
   SHGenAVLKeyOkFn key_ok = KeyOkOf(tree);
@@ -151,4 +231,6 @@ int SHGenAVLTreeNextFreeKey(SHGenAVLTree* tree, const void* limit, void* key) {
   }
 }
 
-}  // extern "C"
+extern "C" int SHGenAVLTreeNextFreeKey(SHGenAVLTree* tree, const void* limit, void* key) {
+  return vsk::shared::avl::NextFreeKey(tree, limit, key);
+}

@@ -13,8 +13,12 @@
 #include <atomic>
 #include <cstdint>
 
+#include "libvsk/base/trace.h"
+#include "libvsk/shared/attachments.h"
+#include "libvsk/shared/ids_and_counters.h"
 #include "libvsk/shared/layout.h"
-#include "libvsk/trace.h"
+#include "libvsk/shared/lock_hold.h"
+#include "libvsk/shared/regions.h"
 #include "vsk/shared.h"
 
 namespace vsk::shared {
@@ -25,58 +29,77 @@ uint64_t* g_last_id = nullptr;
 std::atomic_ref<uint64_t> LastId() { return std::atomic_ref<uint64_t>(*g_last_id); }
 
 }  // namespace
+
+bool IdGeneratorAttached() { return g_last_id != nullptr; }
+
 }  // namespace vsk::shared
 
 using namespace vsk::shared;
 
-extern "C" {
-
-int vsk_id_generator_attach(bool create) {
-  if (vsk_lock_init(create) != 0) return -1;
-  g_last_id = static_cast<uint64_t*>(vsk_get_shm_ptr(VSK_SHM_LAST_SESSION_ID_OFFSET));
+int vsk::shared::IdGeneratorAttach(bool create) {
+  if (LockInit(create) != 0) return -1;
+  g_last_id = static_cast<uint64_t*>(vsk::shared::ShmPtr(VSK_SHM_LAST_SESSION_ID_OFFSET));
   return 0;
 }
 
-void vsk_id_generator_detach(void) { g_last_id = nullptr; }
+extern "C" int vsk_id_generator_attach(bool create) {
+  return vsk::shared::IdGeneratorAttach(create);
+}
+
+void vsk::shared::IdGeneratorDetach() { g_last_id = nullptr; }
+
+extern "C" {
+
+void vsk_id_generator_detach(void) { vsk::shared::IdGeneratorDetach(); }
 
 // REQUIRES: the generator is attached. A detached process gets -1 and a trace rather than
 // a fault.
-int vsk_id_generate(vsk_session_id_t* id) {
+}  // extern "C"
+
+int vsk::shared::IdGenerate(vsk_session_id_t* id) {
   if (g_last_id == nullptr || id == nullptr) {
     VSK_TRACE("%s: id generator not attached or no result", "vsk_id_generate");
     return -1;
   }
-  if (vsk_acquire_lock(VSK_LOCK_ID) != 0) return -1;
+  LockHold hold(VSK_LOCK_ID);
+  if (hold.Begin() != VSK_OK) return -1;
   // The 64-bit add keeps the carry between the 32-bit halves.
   uint64_t next = (LastId().load(std::memory_order_relaxed) + 1) & VSK_SESSION_ID_MAX;
   if (next == 0) next = 1;
   LastId().store(next, std::memory_order_relaxed);
   *id = next;
   // The id is written before the release: if the release fails it is used up anyway.
-  return vsk_release_lock(VSK_LOCK_ID) == 0 ? 0 : -1;
+  return hold.Finish(0, -1);
 }
 
-int vsk_id_recover(vsk_session_id_t id) {
+extern "C" int vsk_id_generate(vsk_session_id_t* id) { return vsk::shared::IdGenerate(id); }
+
+int vsk::shared::IdRecover(vsk_session_id_t id) {
   if (g_last_id == nullptr) {
     VSK_TRACE("%s: id generator not attached", "vsk_id_recover");
     return -1;
   }
-  if (vsk_acquire_lock(VSK_LOCK_ID) != 0) return -1;
+  LockHold hold(VSK_LOCK_ID);
+  if (hold.Begin() != VSK_OK) return -1;
   if (id > LastId().load(std::memory_order_relaxed)) {
     LastId().store(id, std::memory_order_relaxed);
   }
-  return vsk_release_lock(VSK_LOCK_ID) == 0 ? 0 : -1;
+  return hold.Finish(0, -1);
 }
 
-vsk_session_id_t vsk_id_get_last(void) {
+extern "C" int vsk_id_recover(vsk_session_id_t id) { return vsk::shared::IdRecover(id); }
+
+vsk_session_id_t vsk::shared::IdGetLast() {
   if (g_last_id == nullptr) return 0;
   return LastId().load(std::memory_order_relaxed);
 }
 
-int vsk_id_update(vsk_session_id_t id) {
+extern "C" vsk_session_id_t vsk_id_get_last(void) { return vsk::shared::IdGetLast(); }
+
+int vsk::shared::IdUpdate(vsk_session_id_t id) {
   if (g_last_id == nullptr) return -1;
   LastId().store(id, std::memory_order_relaxed);
   return 0;
 }
 
-}  // extern "C"
+extern "C" int vsk_id_update(vsk_session_id_t id) { return vsk::shared::IdUpdate(id); }

@@ -10,7 +10,10 @@
 
 #include <cstring>
 
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
+#include "libvsk/shared/avl.h"
+#include "libvsk/shared/lock_hold.h"
+#include "libvsk/store/env.h"
 #include "platform/paths.h"
 #include "vsk/shared.h"
 #include "vsk/store.h"
@@ -89,7 +92,7 @@ int GrowOrFollow(int32_t new_size) {
     return -1;
   }
   g_map.base = static_cast<char*>(p);
-  SHGenAVLInitBase(g_map.base);
+  vsk::shared::avl::InitBase(g_map.base);
   VSK_TRACE("OFFSET Changed");
   Header()->file_size = new_size;
   g_map.mapped_size = new_size;
@@ -107,6 +110,7 @@ uint32_t Allocate(uint32_t size) {
     h = Header();
   }
   uint32_t offset = h->heap_top;
+  // Published text: "AQUIRE" is spelt so on purpose; tools match it.
   VSK_TRACE("MEM AQUIRE %d, offset %d", static_cast<int>(size), static_cast<int>(offset));
   h->heap_top += size;
   return offset;
@@ -114,14 +118,14 @@ uint32_t Allocate(uint32_t size) {
 
 vsk_status_t Lock() {
   if (g_map.base == nullptr) return VSK_ERR_FATAL;
-  if (vsk_acquire_lock(VSK_LOCK_HEAP) != 0) return VSK_ERR_FATAL;
+  if (AcquireLock(VSK_LOCK_HEAP) != 0) return VSK_ERR_FATAL;
   int32_t holder = Header()->lock_pid;
   if (holder != 0) {
     // The semaphore came back through SEM_UNDO, but its holder died inside the table and
     // may have left it half-changed: nobody may use it until it is rebuilt.
     VSK_TRACE("*** BAD *** LOCK was still open by pid %d", holder);
-    if (vsk_release_lock(VSK_LOCK_HEAP) != 0) VSK_TRACE("Failed to unlock with failed pid");
-    vsk_db_event_recover();
+    if (ReleaseLock(VSK_LOCK_HEAP) != 0) VSK_TRACE("Failed to unlock with failed pid");
+    vsk::store::EventRecover();
     return VSK_ERR_SECONDARY_RECOVERY;
   }
   Header()->lock_pid = g_map.pid;
@@ -130,7 +134,7 @@ vsk_status_t Lock() {
 
 vsk_status_t Unlock() {
   if (g_map.base != nullptr) Header()->lock_pid = 0;
-  return vsk_release_lock(VSK_LOCK_HEAP) == 0 ? VSK_OK : VSK_ERR_FATAL;
+  return ReleaseLock(VSK_LOCK_HEAP) == 0 ? VSK_OK : VSK_ERR_FATAL;
 }
 
 vsk_status_t Begin() {
@@ -153,12 +157,13 @@ vsk_status_t Begin() {
 vsk_status_t Finish(vsk_status_t status) { return Unlock() == VSK_OK ? status : VSK_ERR_FATAL; }
 
 void StoreInterfaceFunctions() {
-  SHGenAVLTreeSetFunctions(&Header()->interfaces, CompareInterface, InterfaceKey, nullptr, nullptr);
+  vsk::shared::avl::SetFunctions(&Header()->interfaces, CompareInterface, InterfaceKey, nullptr,
+                                 nullptr);
 }
 
 SHGenAVLTree SessionTree(uint32_t root) {
   SHGenAVLTree tree{};
-  SHGenAVLTreeSetFunctions(&tree, CompareSession, SessionKey, nullptr, nullptr);
+  vsk::shared::avl::SetFunctions(&tree, CompareSession, SessionKey, nullptr, nullptr);
   tree.root = root;
   return tree;
 }

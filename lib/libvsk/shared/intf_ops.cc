@@ -4,11 +4,15 @@
 // Who may call: any process that has run vsk_db_secondary_init. Each operation runs
 // between Begin() and Finish() with semaphore 2 held, and keeps only offsets across an
 // allocation, since an allocation may grow and remap the file.
+#include "libvsk/shared/intf_ops.h"
+
 #include <cstdlib>
 #include <cstring>
 
+#include "libvsk/base/trace.h"
+#include "libvsk/shared/avl.h"
+#include "libvsk/shared/ids_and_counters.h"
 #include "libvsk/shared/intf_file.h"
-#include "libvsk/trace.h"
 #include "vsk/intf.h"
 #include "vsk/shared.h"
 
@@ -19,7 +23,7 @@ namespace {
 using ull = unsigned long long;
 
 InterfaceRecord* FindRecord(const char* name) {
-  return At<InterfaceRecord>(SHGenAVLTreeFindData(&Header()->interfaces, name));
+  return At<InterfaceRecord>(vsk::shared::avl::FindData(&Header()->interfaces, name));
 }
 
 // A record for `name`: found, or taken from the free list or the heap and put in the
@@ -39,9 +43,9 @@ uint32_t FindOrMakeRecord(const char* name) {
   }
   InterfaceRecord* rec = At<InterfaceRecord>(offset);
   std::memset(rec, 0, sizeof *rec);
-  SHGenAVLInit(&rec->node, offset);
+  vsk::shared::avl::Init(&rec->node, offset);
   std::strncpy(rec->name, name, kNameSize - 1);
-  if (SHGenAVLTreeAdd(&Header()->interfaces, &rec->node) == 0) {
+  if (vsk::shared::avl::Add(&Header()->interfaces, &rec->node) == 0) {
     // An over-long name, cut, equals a stored one that the uncut key did not find: use
     // that one rather than lose this record outside both tree and free list.
     rec->free_next = Header()->free_interfaces;
@@ -69,10 +73,10 @@ vsk_status_t AddSession(uint32_t rec_offset, const char* name, vsk_session_id_t 
   InterfaceRecord* rec = At<InterfaceRecord>(rec_offset);  // the file may have moved
   SessionNode* node = At<SessionNode>(offset);
   std::memset(node, 0, sizeof *node);
-  SHGenAVLInit(&node->node, offset);
+  vsk::shared::avl::Init(&node->node, offset);
   SetId(node, id);
   SHGenAVLTree tree = SessionTree(rec->sessions_root);
-  if (SHGenAVLTreeAdd(&tree, &node->node) == 0) {
+  if (vsk::shared::avl::Add(&tree, &node->node) == 0) {
     // A duplicate id is not reported (the count stands); its node goes back.
     node->free_next = Header()->free_sessions;
     Header()->free_sessions = offset;
@@ -97,11 +101,9 @@ vsk_status_t BadArgument(const char* function) {
 
 }  // namespace
 
-extern "C" {
-
-vsk_status_t vsk_db_interface_add(const char* name, uint32_t kind, vsk_session_id_t session_id,
-                                  uint8_t set_state, uint32_t state) {
-  if (name == nullptr) return BadArgument(__func__);
+vsk_status_t vsk::shared::InterfaceAdd(const char* name, uint32_t kind, vsk_session_id_t session_id,
+                                       uint8_t set_state, uint32_t state) {
+  if (name == nullptr) return BadArgument("vsk_db_interface_add");
   vsk_status_t rc = Begin();
   if (rc != VSK_OK) return rc;
   uint32_t rec_offset = FindOrMakeRecord(name);
@@ -123,8 +125,15 @@ vsk_status_t vsk_db_interface_add(const char* name, uint32_t kind, vsk_session_i
   return Finish(AddSession(rec_offset, name, session_id));
 }
 
-vsk_status_t vsk_db_interface_remove(const char* name, uint32_t kind, vsk_session_id_t session_id) {
-  if (name == nullptr) return BadArgument(__func__);
+extern "C" vsk_status_t vsk_db_interface_add(const char* name, uint32_t kind,
+                                             vsk_session_id_t session_id, uint8_t set_state,
+                                             uint32_t state) {
+  return vsk::shared::InterfaceAdd(name, kind, session_id, set_state, state);
+}
+
+vsk_status_t vsk::shared::InterfaceRemove(const char* name, uint32_t kind,
+                                          vsk_session_id_t session_id) {
+  if (name == nullptr) return BadArgument("vsk_db_interface_remove");
   vsk_status_t rc = Begin();
   if (rc != VSK_OK) return rc;
   InterfaceRecord* rec = FindRecord(name);
@@ -136,7 +145,7 @@ vsk_status_t vsk_db_interface_remove(const char* name, uint32_t kind, vsk_sessio
   if (kind & VSK_INTF_KIND_UIFL) {
     rec->uifl_count -= 1;
     SHGenAVLTree tree = SessionTree(rec->sessions_root);
-    uint32_t node = SHGenAVLTreeDelete(&tree, &session_id);
+    uint32_t node = vsk::shared::avl::Delete(&tree, &session_id);
     rec->sessions_root = tree.root;
     if (node == 0) {
       VSK_TRACE("if %s session id %llu not found", name, static_cast<ull>(session_id));
@@ -151,15 +160,20 @@ vsk_status_t vsk_db_interface_remove(const char* name, uint32_t kind, vsk_sessio
     // Session nodes still in the record's tree (an id that was never removed) are lost
     // until the next rebuild.
     VSK_TRACE("if %s del empty", name);
-    SHGenAVLTreeDelete(&Header()->interfaces, rec->name);
+    vsk::shared::avl::Delete(&Header()->interfaces, rec->name);
     rec->free_next = Header()->free_interfaces;
     Header()->free_interfaces = OffsetOf(rec);
   }
   return Finish(VSK_OK);
 }
 
-vsk_status_t vsk_db_interface_get_state(const char* name, uint32_t* state_out) {
-  if (name == nullptr || state_out == nullptr) return BadArgument(__func__);
+extern "C" vsk_status_t vsk_db_interface_remove(const char* name, uint32_t kind,
+                                                vsk_session_id_t session_id) {
+  return vsk::shared::InterfaceRemove(name, kind, session_id);
+}
+
+vsk_status_t vsk::shared::InterfaceGetState(const char* name, uint32_t* state_out) {
+  if (name == nullptr || state_out == nullptr) return BadArgument("vsk_db_interface_get_state");
   vsk_status_t rc = Begin();
   if (rc != VSK_OK) return rc;
   InterfaceRecord* rec = FindRecord(name);
@@ -169,8 +183,12 @@ vsk_status_t vsk_db_interface_get_state(const char* name, uint32_t* state_out) {
   return Finish(VSK_OK);
 }
 
-vsk_status_t vsk_db_interface_set_state(const char* name, uint32_t state) {
-  if (name == nullptr) return BadArgument(__func__);
+extern "C" vsk_status_t vsk_db_interface_get_state(const char* name, uint32_t* state_out) {
+  return vsk::shared::InterfaceGetState(name, state_out);
+}
+
+vsk_status_t vsk::shared::InterfaceSetState(const char* name, uint32_t state) {
+  if (name == nullptr) return BadArgument("vsk_db_interface_set_state");
   vsk_status_t rc = Begin();
   if (rc != VSK_OK) return rc;
   InterfaceRecord* rec = FindRecord(name);
@@ -181,10 +199,14 @@ vsk_status_t vsk_db_interface_set_state(const char* name, uint32_t state) {
   return Finish(VSK_OK);
 }
 
-vsk_status_t vsk_db_get_num_clients_on_uifl(const char* name, uint32_t* count_out) {
-  if (count_out == nullptr) return BadArgument(__func__);
+extern "C" vsk_status_t vsk_db_interface_set_state(const char* name, uint32_t state) {
+  return vsk::shared::InterfaceSetState(name, state);
+}
+
+vsk_status_t vsk::shared::NumClientsOnUifl(const char* name, uint32_t* count_out) {
+  if (count_out == nullptr) return BadArgument("vsk_db_get_num_clients_on_uifl");
   *count_out = 0;
-  if (name == nullptr) return BadArgument(__func__);
+  if (name == nullptr) return BadArgument("vsk_db_get_num_clients_on_uifl");
   vsk_status_t rc = Begin();
   if (rc != VSK_OK) return rc;
   InterfaceRecord* rec = FindUifl(name);
@@ -194,25 +216,34 @@ vsk_status_t vsk_db_get_num_clients_on_uifl(const char* name, uint32_t* count_ou
   return Finish(VSK_OK);
 }
 
-vsk_status_t vsk_db_get_first_client_on_uifl(const char* name, vsk_session_id_t* id_out) {
-  if (name == nullptr || id_out == nullptr) return BadArgument(__func__);
+extern "C" vsk_status_t vsk_db_get_num_clients_on_uifl(const char* name, uint32_t* count_out) {
+  return vsk::shared::NumClientsOnUifl(name, count_out);
+}
+
+vsk_status_t vsk::shared::FirstClientOnUifl(const char* name, vsk_session_id_t* id_out) {
+  if (name == nullptr || id_out == nullptr) return BadArgument("vsk_db_get_first_client_on_uifl");
   vsk_status_t rc = Begin();
   if (rc != VSK_OK) return rc;
   InterfaceRecord* rec = FindUifl(name);
   if (rec == nullptr) return Finish(VSK_ERR_NOT_FOUND);
   SHGenAVLTree tree = SessionTree(rec->sessions_root);
-  SessionNode* first = At<SessionNode>(SHGenAVLTreeFirstData(&tree));
+  SessionNode* first = At<SessionNode>(vsk::shared::avl::FirstData(&tree));
   if (first == nullptr) return Finish(VSK_ERR_NOT_FOUND);
   *id_out = IdOf(first);
   VSK_TRACE("*** Found session %llu on ifl %s ***", static_cast<ull>(*id_out), name);
   return Finish(VSK_OK);
 }
 
-vsk_status_t vsk_db_get_clients_by_uifl(const char* name, uint32_t* count_out,
+extern "C" vsk_status_t vsk_db_get_first_client_on_uifl(const char* name,
+                                                        vsk_session_id_t* id_out) {
+  return vsk::shared::FirstClientOnUifl(name, id_out);
+}
+
+vsk_status_t vsk::shared::ClientsByUifl(const char* name, uint32_t* count_out,
                                         vsk_session_id_t** ids_out) {
   if (count_out == nullptr || ids_out == nullptr) return VSK_ERR_INVALID_PARAM;
   *count_out = 0;
-  if (name == nullptr) return BadArgument(__func__);
+  if (name == nullptr) return BadArgument("vsk_db_get_clients_by_uifl");
   vsk_status_t rc = Begin();
   if (rc != VSK_OK) return rc;
   InterfaceRecord* rec = FindUifl(name);
@@ -228,8 +259,9 @@ vsk_status_t vsk_db_get_clients_by_uifl(const char* name, uint32_t* count_out,
   // count, and leave the rest as allocated.
   SHGenAVLTree tree = SessionTree(rec->sessions_root);
   uint32_t n = 0;
-  for (SessionNode* s = At<SessionNode>(SHGenAVLTreeFirstData(&tree)); s != nullptr && n < count;
-       s = At<SessionNode>(SHGenAVLTreeNextData(&tree, s->session_id))) {
+  for (SessionNode* s = At<SessionNode>(vsk::shared::avl::FirstData(&tree));
+       s != nullptr && n < count;
+       s = At<SessionNode>(vsk::shared::avl::NextData(&tree, s->session_id))) {
     ids[n++] = IdOf(s);
   }
   *ids_out = ids;
@@ -237,10 +269,15 @@ vsk_status_t vsk_db_get_clients_by_uifl(const char* name, uint32_t* count_out,
   return Finish(VSK_OK);
 }
 
-vsk_status_t vsk_db_get_session_list(uint32_t* count_out, vsk_session_id_t** ids_out) {
-  if (count_out == nullptr || ids_out == nullptr) return BadArgument(__func__);
+extern "C" vsk_status_t vsk_db_get_clients_by_uifl(const char* name, uint32_t* count_out,
+                                                   vsk_session_id_t** ids_out) {
+  return vsk::shared::ClientsByUifl(name, count_out, ids_out);
+}
+
+vsk_status_t vsk::shared::SessionList(uint32_t* count_out, vsk_session_id_t** ids_out) {
+  if (count_out == nullptr || ids_out == nullptr) return BadArgument("vsk_db_get_session_list");
   uint32_t counters[VSK_SUMMARY_COUNTER_SLOTS];
-  int rc = vsk_get_summary_counters(counters);
+  int rc = vsk::shared::GetSummaryCounters(counters);
   if (rc != 0) return rc;
   uint32_t bound = counters[VSK_SUMMARY_COUNTER_TOTAL];
   *count_out = 0;
@@ -251,11 +288,12 @@ vsk_status_t vsk_db_get_session_list(uint32_t* count_out, vsk_session_id_t** ids
   if (ids == nullptr) return Finish(VSK_ERR_NOMEM);
   *ids_out = ids;
   SHGenAVLTree* interfaces = &Header()->interfaces;
-  for (InterfaceRecord* rec = At<InterfaceRecord>(SHGenAVLTreeFirstData(interfaces));
-       rec != nullptr; rec = At<InterfaceRecord>(SHGenAVLTreeNextData(interfaces, rec->name))) {
+  for (InterfaceRecord* rec = At<InterfaceRecord>(vsk::shared::avl::FirstData(interfaces));
+       rec != nullptr;
+       rec = At<InterfaceRecord>(vsk::shared::avl::NextData(interfaces, rec->name))) {
     SHGenAVLTree tree = SessionTree(rec->sessions_root);
-    for (SessionNode* s = At<SessionNode>(SHGenAVLTreeFirstData(&tree)); s != nullptr;
-         s = At<SessionNode>(SHGenAVLTreeNextData(&tree, s->session_id))) {
+    for (SessionNode* s = At<SessionNode>(vsk::shared::avl::FirstData(&tree)); s != nullptr;
+         s = At<SessionNode>(vsk::shared::avl::NextData(&tree, s->session_id))) {
       if (*count_out == bound) {
         VSK_TRACE_AT(VSK_TRACE_LEVEL_ERROR, "*** num_sessions %d exceeded total count %d ***",
                      static_cast<int>(*count_out) + 1, static_cast<int>(bound));
@@ -267,9 +305,15 @@ vsk_status_t vsk_db_get_session_list(uint32_t* count_out, vsk_session_id_t** ids
   return Finish(VSK_OK);
 }
 
+extern "C" {
+
+vsk_status_t vsk_db_get_session_list(uint32_t* count_out, vsk_session_id_t** ids_out) {
+  return vsk::shared::SessionList(count_out, ids_out);
+}
+
 vsk_status_t vsk_get_session_list(uint32_t* count_out, vsk_session_id_t** ids_out) {
   if (count_out == nullptr || ids_out == nullptr) return VSK_ERR_INVALID_PARAM;
-  return vsk_db_get_session_list(count_out, ids_out);
+  return vsk::shared::SessionList(count_out, ids_out);
 }
 
 }  // extern "C"

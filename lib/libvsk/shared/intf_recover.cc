@@ -16,8 +16,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "libvsk/base/status.h"
+#include "libvsk/base/trace.h"
+#include "libvsk/shared/avl.h"
 #include "libvsk/shared/intf_file.h"
-#include "libvsk/trace.h"
+#include "libvsk/shared/lock_hold.h"
 #include "platform/paths.h"
 #include "vsk/intf.h"
 #include "vsk/shared.h"
@@ -58,12 +61,12 @@ vsk_status_t InitClient() {
     return VSK_ERR_NOMEM;
   }
   m.base = static_cast<char*>(p);
-  SHGenAVLInitBase(m.base);
+  vsk::shared::avl::InitBase(m.base);
   if (Header()->file_size != m.mapped_size && GrowOrFollow(Header()->file_size) != 0) {
     VSK_TRACE("VSK DB INIT failed, increase failed");
     return VSK_ERR_NOMEM;
   }
-  SHGenAVLInitBase(m.base);
+  vsk::shared::avl::InitBase(m.base);
   return VSK_OK;
 }
 
@@ -104,7 +107,7 @@ vsk_status_t InitOrvd() {
   h->file_size = size;
   h->grow_size = static_cast<uint32_t>(size);
   ResetHeader();
-  SHGenAVLInitBase(m.base);
+  vsk::shared::avl::InitBase(m.base);
   return VSK_OK;
 }
 
@@ -163,7 +166,7 @@ vsk_status_t vsk_db_secondary_recover(void) {
 
   PutCountersInPlace();
   if (walk != VSK_OK) {
-    VSK_TRACE("Failed to recover VSK secondary tables : %s", vsk_get_err_msg(walk));
+    VSK_TRACE("Failed to recover VSK secondary tables : %s", vsk::base::ErrorText(walk));
   } else {
     vsk_unit_recovered(VSK_UNIT_POOL_IFL);
   }
@@ -172,7 +175,7 @@ vsk_status_t vsk_db_secondary_recover(void) {
   // step counts as done.
   vsk_status_t uid = VSK_OK;
   if (uid != VSK_OK) {
-    VSK_TRACE("Failed to recover UID tables : %s", vsk_get_err_msg(uid));
+    VSK_TRACE("Failed to recover UID tables : %s", vsk::base::ErrorText(uid));
   } else {
     vsk_unit_recovered(VSK_UNIT_POOL_UID);
   }
@@ -188,7 +191,7 @@ vsk_status_t vsk_db_secondary_failcheck(void) {
     VSK_TRACE("Please init API before calling");
     return VSK_ERR_FATAL;
   }
-  if (vsk_acquire_lock(VSK_LOCK_HEAP) != 0) return VSK_ERR_FATAL;
+  if (vsk::shared::AcquireLock(VSK_LOCK_HEAP) != 0) return VSK_ERR_FATAL;
   int32_t holder = Header()->lock_pid;
   if (holder != 0) VSK_TRACE("*** LOCK was still open by pid %d, recover", holder);
   vsk_status_t rc = Unlock();

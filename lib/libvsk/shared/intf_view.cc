@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "libvsk/base/byte_reader.h"
 #include "libvsk/shared/intf_file.h"
 #include "libvsk/shared/intf_layout.h"
 #include "vsk/shared.h"
@@ -20,7 +21,7 @@ namespace {
 constexpr size_t kMaxDepth = 96;
 
 // The private copy of the file. Invariant: every Get reads inside bytes_, at or behind the
-// heap's start, or fails.
+// heap's start, or fails: an offset read from the file goes through a ByteReader.
 class Copy {
  public:
   explicit Copy(std::vector<char> bytes) : bytes_(std::move(bytes)) {}
@@ -28,11 +29,8 @@ class Copy {
 
   template <typename T>
   bool Get(uint32_t offset, T* out) const {
-    if (offset < kHeapStart || offset > bytes_.size() || bytes_.size() - offset < sizeof(T)) {
-      return false;
-    }
-    std::memcpy(out, bytes_.data() + offset, sizeof(T));
-    return true;
+    base::ByteReader r(bytes_.data(), bytes_.size());
+    return offset >= kHeapStart && r.Skip(offset) && r.Get(out);
   }
 
  private:
@@ -142,8 +140,8 @@ bool ReadInterfaceTable(Locking locking, InterfaceTable* out, std::string* error
     return false;
   }
   FileHeader h{};
-  std::memcpy(&h, bytes.data(), sizeof h);
-  if (h.initialized != 1) {
+  base::ByteReader header(bytes.data(), bytes.size());
+  if (!header.Get(&h) || h.initialized != 1) {
     *error = "interface table " + out->path + " is not formatted (orvd has not built it)";
     return false;
   }

@@ -16,7 +16,8 @@
 
 #include <cstring>
 
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
+#include "libvsk/shared/lock_hold.h"
 #include "platform/paths.h"
 #include "vsk/shared.h"
 
@@ -51,13 +52,8 @@ int SemaphoreOp(int n, short delta, int* attempts) {
 }
 
 }  // namespace
-}  // namespace vsk::shared
 
-using namespace vsk::shared;
-
-extern "C" {
-
-int vsk_lock_init(bool create) {
+int LockInit(bool create) {
   if (g_semaphore_set != -1) return 0;
   key_t key = vsk::platform::SemaphoreKey();
   if (key == -1) {
@@ -89,7 +85,7 @@ int vsk_lock_init(bool create) {
   return 0;
 }
 
-int vsk_acquire_lock(int n) {
+int AcquireLock(int n) {
   int attempts = 0;
   if (SemaphoreOp(n, -1, &attempts) != 0) {
     VSK_TRACE("VSK failed to acquire lock id %d, cnt %d, err %s", n, attempts, strerror(errno));
@@ -99,7 +95,7 @@ int vsk_acquire_lock(int n) {
   return 0;
 }
 
-int vsk_release_lock(int n) {
+int ReleaseLock(int n) {
   int attempts = 0;
   if (SemaphoreOp(n, +1, &attempts) != 0) {
     VSK_TRACE("VSK failed to release lock id %d, cnt %d, err %s", n, attempts, strerror(errno));
@@ -108,5 +104,15 @@ int vsk_release_lock(int n) {
   if (attempts > 1) VSK_TRACE("INFO: VSK release lock cnt %d", attempts);
   return 0;
 }
+
+}  // namespace vsk::shared
+
+extern "C" {
+
+int vsk_lock_init(bool create) { return vsk::shared::LockInit(create); }
+
+int vsk_acquire_lock(int n) { return vsk::shared::AcquireLock(n); }
+
+int vsk_release_lock(int n) { return vsk::shared::ReleaseLock(n); }
 
 }  // extern "C"

@@ -10,6 +10,8 @@
 //     byte, so ids, pools and counters survive a daemon restart.
 //  2. A pointer is null exactly while this process has no attachment through it.
 //  3. The library never removes a segment.
+#include "libvsk/shared/regions.h"
+
 #include <errno.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
@@ -17,8 +19,8 @@
 #include <cstring>
 #include <string>
 
+#include "libvsk/base/trace.h"
 #include "libvsk/shared/layout.h"
-#include "libvsk/trace.h"
 #include "platform/paths.h"
 #include "vsk/shared.h"
 
@@ -43,9 +45,7 @@ void* Attach(int id) {
 
 using namespace vsk::shared;
 
-extern "C" {
-
-int vsk_shared_memory_init(bool create) {
+int vsk::shared::SharedMemoryInit(bool create) {
   key_t key = KeyOf(kMainProject);
   if (key == -1) return -1;
   bool created = false;
@@ -76,7 +76,9 @@ int vsk_shared_memory_init(bool create) {
   return 0;
 }
 
-int vsk_snap_shared_memory_init(bool create) {
+extern "C" int vsk_shared_memory_init(bool create) { return vsk::shared::SharedMemoryInit(create); }
+
+int vsk::shared::SnapSharedMemoryInit(bool create) {
   static const char kFn[] = "vsk_snap_shared_memory_init";
   key_t key = KeyOf(kSnapshotProject);
   if (key == -1) {
@@ -108,21 +110,31 @@ int vsk_snap_shared_memory_init(bool create) {
   return 0;
 }
 
-void* vsk_get_shm_ptr(int32_t offset) {
+extern "C" int vsk_snap_shared_memory_init(bool create) {
+  return vsk::shared::SnapSharedMemoryInit(create);
+}
+
+void* vsk::shared::ShmPtr(int32_t offset) {
   if (g_main == nullptr) return nullptr;
   return g_main + offset;
 }
 
-void* vsk_snap_get_shared_memory_ptr(void) { return g_snapshot; }
+extern "C" void* vsk_get_shm_ptr(int32_t offset) { return vsk::shared::ShmPtr(offset); }
 
-void vsk_detach_shm(void) {
+void* vsk::shared::SnapShmPtr() { return g_snapshot; }
+
+extern "C" void* vsk_snap_get_shared_memory_ptr(void) { return vsk::shared::SnapShmPtr(); }
+
+void vsk::shared::DetachShm() {
   if (g_main == nullptr) return;
   int rc = shmdt(g_main);
   if (rc != 0) VSK_TRACE("Failed to release shared memory %d", rc);
   g_main = nullptr;
 }
 
-int vsk_snap_detach_shm(void) {
+extern "C" void vsk_detach_shm(void) { vsk::shared::DetachShm(); }
+
+int vsk::shared::SnapDetachShm() {
   if (g_snapshot == nullptr) return 0;
   int rc = shmdt(g_snapshot);
   if (rc != 0) {
@@ -131,6 +143,10 @@ int vsk_snap_detach_shm(void) {
   g_snapshot = nullptr;
   return 0;
 }
+
+extern "C" {
+
+int vsk_snap_detach_shm(void) { return vsk::shared::SnapDetachShm(); }
 
 // The factor 1500 (not the slot size 3000) and the unchecked cut to 16 bits are what the
 // readers of shm_offset expect; the cache computes its own slot offset independently.

@@ -18,8 +18,11 @@
 #include <atomic>
 #include <cstring>
 
+#include "libvsk/base/trace.h"
+#include "libvsk/shared/ids_and_counters.h"
 #include "libvsk/shared/layout.h"
-#include "libvsk/trace.h"
+#include "libvsk/shared/regions.h"
+#include "libvsk/store/capability.h"
 #include "platform/bitmap.h"
 #include "vsk/shared.h"
 #include "vsk/status.h"
@@ -62,7 +65,7 @@ int ChangeConfigBits(const uint8_t* bitmap, int32_t length, uint32_t delta, uint
   int result = 0;
   for (int32_t i = 0; i < static_cast<int32_t>(bits); ++i) {
     if (!bitmap_is_set(bitmap, static_cast<uint32_t>(i))) continue;
-    int rc = ChangeSlot(vsk_session_config_bit_to_summary_counter(i), delta, record);
+    int rc = ChangeSlot(vsk::shared::ConfigBitToCounter(i), delta, record);
     if (rc != 0) result = rc;
   }
   return result;
@@ -80,99 +83,169 @@ extern "C" {
 
 // The mappings work in unsigned 32-bit arithmetic on purpose: a state of -1 lands in slot 0
 // and an interface type of -1 in slot 23. Callers do not filter negative values.
-uint32_t vsk_session_state_to_summary_counter(int32_t state) {
+}  // extern "C"
+
+uint32_t vsk::shared::StateToCounter(int32_t state) {
   uint32_t slot = static_cast<uint32_t>(state) + 1;
   return slot > 5 ? 6 : slot;
 }
 
-uint32_t vsk_session_type_to_summary_counter(uint32_t type) {
+extern "C" uint32_t vsk_session_state_to_summary_counter(int32_t state) {
+  return vsk::shared::StateToCounter(state);
+}
+
+uint32_t vsk::shared::TypeToCounter(uint32_t type) {
   if (type == 0) return 8;
   uint32_t highest_bit = 31 - static_cast<uint32_t>(__builtin_clz(type));
   uint32_t slot = highest_bit + 9;
   return slot > 21 ? 22 : slot;
 }
 
-uint32_t vsk_session_ifl_type_to_summary_counter(int32_t ifl_type) {
+extern "C" uint32_t vsk_session_type_to_summary_counter(uint32_t type) {
+  return vsk::shared::TypeToCounter(type);
+}
+
+uint32_t vsk::shared::IflTypeToCounter(int32_t ifl_type) {
   uint32_t slot = static_cast<uint32_t>(ifl_type) + 24;
   return slot > 26 ? 27 : slot;
 }
 
-uint32_t vsk_session_config_bit_to_summary_counter(int32_t bit) {
+extern "C" uint32_t vsk_session_ifl_type_to_summary_counter(int32_t ifl_type) {
+  return vsk::shared::IflTypeToCounter(ifl_type);
+}
+
+uint32_t vsk::shared::ConfigBitToCounter(int32_t bit) {
   uint32_t slot = static_cast<uint32_t>(bit) + 28;
   return slot > 47 ? 48 : slot;
 }
 
-int vsk_summary_counter_increment_state(int32_t state, uint32_t* record) {
-  return ChangeWithSum(vsk_session_state_to_summary_counter(state), VSK_SUMMARY_COUNTER_STATE_SUM,
-                       kUp, record);
+extern "C" uint32_t vsk_session_config_bit_to_summary_counter(int32_t bit) {
+  return vsk::shared::ConfigBitToCounter(bit);
 }
 
-int vsk_summary_counter_decrement_state(int32_t state) {
-  return ChangeWithSum(vsk_session_state_to_summary_counter(state), VSK_SUMMARY_COUNTER_STATE_SUM,
-                       kDown, nullptr);
-}
-
-int vsk_summary_counter_increment_type(uint32_t type, uint32_t* record) {
-  return ChangeWithSum(vsk_session_type_to_summary_counter(type), VSK_SUMMARY_COUNTER_TYPE_SUM, kUp,
+int vsk::shared::CounterIncrementState(int32_t state, uint32_t* record) {
+  return ChangeWithSum(vsk::shared::StateToCounter(state), VSK_SUMMARY_COUNTER_STATE_SUM, kUp,
                        record);
 }
 
-int vsk_summary_counter_decrement_type(uint32_t type) {
-  return ChangeWithSum(vsk_session_type_to_summary_counter(type), VSK_SUMMARY_COUNTER_TYPE_SUM,
-                       kDown, nullptr);
+extern "C" int vsk_summary_counter_increment_state(int32_t state, uint32_t* record) {
+  return vsk::shared::CounterIncrementState(state, record);
 }
 
-int vsk_summary_counter_increment_ifl_type(int32_t ifl_type, uint32_t* record) {
-  return ChangeSlot(vsk_session_ifl_type_to_summary_counter(ifl_type), kUp, record);
+int vsk::shared::CounterDecrementState(int32_t state) {
+  return ChangeWithSum(vsk::shared::StateToCounter(state), VSK_SUMMARY_COUNTER_STATE_SUM, kDown,
+                       nullptr);
 }
 
-int vsk_summary_counter_decrement_ifl_type(int32_t ifl_type) {
-  return ChangeSlot(vsk_session_ifl_type_to_summary_counter(ifl_type), kDown, nullptr);
+extern "C" int vsk_summary_counter_decrement_state(int32_t state) {
+  return vsk::shared::CounterDecrementState(state);
 }
 
-int vsk_summary_counter_increment_total(uint32_t* record) {
+int vsk::shared::CounterIncrementType(uint32_t type, uint32_t* record) {
+  return ChangeWithSum(vsk::shared::TypeToCounter(type), VSK_SUMMARY_COUNTER_TYPE_SUM, kUp, record);
+}
+
+extern "C" int vsk_summary_counter_increment_type(uint32_t type, uint32_t* record) {
+  return vsk::shared::CounterIncrementType(type, record);
+}
+
+int vsk::shared::CounterDecrementType(uint32_t type) {
+  return ChangeWithSum(vsk::shared::TypeToCounter(type), VSK_SUMMARY_COUNTER_TYPE_SUM, kDown,
+                       nullptr);
+}
+
+extern "C" int vsk_summary_counter_decrement_type(uint32_t type) {
+  return vsk::shared::CounterDecrementType(type);
+}
+
+int vsk::shared::CounterIncrementIflType(int32_t ifl_type, uint32_t* record) {
+  return ChangeSlot(vsk::shared::IflTypeToCounter(ifl_type), kUp, record);
+}
+
+extern "C" int vsk_summary_counter_increment_ifl_type(int32_t ifl_type, uint32_t* record) {
+  return vsk::shared::CounterIncrementIflType(ifl_type, record);
+}
+
+int vsk::shared::CounterDecrementIflType(int32_t ifl_type) {
+  return ChangeSlot(vsk::shared::IflTypeToCounter(ifl_type), kDown, nullptr);
+}
+
+extern "C" int vsk_summary_counter_decrement_ifl_type(int32_t ifl_type) {
+  return vsk::shared::CounterDecrementIflType(ifl_type);
+}
+
+int vsk::shared::CounterIncrementTotal(uint32_t* record) {
   return ChangeSlot(VSK_SUMMARY_COUNTER_TOTAL, kUp, record);
 }
 
-int vsk_summary_counter_decrement_total(void) {
+extern "C" int vsk_summary_counter_increment_total(uint32_t* record) {
+  return vsk::shared::CounterIncrementTotal(record);
+}
+
+int vsk::shared::CounterDecrementTotal() {
   return ChangeSlot(VSK_SUMMARY_COUNTER_TOTAL, kDown, nullptr);
 }
 
-int vsk_summary_counter_increment_config_bits(const uint8_t* bitmap, int32_t length,
-                                              uint32_t* record) {
+extern "C" int vsk_summary_counter_decrement_total(void) {
+  return vsk::shared::CounterDecrementTotal();
+}
+
+int vsk::shared::CounterIncrementConfigBits(const uint8_t* bitmap, int32_t length,
+                                            uint32_t* record) {
   return ChangeConfigBits(bitmap, length, kUp, record);
 }
 
-int vsk_summary_counter_decrement_config_bits(const uint8_t* bitmap, int32_t length) {
+extern "C" int vsk_summary_counter_increment_config_bits(const uint8_t* bitmap, int32_t length,
+                                                         uint32_t* record) {
+  return vsk::shared::CounterIncrementConfigBits(bitmap, length, record);
+}
+
+int vsk::shared::CounterDecrementConfigBits(const uint8_t* bitmap, int32_t length) {
   return ChangeConfigBits(bitmap, length, kDown, nullptr);
 }
 
-void vsk_summary_counter_attach(void) {
-  vsk_summary_counter = static_cast<uint32_t*>(vsk_get_shm_ptr(VSK_SHM_SUMMARY_COUNTER_OFFSET));
+extern "C" int vsk_summary_counter_decrement_config_bits(const uint8_t* bitmap, int32_t length) {
+  return vsk::shared::CounterDecrementConfigBits(bitmap, length);
 }
 
-void vsk_summary_counter_detach(void) { vsk_summary_counter = nullptr; }
+void vsk::shared::CounterAttach() {
+  vsk_summary_counter = static_cast<uint32_t*>(vsk::shared::ShmPtr(VSK_SHM_SUMMARY_COUNTER_OFFSET));
+}
 
-int vsk_summary_counter_open(void) {
-  if (!vsk_db_supported()) {
+extern "C" void vsk_summary_counter_attach(void) { vsk::shared::CounterAttach(); }
+
+void vsk::shared::CounterDetach() { vsk_summary_counter = nullptr; }
+
+extern "C" void vsk_summary_counter_detach(void) { vsk::shared::CounterDetach(); }
+
+int vsk::shared::CounterOpen() {
+  if (!vsk::store::Supported()) {
     VSK_TRACE("Platform not supported");
     return VSK_ERR_UNSUPPORTED;
   }
-  if (vsk_shared_memory_init(false) != 0) {
+  if (vsk::shared::SharedMemoryInit(false) != 0) {
     VSK_TRACE("Failed to init shared memory");
     return -1;
   }
-  vsk_summary_counter_attach();
+  vsk::shared::CounterAttach();
   return 0;
 }
 
-void vsk_summary_counter_close(void) {
-  vsk_summary_counter_detach();
-  vsk_detach_shm();
+extern "C" int vsk_summary_counter_open(void) { return vsk::shared::CounterOpen(); }
+
+void vsk::shared::CounterClose() {
+  vsk::shared::CounterDetach();
+  vsk::shared::DetachShm();
 }
 
+extern "C" {
+
+void vsk_summary_counter_close(void) { vsk::shared::CounterClose(); }
+
 // The copy takes no lock: a reader may see a sum slot one step apart from its details.
-int vsk_get_summary_counters(uint32_t* dest) {
+}  // extern "C"
+
+int vsk::shared::GetSummaryCounters(uint32_t* dest) {
   if (vsk_summary_counter == nullptr) return kNotAttached;
   if (dest == nullptr) {
     VSK_TRACE("%s: null destination", "vsk_get_summary_counters");
@@ -184,16 +257,22 @@ int vsk_get_summary_counters(uint32_t* dest) {
   return 0;
 }
 
+extern "C" {
+
+int vsk_get_summary_counters(uint32_t* dest) { return vsk::shared::GetSummaryCounters(dest); }
+
 // Only the lowest byte of slot 23 is the answer: 256 sessions read as "none present". Readers
 // depend on this exact behaviour.
-uint8_t vsk_subscribers_present(void) {
+}  // extern "C"
+
+uint8_t vsk::shared::SubscribersPresent() {
   if (vsk_summary_counter != nullptr) {
     return static_cast<uint8_t>(vsk_summary_counter[VSK_SUMMARY_COUNTER_TYPE_SUM] & 0xff);
   }
-  if (vsk_summary_counter_open() != 0) return 0;
+  if (vsk::shared::CounterOpen() != 0) return 0;
   uint8_t present = static_cast<uint8_t>(vsk_summary_counter[VSK_SUMMARY_COUNTER_TYPE_SUM] & 0xff);
-  vsk_summary_counter_close();
+  vsk::shared::CounterClose();
   return present;
 }
 
-}  // extern "C"
+extern "C" uint8_t vsk_subscribers_present(void) { return vsk::shared::SubscribersPresent(); }

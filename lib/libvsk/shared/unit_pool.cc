@@ -23,8 +23,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "libvsk/base/role.h"
+#include "libvsk/base/trace.h"
+#include "libvsk/shared/attachments.h"
 #include "libvsk/shared/layout.h"
-#include "libvsk/trace.h"
+#include "libvsk/shared/lock_hold.h"
+#include "libvsk/shared/regions.h"
+#include "libvsk/store/joins.h"
 #include "vsk/shared.h"
 #include "vsk/store.h"
 
@@ -72,9 +77,31 @@ PoolView* CheckedPool(const char* fn, uint32_t type) {
 }
 
 // Result of an operation whose list work is done: gives semaphore 1 back.
-int Unlock(int result) { return vsk_release_lock(VSK_LOCK_UNIT) == 0 ? result : VSK_UNIT_ERR_LOCK; }
+int Unlock(int result) { return ReleaseLock(VSK_LOCK_UNIT) == 0 ? result : VSK_UNIT_ERR_LOCK; }
+
+// The store opens both pools right after replication: the creator formats them at every
+// open (the master's rebuild lists them); every other process attaches. Failures are
+// traced by vsk_unit_init and do not stop the store.
+[[maybe_unused]] const store::StoreJoinRegistrar kUnitPoolsJoin{
+    store::JoinSlot::kUnitPools,
+    {.name = "unit pools",
+     .open = [](bool creator) -> vsk_status_t {
+       vsk_unit_init(VSK_UNIT_POOL_IFL_MAX, creator, VSK_UNIT_POOL_IFL);
+       vsk_unit_init(VSK_UNIT_POOL_UID_MAX, creator, VSK_UNIT_POOL_UID);
+       return VSK_OK;
+     },
+     .close = nullptr,
+     .not_available = nullptr,
+     .open_failed = nullptr,
+     .closed = nullptr,
+     .close_failed = nullptr}};
 
 }  // namespace
+
+bool UnitPoolAttached(uint32_t type) {
+  return type < kPoolTypes && unit_allocator[type].header != nullptr;
+}
+
 }  // namespace vsk::shared
 
 using namespace vsk::shared;
@@ -93,7 +120,7 @@ void vsk_unit_init(int32_t max, bool init, uint32_t type) {
     return;
   }
   const PoolGeometry& geometry = kGeometry[type];
-  auto* header = static_cast<UnitPoolHeader*>(vsk_get_shm_ptr(geometry.offset));
+  auto* header = static_cast<UnitPoolHeader*>(vsk::shared::ShmPtr(geometry.offset));
   if (header == nullptr) {
     VSK_TRACE("%s: unit_allocator[%d] is NULL", kFn, static_cast<int>(type));
     return;
@@ -123,7 +150,7 @@ int vsk_unit_allocate(uint32_t* unit, uint32_t type) {
   static const char kFn[] = "vsk_unit_allocate";
   PoolView* pool = CheckedPool(kFn, type);
   if (pool == nullptr || unit == nullptr) return VSK_UNIT_ERR_ARG;
-  if (vsk_acquire_lock(VSK_LOCK_UNIT) != 0) return VSK_UNIT_ERR_LOCK;
+  if (AcquireLock(VSK_LOCK_UNIT) != 0) return VSK_UNIT_ERR_LOCK;
   UnitPoolHeader& h = *pool->header;
   if (h.head == kNone) return Unlock(VSK_UNIT_ERR_EMPTY);
   if (h.head < 0 || static_cast<uint32_t>(h.head) >= Entries(*pool)) {
@@ -143,7 +170,7 @@ int vsk_unit_release(uint32_t unit, uint32_t type) {
   if (pool == nullptr) return VSK_UNIT_ERR_ARG;
   uint32_t i = unit - pool->first_unit;
   if (i > Entries(*pool)) return VSK_UNIT_ERR_ARG;
-  if (vsk_acquire_lock(VSK_LOCK_UNIT) != 0) return VSK_UNIT_ERR_LOCK;
+  if (AcquireLock(VSK_LOCK_UNIT) != 0) return VSK_UNIT_ERR_LOCK;
   UnitPoolHeader& h = *pool->header;
   // A free entry other than the tail holds a next index. A second release of the current
   // tail is not caught (its entry reads -1) and links it to itself.
@@ -236,7 +263,7 @@ void vsk_dump_pool(uint32_t type) {
   std::printf("max unit number = %d\n", static_cast<int>(h.max));
   std::printf("head = %d\n", h.head);
   std::printf("tail = %d\n", h.tail);
-  std::printf("master = %d\n", vsk_db_rep_is_master() ? 1 : 0);
+  std::printf("master = %d\n", vsk::base::IsMaster() ? 1 : 0);
   std::printf("allocated = {\n");
   const uint32_t entries = Entries(*pool);
   for (uint32_t i = 0; i < entries; ++i) {

@@ -10,8 +10,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "libvsk/base/role.h"
+#include "libvsk/base/trace.h"
 #include "libvsk/store/context.h"
-#include "libvsk/trace.h"
+#include "libvsk/store/dyn_db_internal.h"
 #include "vsk/dyn_db.h"
 
 extern "C" {
@@ -24,7 +26,9 @@ const uint16_t vsk_app_defined_len_table[VSK_APP_DEFINED_TABLES] = {0, 12, 12, 1
 // Returns 0 (also when the id is open already: the first definition stands), -6 for an id
 // above 6, -12 when the standby has not received the table yet (state becomes 3), -2 when
 // the name cannot be kept, -1 for any other failure.
-vsk_status_t vsk_db_app_define(int16_t table_id, const char* name) {
+}  // extern "C"
+
+vsk_status_t vsk::store::AppDefine(int16_t table_id, const char* name) {
   if (table_id > VSK_APP_DEFINED_TABLES - 1) {
     VSK_TRACE("Application private databases table id %d, is not valid for %s", table_id,
               name != nullptr ? name : "(null)");
@@ -46,10 +50,10 @@ vsk_status_t vsk_db_app_define(int16_t table_id, const char* name) {
   if (ctx->app_defined_db[table_id] != nullptr) return VSK_OK;
 
   DB* db = nullptr;
-  int ret = dyn_db_open(&db, ctx->dbenv, name, 0, vsk_db_rep_is_master());
+  int ret = vsk::store::DynOpen(&db, ctx->dbenv, name, 0, vsk::base::IsMaster());
   if (ret != 0) {
     ctx->app_defined_db[table_id] = nullptr;
-    if (ret == ENOENT && !vsk_db_rep_is_master()) {
+    if (ret == ENOENT && !vsk::base::IsMaster()) {
       VSK_TRACE("Application private database for table id %d is not available %s", table_id,
                 db_strerror(ENOENT));
       ctx->state = VSK_ENV_NOT_REPLICATED;
@@ -57,7 +61,7 @@ vsk_status_t vsk_db_app_define(int16_t table_id, const char* name) {
     }
     VSK_TRACE("Failed to init application private databases for table id %d: %s", table_id,
               db_strerror(ret));
-    if (db != nullptr) dyn_db_close(db);  // set_flags failed: the handle is still ours
+    if (db != nullptr) vsk::store::DynClose(db);  // set_flags failed: the handle is still ours
     return VSK_ERR_FATAL;
   }
   ctx->app_defined_db[table_id] = db;
@@ -72,4 +76,6 @@ vsk_status_t vsk_db_app_define(int16_t table_id, const char* name) {
   return VSK_OK;
 }
 
-}  // extern "C"
+extern "C" vsk_status_t vsk_db_app_define(int16_t table_id, const char* name) {
+  return vsk::store::AppDefine(table_id, name);
+}

@@ -1,5 +1,7 @@
 // Platform capability: does this model run the session store, replicate it, and scale?
 // Decided by the platform's model id (platform/product_info.h).
+#include "libvsk/store/capability.h"
+
 #include "platform/product_info.h"
 #include "vsk/store.h"
 
@@ -13,15 +15,17 @@ std::optional<vsk::platform::ModelCapability> ThisModel() {
 
 }  // namespace
 
-extern "C" {
+bool vsk::store::Supported() { return ThisModel().has_value(); }
 
-bool vsk_db_supported(void) { return ThisModel().has_value(); }
+extern "C" bool vsk_db_supported(void) { return vsk::store::Supported(); }
 
-bool vsk_db_rep_supported(void) { return vsk_db_supported(); }
+bool vsk::store::RepSupported() { return vsk::store::Supported(); }
 
-bool vsk_db_support_scaling(void) {
+extern "C" bool vsk_db_rep_supported(void) { return vsk::store::RepSupported(); }
+
+bool vsk::store::SupportScaling() {
   auto model = ThisModel();
   return model.has_value() && model->scaling;
 }
 
-}  // extern "C"
+extern "C" bool vsk_db_support_scaling(void) { return vsk::store::SupportScaling(); }

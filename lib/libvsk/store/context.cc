@@ -1,11 +1,12 @@
 #include "libvsk/store/context.h"
 
+#include "libvsk/base/trace.h"
+
 namespace vsk::store {
 namespace {
 
 StoreContext g_context;
 StoreContext* g_current = nullptr;
-bool g_master = false;
 
 }  // namespace
 
@@ -13,6 +14,8 @@ StoreContext* Context() { return g_current; }
 
 StoreContext* ActivateContext() {
   g_current = &g_context;
+  // From now on every trace carries the daemon-link handle the store was opened with.
+  base::InstallTraceHandleSource(&vsk_db_get_orvd_handle);
   return g_current;
 }
 
@@ -35,11 +38,5 @@ orvd_ctx* vsk_db_get_orvd_handle(void) {
 void vsk_db_reset_orvd_handle(void) {
   if (Context() != nullptr) Context()->orvd_handle = nullptr;
 }
-
-void vsk_db_set_master(bool flag) { vsk::store::g_master = flag; }
-
-bool vsk_db_rep_is_master(void) { return vsk::store::g_master; }
-
-bool vsk_is_master(void) { return vsk_db_rep_is_master(); }
 
 }  // extern "C"

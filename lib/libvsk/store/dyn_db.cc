@@ -7,13 +7,15 @@
 //
 // Ownership: a value decoder takes the buffer Berkeley DB allocated in every case; what
 // it stored in its `out` is the caller's to release, also when the call fails.
+#include "vsk/dyn_db.h"
+
 #include <db.h>
 
 #include <cstring>
 
+#include "libvsk/base/status.h"
+#include "libvsk/base/trace.h"
 #include "libvsk/store/dyn_db_internal.h"
-#include "libvsk/trace.h"
-#include "vsk/dyn_db.h"
 
 namespace vsk::store {
 namespace {
@@ -78,9 +80,8 @@ DBT KeyDbt(void* data, uint32_t size) {
 
 }  // namespace
 
-extern "C" {
-
-int dyn_db_open(DB** out, DB_ENV* env, const char* name, uint32_t extra_flags, bool master) {
+int vsk::store::DynOpen(DB** out, DB_ENV* env, const char* name, uint32_t extra_flags,
+                        bool master) {
   int ret = db_create(out, env, 0);
   if (ret != 0) {
     VSK_TRACE("Failed to create db %s: %s\n", name, db_strerror(ret));
@@ -110,37 +111,59 @@ int dyn_db_open(DB** out, DB_ENV* env, const char* name, uint32_t extra_flags, b
   return ret;
 }
 
-int dyn_db_sec_open(DB** out, DB_ENV* env, const char* name, DB* primary,
-                    vsk_sec_key_callback_t callback, uint32_t extra_flags) {
+extern "C" int dyn_db_open(DB** out, DB_ENV* env, const char* name, uint32_t extra_flags,
+                           bool master) {
+  return vsk::store::DynOpen(out, env, name, extra_flags, master);
+}
+
+int vsk::store::DynSecOpen(DB** out, DB_ENV* env, const char* name, DB* primary,
+                           vsk_sec_key_callback_t callback, uint32_t extra_flags) {
   // A secondary is always writable: its writes follow the primary's.
-  int ret = dyn_db_open(out, env, name, extra_flags, true);
+  int ret = vsk::store::DynOpen(out, env, name, extra_flags, true);
   if (ret != 0) return ret;
   return primary->associate(primary, nullptr, *out, callback, 0);
 }
 
-int dyn_db_close(DB* db) {
+extern "C" int dyn_db_sec_open(DB** out, DB_ENV* env, const char* name, DB* primary,
+                               vsk_sec_key_callback_t callback, uint32_t extra_flags) {
+  return vsk::store::DynSecOpen(out, env, name, primary, callback, extra_flags);
+}
+
+int vsk::store::DynClose(DB* db) {
   if (db == nullptr) return 0;
   return db->close(db, 0);
 }
 
-vsk_status_t dyn_db_exists(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
-                           uint32_t flags) {
+extern "C" int dyn_db_close(DB* db) { return vsk::store::DynClose(db); }
+
+vsk_status_t vsk::store::DynExists(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
+                                   uint32_t flags) {
   Encoded<kWriteKeyRoom> k;
   if (!EncodeWriteKey(k, key, key_encoder)) return VSK_ERR_NOMEM;
   DBT kd = KeyDbt(k.data(), k.size());
-  return get_vsk_err(db->exists(db, txn, &kd, flags));
+  return vsk::base::TranslateError(db->exists(db, txn, &kd, flags));
 }
 
-vsk_status_t dyn_db_del(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
-                        uint32_t flags) {
+extern "C" vsk_status_t dyn_db_exists(DB* db, DB_TXN* txn, const void* key,
+                                      vsk_encoder_t key_encoder, uint32_t flags) {
+  return vsk::store::DynExists(db, txn, key, key_encoder, flags);
+}
+
+vsk_status_t vsk::store::DynDel(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
+                                uint32_t flags) {
   Encoded<kWriteKeyRoom> k;
   if (!EncodeWriteKey(k, key, key_encoder)) return VSK_ERR_NOMEM;
   DBT kd = KeyDbt(k.data(), k.size());
-  return get_vsk_err(db->del(db, txn, &kd, flags));
+  return vsk::base::TranslateError(db->del(db, txn, &kd, flags));
 }
 
-vsk_status_t dyn_db_put(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
-                        const void* value, vsk_encoder_t value_encoder, uint32_t flags) {
+extern "C" vsk_status_t dyn_db_del(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
+                                   uint32_t flags) {
+  return vsk::store::DynDel(db, txn, key, key_encoder, flags);
+}
+
+vsk_status_t vsk::store::DynPut(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
+                                const void* value, vsk_encoder_t value_encoder, uint32_t flags) {
   Encoded<kWriteKeyRoom> k;
   if (!EncodeWriteKey(k, key, key_encoder)) return VSK_ERR_NOMEM;
   Encoded<kValueRoom> v;
@@ -154,12 +177,17 @@ vsk_status_t dyn_db_put(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_
   DBT vd{};
   vd.data = v.data();
   vd.size = v.size();
-  return get_vsk_err(db->put(db, txn, &kd, &vd, flags));
+  return vsk::base::TranslateError(db->put(db, txn, &kd, &vd, flags));
 }
 
-vsk_status_t dyn_db_get(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
-                        void* out, vsk_value_decoder_t decoder, uint32_t flags,
-                        const uint8_t* mask, uint16_t mask_len) {
+extern "C" vsk_status_t dyn_db_put(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
+                                   const void* value, vsk_encoder_t value_encoder, uint32_t flags) {
+  return vsk::store::DynPut(db, txn, key, key_encoder, value, value_encoder, flags);
+}
+
+vsk_status_t vsk::store::DynGet(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
+                                void* out, vsk_value_decoder_t decoder, uint32_t flags,
+                                const uint8_t* mask, uint16_t mask_len) {
   // The room is that of a write, but anything above 8 bytes goes to the heap.
   Encoded<kWriteKeyRoom> k;
   if (!k.Encode([&](void* buf, uint32_t room) { return key_encoder(key, buf, room); },
@@ -170,10 +198,14 @@ vsk_status_t dyn_db_get(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_
   DBT vd{};
   vd.flags = DB_DBT_MALLOC;
   int ret = db->get(db, txn, &kd, &vd, flags);
-  if (ret != 0) return get_vsk_err(ret);
+  if (ret != 0) return vsk::base::TranslateError(ret);
   int used = decoder(out, vd.data, vd.size, mask, mask_len);
   if (used >= 0 && static_cast<uint32_t>(used) == vd.size) return VSK_OK;
   return DecoderFailure(used);
 }
 
-}  // extern "C"
+extern "C" vsk_status_t dyn_db_get(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
+                                   void* out, vsk_value_decoder_t decoder, uint32_t flags,
+                                   const uint8_t* mask, uint16_t mask_len) {
+  return vsk::store::DynGet(db, txn, key, key_encoder, out, decoder, flags, mask, mask_len);
+}

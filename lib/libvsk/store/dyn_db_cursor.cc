@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "libvsk/base/status.h"
 #include "libvsk/store/dyn_db_internal.h"
 #include "vsk/dyn_db.h"
 
@@ -24,8 +25,7 @@ using vsk::store::kLookupKeyRoom;
 
 namespace {
 
-bool EncodeLookupKey(Encoded<kLookupKeyRoom>& out, const void* key,
-                     vsk_key_encoder4_t encoder) {
+bool EncodeLookupKey(Encoded<kLookupKeyRoom>& out, const void* key, vsk_key_encoder4_t encoder) {
   return out.Encode([&](void* buf, uint32_t room) { return encoder(key, 0, buf, room); },
                     kLookupKeyRoom, true);
 }
@@ -45,11 +45,10 @@ bool Consumed(int result, uint32_t size) {
 
 }  // namespace
 
-extern "C" {
-
-vsk_status_t dyn_vsk_get(DB* db, DB_TXN* txn, const void* key, vsk_key_encoder4_t key_encoder,
-                         void* key_out, vsk_key_decoder_t key_decoder, void* out,
-                         vsk_value_decoder_t decoder, uint32_t flags) {
+vsk_status_t vsk::store::DynVskGet(DB* db, DB_TXN* txn, const void* key,
+                                   vsk_key_encoder4_t key_encoder, void* key_out,
+                                   vsk_key_decoder_t key_decoder, void* out,
+                                   vsk_value_decoder_t decoder, uint32_t flags) {
   Encoded<kLookupKeyRoom> k;
   if (!EncodeLookupKey(k, key, key_encoder)) return VSK_ERR_NOMEM;
   DBT skey{};
@@ -62,7 +61,7 @@ vsk_status_t dyn_vsk_get(DB* db, DB_TXN* txn, const void* key, vsk_key_encoder4_
   DBT data{};
   data.flags = DB_DBT_MALLOC;
   int ret = db->pget(db, txn, &skey, &pkey, &data, flags);
-  if (ret != 0) return get_vsk_err(ret);
+  if (ret != 0) return vsk::base::TranslateError(ret);
 
   if (key_decoder != nullptr) {
     int used = key_decoder(key_out, pkey.data, pkey.size);
@@ -85,7 +84,15 @@ vsk_status_t dyn_vsk_get(DB* db, DB_TXN* txn, const void* key, vsk_key_encoder4_
   return VSK_OK;
 }
 
-vsk_status_t dyn_db_set_cursor(DBC* cursor, const void* key, uint32_t length) {
+extern "C" vsk_status_t dyn_vsk_get(DB* db, DB_TXN* txn, const void* key,
+                                    vsk_key_encoder4_t key_encoder, void* key_out,
+                                    vsk_key_decoder_t key_decoder, void* out,
+                                    vsk_value_decoder_t decoder, uint32_t flags) {
+  return vsk::store::DynVskGet(db, txn, key, key_encoder, key_out, key_decoder, out, decoder,
+                               flags);
+}
+
+vsk_status_t vsk::store::DynSetCursor(DBC* cursor, const void* key, uint32_t length) {
   DBT kd{};
   kd.data = const_cast<void*>(key);
   kd.size = length;
@@ -94,14 +101,18 @@ vsk_status_t dyn_db_set_cursor(DBC* cursor, const void* key, uint32_t length) {
   // Nothing is taken back: a partial read of zero bytes positions the cursor only.
   DBT vd{};
   vd.flags = DB_DBT_PARTIAL | DB_DBT_USERMEM;
-  return get_vsk_err(cursor->get(cursor, &kd, &vd, DB_SET));
+  return vsk::base::TranslateError(cursor->get(cursor, &kd, &vd, DB_SET));
 }
 
-vsk_status_t dyn_db_get_cursor(DBC* cursor, const void* key, vsk_key_encoder4_t key_encoder,
-                               void* key_out, vsk_key_decoder_t key_decoder, void* out,
-                               vsk_value_decoder_t decoder, void* secondary_out,
-                               vsk_secondary_decoder_t secondary_decoder, uint32_t operation,
-                               const uint8_t* mask, uint16_t mask_len) {
+extern "C" vsk_status_t dyn_db_set_cursor(DBC* cursor, const void* key, uint32_t length) {
+  return vsk::store::DynSetCursor(cursor, key, length);
+}
+
+vsk_status_t vsk::store::DynGetCursor(DBC* cursor, const void* key, vsk_key_encoder4_t key_encoder,
+                                      void* key_out, vsk_key_decoder_t key_decoder, void* out,
+                                      vsk_value_decoder_t decoder, void* secondary_out,
+                                      vsk_secondary_decoder_t secondary_decoder, uint32_t operation,
+                                      const uint8_t* mask, uint16_t mask_len) {
   Encoded<kLookupKeyRoom> k;
   DBT kd{};
   kd.flags = DB_DBT_MALLOC;
@@ -117,7 +128,7 @@ vsk_status_t dyn_db_get_cursor(DBC* cursor, const void* key, vsk_key_encoder4_t 
   const bool through_secondary = secondary_decoder != nullptr;
   int ret = through_secondary ? cursor->pget(cursor, &kd, &pkd, &vd, operation)
                               : cursor->get(cursor, &kd, &vd, operation);
-  if (ret != 0) return get_vsk_err(ret);
+  if (ret != 0) return vsk::base::TranslateError(ret);
 
   // Through a secondary the record's key is the primary key and `kd` the secondary's.
   void* input = key != nullptr ? k.data() : nullptr;
@@ -156,4 +167,13 @@ vsk_status_t dyn_db_get_cursor(DBC* cursor, const void* key, vsk_key_encoder4_t 
   return VSK_OK;
 }
 
-}  // extern "C"
+extern "C" vsk_status_t dyn_db_get_cursor(DBC* cursor, const void* key,
+                                          vsk_key_encoder4_t key_encoder, void* key_out,
+                                          vsk_key_decoder_t key_decoder, void* out,
+                                          vsk_value_decoder_t decoder, void* secondary_out,
+                                          vsk_secondary_decoder_t secondary_decoder,
+                                          uint32_t operation, const uint8_t* mask,
+                                          uint16_t mask_len) {
+  return vsk::store::DynGetCursor(cursor, key, key_encoder, key_out, key_decoder, out, decoder,
+                                  secondary_out, secondary_decoder, operation, mask, mask_len);
+}

@@ -28,10 +28,10 @@ inline constexpr uint32_t kLookupKeyRoom = 256;  // key of dyn_vsk_get, dyn_db_g
 // Counts of encoder passes and heap buffers, process-wide. Plain counters: the engine is
 // called from the daemon's own context, and tests read them from the same thread.
 struct DynDbCounters {
-  uint64_t key_encodes;       // calls of key encoders
-  uint64_t key_allocations;   // keys that did not stay in the local buffer
-  uint64_t value_encodes;     // calls of value encoders
-  uint64_t value_allocations; // values that did not stay in the local buffer
+  uint64_t key_encodes;        // calls of key encoders
+  uint64_t key_allocations;    // keys that did not stay in the local buffer
+  uint64_t value_encodes;      // calls of value encoders
+  uint64_t value_allocations;  // values that did not stay in the local buffer
 };
 
 class DynDbProbe {
@@ -109,5 +109,31 @@ inline vsk_status_t DecoderFailure(int result) {
 // The key order of "client-session-db": two 32-bit words, the second the high one,
 // compared as one unsigned 64-bit number.
 int CompareSessionIdKeys(DB* db, const DBT* a, const DBT* b) noexcept;
+
+int DynOpen(DB** out, DB_ENV* env, const char* name, uint32_t extra_flags, bool master);
+int DynSecOpen(DB** out, DB_ENV* env, const char* name, DB* primary,
+               vsk_sec_key_callback_t callback, uint32_t extra_flags);
+int DynClose(DB* db);
+vsk_status_t DynExists(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
+                       uint32_t flags);
+vsk_status_t DynDel(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
+                    uint32_t flags);
+vsk_status_t DynPut(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
+                    const void* value, vsk_encoder_t value_encoder, uint32_t flags);
+vsk_status_t DynGet(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder, void* out,
+                    vsk_value_decoder_t decoder, uint32_t flags, const uint8_t* mask,
+                    uint16_t mask_len);
+
+vsk_status_t DynVskGet(DB* db, DB_TXN* txn, const void* key, vsk_key_encoder4_t key_encoder,
+                       void* key_out, vsk_key_decoder_t key_decoder, void* out,
+                       vsk_value_decoder_t decoder, uint32_t flags);
+vsk_status_t DynSetCursor(DBC* cursor, const void* key, uint32_t length);
+vsk_status_t DynGetCursor(DBC* cursor, const void* key, vsk_key_encoder4_t key_encoder,
+                          void* key_out, vsk_key_decoder_t key_decoder, void* out,
+                          vsk_value_decoder_t decoder, void* secondary_out,
+                          vsk_secondary_decoder_t secondary_decoder, uint32_t operation,
+                          const uint8_t* mask, uint16_t mask_len);
+
+vsk_status_t AppDefine(int16_t table_id, const char* name);
 
 }  // namespace vsk::store

@@ -10,12 +10,13 @@
 //   7 READY --event_recover--> 10 NEEDS_RECOVERY;  any --event_down--> 9 DOWN --> closed
 #include <db.h>
 
-#include "libvsk/orvd_ctx.h"
+#include "libvsk/base/trace.h"
+#include "libvsk/store/dyn_db_internal.h"
+#include "libvsk/store/env.h"
 #include "libvsk/store/env_internal.h"
-#include "libvsk/trace.h"
+#include "libvsk/store/joins.h"
 #include "platform/lodex.h"
 #include "vsk/dyn_db.h"
-#include "vsk/shared.h"
 #include "vsk/store.h"
 
 namespace vsk::store {
@@ -30,9 +31,7 @@ bool Closable(DB* db, bool fixed) {
 }  // namespace
 }  // namespace vsk::store
 
-extern "C" {
-
-int vsk_db_close(void) {
+int vsk::store::Close() {
   using namespace vsk::store;
   StoreContext* ctx = Context();
   if (ctx == nullptr || ctx->dbenv == nullptr) return 0;
@@ -57,7 +56,7 @@ int vsk_db_close(void) {
   for (const FixedTable& t : kFixedTables) {
     DB*& slot = ctx->*t.slot;
     if (Closable(slot, true)) {
-      int ret = dyn_db_close(slot);
+      int ret = vsk::store::DynClose(slot);
       if (ret == 0) {
         VSK_TRACE("%s", t.closed);
       } else {
@@ -69,7 +68,7 @@ int vsk_db_close(void) {
   }
   for (DB*& slot : ctx->app_defined_db) {
     if (Closable(slot, false)) {
-      int ret = dyn_db_close(slot);
+      int ret = vsk::store::DynClose(slot);
       if (ret == 0) {
         VSK_TRACE("closed private data database\n");
       } else {
@@ -80,7 +79,20 @@ int vsk_db_close(void) {
     slot = nullptr;
   }
 
-  // The statistics and provisioning tables close here, before the environment.
+  // The side stores close in the order they opened, before the environment. Each decides
+  // for itself what a panic leaves it to do; in panic nothing is closed, so no close is
+  // reported as done.
+  for (auto i = static_cast<size_t>(kFirstSideStore); i < kJoinSlots; ++i) {
+    const StoreJoin* join = JoinAt(static_cast<JoinSlot>(i));
+    if (join == nullptr || join->close == nullptr) continue;
+    const int ret = join->close();
+    if (ret == 0) {
+      if (join->closed != nullptr && !vsk_in_panic) VSK_TRACE("%s", join->closed);
+    } else {
+      if (join->close_failed != nullptr) VSK_TRACE(join->close_failed, db_strerror(ret));
+      failed = true;
+    }
+  }
 
   if (!vsk_in_panic) {
     int ret = ctx->dbenv->close(ctx->dbenv, 0);
@@ -104,24 +116,27 @@ int vsk_db_close(void) {
   return failed ? -1 : 0;
 }
 
-void vsk_db_event_down(orvd_ctx* handle) {
+extern "C" int vsk_db_close(void) { return vsk::store::Close(); }
+
+void vsk::store::EventDown(orvd_ctx* handle) {
   using namespace vsk::store;
   StoreContext* ctx = Context();
   if (ctx == nullptr) return;
   ctx->state = VSK_ENV_DOWN;
   VSK_TRACE("VSK STATE DOWN");
-  // Everything of the library goes down in this process: the store, then every pointer
-  // into shared memory.
-  vsk_close_internal();
+  // Everything of the library goes down in this process and the daemon is told; the
+  // daemon link knows how. Without it only the store closes.
   orvd_ctx* link = handle != nullptr ? handle : ctx->orvd_handle;
-  if (link != nullptr && link->db_env_change_cbk != nullptr) {
-    DB_ENV* env = nullptr;  // null by now: tells the daemon to drop any cached handle
-    vsk_db_get_dbenv(&env);
-    link->db_env_change_cbk(env);
+  if (InstalledLinkHooks().went_down != nullptr) {
+    InstalledLinkHooks().went_down(link);
+  } else {
+    vsk::store::Close();
   }
 }
 
-void vsk_db_event_recover(void) {
+extern "C" void vsk_db_event_down(orvd_ctx* handle) { vsk::store::EventDown(handle); }
+
+void vsk::store::EventRecover() {
   using namespace vsk::store;
   StoreContext* ctx = Context();
   if (ctx != nullptr && ctx->state == VSK_ENV_READY) {
@@ -130,4 +145,4 @@ void vsk_db_event_recover(void) {
   }
 }
 
-}  // extern "C"
+extern "C" void vsk_db_event_recover(void) { vsk::store::EventRecover(); }

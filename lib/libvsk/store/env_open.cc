@@ -17,13 +17,18 @@
 #include <cstring>
 #include <string>
 
+#include "libvsk/base/role.h"
+#include "libvsk/base/status.h"
+#include "libvsk/base/trace.h"
+#include "libvsk/store/capability.h"
+#include "libvsk/store/dyn_db_internal.h"
+#include "libvsk/store/env.h"
 #include "libvsk/store/env_internal.h"
-#include "libvsk/trace.h"
+#include "libvsk/store/joins.h"
 #include "platform/lodex.h"
 #include "platform/paths.h"
 #include "platform/progname.h"
 #include "vsk/dyn_db.h"
-#include "vsk/shared.h"
 #include "vsk/store.h"
 
 namespace vsk::store {
@@ -64,7 +69,7 @@ class EnvSetup {
     ctx_->dbenv = nullptr;
     int cret = env->close(env, 0);
     if (cret != 0) VSK_TRACE("DB environment cleanup failed: %s", db_strerror(cret));
-    status_ = get_vsk_err(ret);
+    status_ = vsk::base::TranslateError(ret);
     return false;
   }
   vsk_status_t status() const { return status_; }
@@ -74,10 +79,10 @@ class EnvSetup {
   vsk_status_t status_ = VSK_OK;
 };
 
-// Step 2: every parameter, in order. False with the status in `setup` on a failure.
+// Every environment parameter, in order. False with the status in `setup` on a failure.
 bool SetParameters(StoreContext* ctx, bool is_orvd, EnvSetup& setup) {
   DB_ENV* env = ctx->dbenv;
-  const bool master = vsk_db_rep_is_master();
+  const bool master = vsk::base::IsMaster();
   env->set_errcall(env, ErrorCallback);
   return setup.Step(env->set_timeout(env, kTxnTimeoutUs, DB_SET_TXN_TIMEOUT),
                     "Failed to set txn timeout on db env: %s") &&
@@ -86,25 +91,26 @@ bool SetParameters(StoreContext* ctx, bool is_orvd, EnvSetup& setup) {
          setup.Step(env->set_lk_detect(env, DB_LOCK_DEFAULT),
                     "Failed to enable dead lock detection: %s") &&
          (env->set_msgcall(env, MessageCallback), true) &&
-         (!is_orvd || setup.Step(env->set_thread_count(env, kThreadCount),
-                                 "Failed to set thread count: %s")) &&
+         (!is_orvd ||
+          setup.Step(env->set_thread_count(env, kThreadCount), "Failed to set thread count: %s")) &&
          setup.Step(env->set_thread_id(env, ThreadIdCallback), "Failed to set thread id: %s") &&
          setup.Step(env->set_lg_bsize(env, kLogBufferBytes), "Failed to set log buffer: %s") &&
          setup.Step(env->set_lg_regionmax(env, kLogRegionBytes), "Failed to set log region: %s") &&
          setup.Step(env->set_cachesize(env, 0, kCacheBytes, 0), "Failed to set cache size : %s") &&
          setup.Step(env->mutex_set_max(env, kMaxMutexes), "Failed to set mutex count : %s") &&
          setup.Step(env->set_lk_max_locks(env, kMaxLocks), "Failed to set lock count : %s") &&
-         setup.Step(env->set_lk_max_lockers(env, kMaxLockers), "Failed to set lockers count : %s") &&
+         setup.Step(env->set_lk_max_lockers(env, kMaxLockers),
+                    "Failed to set lockers count : %s") &&
          // Per handle: each process of the master sets its own, or its commits sync.
          setup.Step(env->set_flags(env, DB_TXN_NOSYNC, master ? 1 : 0),
                     "Error setting DB environment flags: %s");
 }
 
-// Step 6. Every process attaches to the outbound queue and names its transport: on the
+// Replication: every process attaches to the outbound queue and names its transport: on the
 // master a joiner that writes (even a table open logs) must have one.
 vsk_status_t SetUpReplication(DB_ENV* env, bool is_orvd) {
-  const bool master = vsk_db_rep_is_master();
-  const uint32_t size = vsk_db_support_scaling() ? kScaledQueueBytes : kQueueBytes;
+  const bool master = vsk::base::IsMaster();
+  const uint32_t size = vsk::store::SupportScaling() ? kScaledQueueBytes : kQueueBytes;
   VSK_TRACE("Set replication queue size %u", size);
   if (lodex_init(env, size) != 0) {
     VSK_TRACE("Error init replication message queue: %s", lodex_get_err_msg());
@@ -145,7 +151,7 @@ vsk_status_t SetUpReplication(DB_ENV* env, bool is_orvd) {
 // brought the table yet.
 vsk_status_t TableOpenFailure(StoreContext* ctx, int ret, const char* not_available,
                               const char* failed) {
-  if (ret == ENOENT && !vsk_db_rep_is_master()) {
+  if (ret == ENOENT && !vsk::base::IsMaster()) {
     VSK_TRACE(not_available, db_strerror(ENOENT));
     ctx->state = VSK_ENV_NOT_REPLICATED;
     return VSK_ERR_REP_NOT_STARTED;
@@ -154,18 +160,33 @@ vsk_status_t TableOpenFailure(StoreContext* ctx, int ret, const char* not_availa
   return VSK_ERR_FATAL;
 }
 
+// Opens the joins of the slots [first, last) in order. A join without failure texts has
+// its result ignored; otherwise the first failure ends the open under the table rule.
+vsk_status_t OpenJoins(StoreContext* ctx, bool creator, JoinSlot first, JoinSlot last) {
+  for (auto i = static_cast<size_t>(first); i < static_cast<size_t>(last); ++i) {
+    const StoreJoin* join = JoinAt(static_cast<JoinSlot>(i));
+    if (join == nullptr || join->open == nullptr) continue;
+    const int ret = join->open(creator);
+    if (ret == 0 || join->open_failed == nullptr) continue;
+    const char* not_available =
+        join->not_available != nullptr ? join->not_available : join->open_failed;
+    return TableOpenFailure(ctx, ret, not_available, join->open_failed);
+  }
+  return VSK_OK;
+}
+
 vsk_status_t OpenTables(StoreContext* ctx) {
-  const bool master = vsk_db_rep_is_master();
+  const bool master = vsk::base::IsMaster();
   for (const FixedTable& t : kFixedTables) {
     DB* db = nullptr;
-    int ret = dyn_db_open(&db, ctx->dbenv, t.name, 0, master);
+    int ret = vsk::store::DynOpen(&db, ctx->dbenv, t.name, 0, master);
     if (ret != 0) return TableOpenFailure(ctx, ret, t.not_available, t.open_failed);
     ctx->*t.slot = db;
   }
   // Application-defined tables defined before a close come back under their names.
   for (int16_t id = 0; id < VSK_APP_DEFINED_TABLES; ++id) {
     if (ctx->app_defined_db[id] != nullptr || vsk_app_defined[id].name == nullptr) continue;
-    vsk_status_t st = vsk_db_app_define(id, vsk_app_defined[id].name);
+    vsk_status_t st = vsk::store::AppDefine(id, vsk_app_defined[id].name);
     if (st != VSK_OK) {
       VSK_TRACE("Failed to init application defined table id %d, ret %d", id, st);
       // Unlike the fixed tables, any failure here is fatal to the open, the standby's
@@ -182,9 +203,7 @@ vsk_status_t OpenTables(StoreContext* ctx) {
 
 using vsk::store::StoreContext;
 
-extern "C" {
-
-vsk_status_t vsk_db_init(orvd_ctx* orvd_handle, bool is_orvd) {
+vsk_status_t vsk::store::Init(orvd_ctx* orvd_handle, bool is_orvd) {
   using namespace vsk::store;
   if (Context() != nullptr && Context()->state == VSK_ENV_READY) {
     VSK_TRACE("VSK already open");
@@ -196,7 +215,7 @@ vsk_status_t vsk_db_init(orvd_ctx* orvd_handle, bool is_orvd) {
   ctx->state = VSK_ENV_INIT;
   ctx->pid = getpid();
   ctx->orvd_handle = orvd_handle;
-  const bool master = vsk_db_rep_is_master();
+  const bool master = vsk::base::IsMaster();
   VSK_TRACE("VSK open as: %s", master ? "Master" : "Standby");
 
   int ret = db_env_create(&ctx->dbenv, 0);
@@ -213,12 +232,12 @@ vsk_status_t vsk_db_init(orvd_ctx* orvd_handle, bool is_orvd) {
   if (ret != 0) {
     VSK_TRACE("Error opening DB environment: %s", db_strerror(ret));
     ctx->dbenv = nullptr;  // forgotten, not closed
-    return get_vsk_err(ret);
+    return vsk::base::TranslateError(ret);
   }
   ctx->state = VSK_ENV_OPENED;
   ctx->dbenv->set_event_notify(ctx->dbenv, EventCallback);
 
-  if (!vsk_db_rep_supported()) {
+  if (!vsk::store::RepSupported()) {
     VSK_TRACE("Replication not supported on platform");
   } else {
     vsk_status_t st = SetUpReplication(ctx->dbenv, is_orvd);
@@ -226,21 +245,24 @@ vsk_status_t vsk_db_init(orvd_ctx* orvd_handle, bool is_orvd) {
     ctx->state = VSK_ENV_REPLICATING;
   }
 
-  // The unit pools: the creator formats both at every open; the master's rebuild lists them.
-  vsk_unit_init(VSK_UNIT_POOL_IFL_MAX, is_orvd, VSK_UNIT_POOL_IFL);
-  vsk_unit_init(VSK_UNIT_POOL_UID_MAX, is_orvd, VSK_UNIT_POOL_UID);
+  // The joins that need the environment but no table (the unit pools).
+  vsk_status_t st = OpenJoins(ctx, is_orvd, JoinSlot::kUnitPools, kFirstSideStore);
+  if (st != VSK_OK) return st;
 
   // On the standby the creator and the replication daemon open no tables.
   if (!master && (is_orvd || std::strcmp(vsk::platform::ProgramName(), "lodexd") == 0)) {
     return VSK_OK;
   }
-  vsk_status_t st = OpenTables(ctx);
+  st = OpenTables(ctx);
   if (st != VSK_OK) return st;
-
-  // The statistics and provisioning tables open here, after the session tables.
+  // The side stores (statistics, then provisioning) open behind the session tables.
+  st = OpenJoins(ctx, is_orvd, kFirstSideStore, static_cast<JoinSlot>(kJoinSlots));
+  if (st != VSK_OK) return st;
 
   ctx->state = VSK_ENV_READY;
   return VSK_OK;
 }
 
-}  // extern "C"
+extern "C" vsk_status_t vsk_db_init(orvd_ctx* orvd_handle, bool is_orvd) {
+  return vsk::store::Init(orvd_handle, is_orvd);
+}

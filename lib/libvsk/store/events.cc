@@ -5,8 +5,8 @@
 // the store's state and vsk_in_panic without a lock, like every other writer of them.
 #include <db.h>
 
+#include "libvsk/base/trace.h"
 #include "libvsk/store/env_internal.h"
-#include "libvsk/trace.h"
 
 namespace vsk::store {
 
@@ -22,7 +22,7 @@ void ThreadIdCallback(DB_ENV*, pid_t* pid, db_threadid_t* tid) noexcept {
   if (ctx != nullptr) {
     id = ctx->pid;
   } else {
-    VSK_TRACE("**  NO PID **");
+    VSK_TRACE("**  NO PID **");  // published text, two spaces after the stars
   }
   if (pid != nullptr) *pid = id;
   // All threads of a process share one identity: the store runs on the daemon's thread.
@@ -71,9 +71,9 @@ void EventCallback(DB_ENV*, uint32_t event, void*) noexcept {
 }
 
 const FixedTable kFixedTables[6] = {
-    {&StoreContext::client_session_db, "client-session-db",
-     "Client databases is not available %s", "Failed to init client session databases %s",
-     "closed client database", "Failed to close client session database %s"},
+    {&StoreContext::client_session_db, "client-session-db", "Client databases is not available %s",
+     "Failed to init client session databases %s", "closed client database",
+     "Failed to close client session database %s"},
     {&StoreContext::service_session_db, "service-session-db",
      "Service databases is not available %s", "Failed to init service databases %s",
      "closed service database", "Failed to close service session database %s"},

@@ -10,9 +10,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "libvsk/base/status.h"
+#include "libvsk/base/trace.h"
 #include "libvsk/store/context.h"
+#include "libvsk/store/dyn_db_internal.h"
 #include "libvsk/store/records.h"
-#include "libvsk/trace.h"
 #include "vsk/dyn_db.h"
 #include "vsk/tables.h"
 
@@ -24,35 +26,35 @@ namespace vsk::store {
 namespace {
 
 vsk_status_t SetOn(DBC* cursor, vsk_session_id_t id) {
-  return dyn_db_set_cursor(cursor, &id, sizeof id);
+  return vsk::store::DynSetCursor(cursor, &id, sizeof id);
 }
 
 // Key of the table's last record; 0 for an empty table (or when it cannot be read).
 vsk_session_id_t LastKey(DBC* cursor) {
   vsk_session_key_t* key = nullptr;
-  dyn_db_get_cursor(cursor, nullptr, nullptr, &key, DecodeSessionKey, nullptr, nullptr,
-                    nullptr, nullptr, DB_LAST, nullptr, 0);
+  vsk::store::DynGetCursor(cursor, nullptr, nullptr, &key, DecodeSessionKey, nullptr, nullptr,
+                           nullptr, nullptr, DB_LAST, nullptr, 0);
   vsk_session_id_t id = key != nullptr ? key->id : 0;
-  vsk_db_release_key_session_id(key, true);
+  vsk::store::ReleaseKeySessionId(key, true);
   return id;
 }
 
 vsk_status_t WalkSessions(DB* db, vsk_value_decoder_t decoder, vsk_db_txn_t* walk,
                           vsk_session_id_t current_key, vsk_session_id_t next_key,
-                          vsk_session_id_t start_key, bool nearest,
-                          vsk_session_key_t** key_out, vsk_session_key_t** next_out,
-                          void* record_out, const uint8_t* mask, uint16_t mask_len) {
-  // 1. The walk has ended.
+                          vsk_session_id_t start_key, bool nearest, vsk_session_key_t** key_out,
+                          vsk_session_key_t** next_out, void* record_out, const uint8_t* mask,
+                          uint16_t mask_len) {
+  // The walk has ended: the last read found no next record.
   if (current_key != 0 && next_key == 0) return VSK_ERR_NOT_FOUND;
   if (db == nullptr || walk == nullptr) return VSK_ERR_FATAL;
-  // 2.
+  // The walk's cursor, inside the caller's transaction, for this call only.
   DBC* cursor = nullptr;
   int ret = db->cursor(db, walk->txn, &cursor, 0);
-  if (ret != 0) return get_vsk_err(ret);
+  if (ret != 0) return vsk::base::TranslateError(ret);
   walk->cursor = cursor;
   vsk_status_t st = VSK_OK;
   uint32_t op = DB_FIRST;
-  // 3. Position.
+  // Position: after the start key, or on the next key a previous call looked ahead to.
   bool positioned = false;
   if (start_key != 0) {
     st = SetOn(cursor, start_key);
@@ -64,7 +66,7 @@ vsk_status_t WalkSessions(DB* db, vsk_value_decoder_t decoder, vsk_db_txn_t* wal
     positioned = true;
   }
   if (positioned) {
-    // 4. The position has gone: continue at the nearest record that still exists.
+    // The position has gone: continue at the nearest record that still exists.
     if (st == VSK_ERR_NOT_FOUND && nearest) {
       if (start_key != 0 && next_key == 0) {
         next_key = start_key;
@@ -90,22 +92,23 @@ vsk_status_t WalkSessions(DB* db, vsk_value_decoder_t decoder, vsk_db_txn_t* wal
       }
     }
   }
-  // 5, 6.
+  // Read the record at the position, decoded (and filtered by `mask`).
   if (st == VSK_OK) {
-    st = dyn_db_get_cursor(cursor, nullptr, nullptr, key_out, DecodeSessionKey, record_out,
-                           decoder, nullptr, nullptr, op, mask, mask_len);
-    // 7. Look ahead; at the end *next_out stays as it was.
+    st = vsk::store::DynGetCursor(cursor, nullptr, nullptr, key_out, DecodeSessionKey, record_out,
+                                  decoder, nullptr, nullptr, op, mask, mask_len);
+    // Look ahead to the next key, so the caller can resume there; at the end *next_out stays as it
+    // was.
     if (st == VSK_OK || st == VSK_ERR_SNAPSHOT_ONLY) {
-      vsk_status_t ahead = dyn_db_get_cursor(cursor, nullptr, nullptr, next_out, DecodeSessionKey,
-                                             nullptr, nullptr, nullptr, nullptr, DB_NEXT,
-                                             nullptr, 0);
+      vsk_status_t ahead =
+          vsk::store::DynGetCursor(cursor, nullptr, nullptr, next_out, DecodeSessionKey, nullptr,
+                                   nullptr, nullptr, nullptr, DB_NEXT, nullptr, 0);
       if (ahead != VSK_OK && ahead != VSK_ERR_NOT_FOUND) st = ahead;
     }
   }
-  // 8.
+  // The cursor goes in every case; its close failure counts only after a good read.
   ret = cursor->close(cursor);
   walk->cursor = nullptr;
-  if (st == VSK_OK) st = get_vsk_err(ret);
+  if (st == VSK_OK) st = vsk::base::TranslateError(ret);
   return st;
 }
 
@@ -138,20 +141,19 @@ vsk_status_t vsk_db_iterate_client_session(vsk_db_txn_t* walk, vsk_session_id_t 
                                            vsk_session_id_t next_key, vsk_session_id_t start_key,
                                            bool nearest, vsk_session_key_t** key_out,
                                            vsk_session_key_t** next_out,
-                                           vsk_client_session_t** record_out,
-                                           const uint8_t* mask, uint16_t mask_len) {
+                                           vsk_client_session_t** record_out, const uint8_t* mask,
+                                           uint16_t mask_len) {
   DB* db = Context() != nullptr ? Context()->client_session_db : nullptr;
   return WalkSessions(db, DecodeClientRecord, walk, current_key, next_key, start_key, nearest,
                       key_out, next_out, record_out, mask, mask_len);
 }
 
 vsk_status_t vsk_db_iterate_service_session(vsk_db_txn_t* walk, vsk_session_id_t current_key,
-                                            vsk_session_id_t next_key,
-                                            vsk_session_id_t start_key, bool nearest,
-                                            vsk_session_key_t** key_out,
+                                            vsk_session_id_t next_key, vsk_session_id_t start_key,
+                                            bool nearest, vsk_session_key_t** key_out,
                                             vsk_session_key_t** next_out,
-                                            vsk_service_session_t** record_out,
-                                            const uint8_t* mask, uint16_t mask_len) {
+                                            vsk_service_session_t** record_out, const uint8_t* mask,
+                                            uint16_t mask_len) {
   DB* db = Context() != nullptr ? Context()->service_session_db : nullptr;
   return WalkSessions(db, DecodeServiceRecord, walk, current_key, next_key, start_key, nearest,
                       key_out, next_out, record_out, mask, mask_len);
@@ -174,28 +176,28 @@ vsk_status_t vsk_db_iterate_app_defined(vsk_db_txn_t* walk, const void* current_
   }
   DBC* cursor = nullptr;
   int ret = db->cursor(db, walk->txn, &cursor, 0);
-  if (ret != 0) return get_vsk_err(ret);
+  if (ret != 0) return vsk::base::TranslateError(ret);
   walk->cursor = cursor;
   const uint16_t key_len = vsk_app_defined[table_id].key_len;
   uint32_t op = DB_FIRST;
   vsk_status_t st = VSK_OK;
   if (next_key != nullptr) {
-    st = dyn_db_set_cursor(cursor, next_key, key_len);
+    st = vsk::store::DynSetCursor(cursor, next_key, key_len);
     op = DB_CURRENT;
   }
   if (st == VSK_OK) {
     (*key_out)->table_id = table_id;
     (*next_out)->table_id = table_id;
     g_walk_key_len = key_len;
-    st = dyn_db_get_cursor(cursor, nullptr, nullptr, &(*key_out)->key, DecodeAppDefKey, nullptr,
-                           nullptr, nullptr, nullptr, op, nullptr, 0);
+    st = vsk::store::DynGetCursor(cursor, nullptr, nullptr, &(*key_out)->key, DecodeAppDefKey,
+                                  nullptr, nullptr, nullptr, nullptr, op, nullptr, 0);
   }
   if (st == VSK_OK) {
-    st = dyn_db_get_cursor(cursor, nullptr, nullptr, &(*next_out)->key, DecodeAppDefKey,
-                           nullptr, nullptr, nullptr, nullptr, DB_NEXT, nullptr, 0);
+    st = vsk::store::DynGetCursor(cursor, nullptr, nullptr, &(*next_out)->key, DecodeAppDefKey,
+                                  nullptr, nullptr, nullptr, nullptr, DB_NEXT, nullptr, 0);
     ret = cursor->close(cursor);
     walk->cursor = nullptr;
-    if (st == VSK_OK || st == VSK_ERR_NOT_FOUND) return get_vsk_err(ret);
+    if (st == VSK_OK || st == VSK_ERR_NOT_FOUND) return vsk::base::TranslateError(ret);
     return st;
   }
   cursor->close(cursor);

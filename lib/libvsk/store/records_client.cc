@@ -27,48 +27,44 @@ bool ConfigBitsPass(const uint8_t* bits, uint16_t bits_len, const uint8_t* mask,
   return false;
 }
 
+std::optional<int> ReadVersion(base::ByteReader& r, bool check) {
+  uint16_t version = 0;
+  if (!r.Get(&version)) return 2;  // the caller sees a size mismatch
+  if (check && version != VSK_RECORD_VERSION) return -1;
+  return std::nullopt;
+}
+
 void WriteConfigBitsSection(RecordWriter& w, const uint8_t* bits, uint16_t bits_len) {
   if (bits_len == 0) return;
-  if (uint8_t* p = w.Reserve(8u + 2u + bits_len)) {
-    PutSectionHeader(p, VSK_SECTION_CONFIG_BITS, 8);  // fixed, whatever the true size
-    PutAt<uint16_t>(p + 8, bits_len);
-    if (bits != nullptr) {
-      std::memcpy(p + 10, bits, bits_len);
-    } else {
-      std::memset(p + 10, 0, bits_len);
-    }
+  base::ByteWriter p;
+  // The length field is fixed at 8, whatever the true size.
+  if (w.ReserveSection(VSK_SECTION_CONFIG_BITS, 8, 2u + bits_len, &p)) {
+    p.Put<uint16_t>(bits_len);
+    p.Bytes(bits, bits_len);
   }
 }
 
 void WriteAttrsSection(RecordWriter& w, uint32_t tag, const vsk_attr_list_t* attrs) {
   const uint32_t size = vsk::attr::AttrEntriesSize(attrs);
-  if (uint8_t* p = w.Reserve(8 + size)) {
-    PutSectionHeader(p, tag, size);
-    vsk::attr::WriteAttrEntries(attrs, p + 8);
-  }
+  base::ByteWriter p;
+  if (w.ReserveSection(tag, size, size, &p)) vsk::attr::WriteAttrEntries(attrs, p);
 }
 
 void WriteIdSection(RecordWriter& w, uint32_t tag, uint64_t id) {
-  if (uint8_t* p = w.Reserve(16)) {
-    PutSectionHeader(p, tag, 8);
-    PutAt<uint64_t>(p + 8, id);
-  }
+  base::ByteWriter p;
+  if (w.ReserveSection(tag, 8, 8, &p)) p.Put<uint64_t>(id);
 }
 
 uint32_t EncodeClientRecord(const void* object, void* buffer, uint32_t room) {
   const auto* rec = static_cast<const vsk_client_session_t*>(object);
   RecordWriter w(buffer, room);
-  if (uint8_t* p = w.Reserve(2)) PutAt<uint16_t>(p, VSK_RECORD_VERSION);
+  w.PutVersion();
   if (rec->service_count != 0) {
     const uint32_t body = 2u + 8u * rec->service_count;
-    if (uint8_t* p = w.Reserve(8 + body)) {
-      PutSectionHeader(p, VSK_SECTION_SERVICE_IDS, body);
-      PutAt<uint16_t>(p + 8, rec->service_count);
-      if (rec->service_ids != nullptr) {
-        std::memcpy(p + 10, rec->service_ids, 8u * rec->service_count);
-      } else {
-        std::memset(p + 10, 0, 8u * rec->service_count);
-      }
+    base::ByteWriter p;
+    if (w.ReserveSection(VSK_SECTION_SERVICE_IDS, body, body, &p)) {
+      p.Put<uint16_t>(rec->service_count);
+      p.Bytes(rec->service_ids, 8u * rec->service_count);
     }
   }
   WriteConfigBitsSection(w, rec->config_bits, rec->config_bits_len);
@@ -82,78 +78,77 @@ int DecodeClientRecord(void* out, void* data, uint32_t size, const uint8_t* mask
   auto** slot = static_cast<vsk_client_session_t**>(out);
   auto* rec = StartDecoded<vsk_client_session_t>(out, data);
   if (rec == nullptr) return VSK_ERR_NOMEM;
-  const auto* bytes = static_cast<const uint8_t*>(data);
-  if (size < 2) return 2;
-  if (GetAt<uint16_t>(bytes) != VSK_RECORD_VERSION) return -1;
-  uint32_t pos = 2;
-  while (pos < size) {
-    if (size - pos < 8) return -1;
-    const uint32_t start = pos;
-    const uint32_t tag = GetAt<uint32_t>(bytes + pos);
-    const uint32_t length = GetAt<uint32_t>(bytes + pos + 4);
-    if (length > size - pos - 8) return -1;
-    pos += 8;
-    const uint32_t left = size - pos;
-    switch (tag) {
-      case VSK_SECTION_CLIENT_ATTRS: {
-        int r = vsk::attr::DecodeAttrEntries(bytes + pos, length, &rec->attrs);
-        if (r != 0) {
-          vsk_db_release_client_session(rec, true);
-          *slot = nullptr;
-          return r;
-        }
-        pos += length;
-        break;
-      }
-      case VSK_SECTION_SERVICE_IDS: {
-        if (left < 3) return -1;
-        const uint16_t count = GetAt<uint16_t>(bytes + pos);
-        if (count != 0 && 8u * count > left - 2) {
-          vsk_db_release_client_session(rec, true);
-          *slot = nullptr;
-          return -1;
-        }
-        // The ids lie at an odd offset in the record; they get an aligned copy so that
-        // callers may index them as vsk_session_id_t.
-        std::free(rec->free_service_ids ? rec->service_ids : nullptr);
-        rec->service_ids = nullptr;
-        rec->free_service_ids = 0;
-        rec->service_count = count;
-        if (count != 0) {
-          auto* ids = static_cast<vsk_session_id_t*>(std::malloc(8u * count));
-          if (ids == nullptr) return VSK_ERR_NOMEM;
-          std::memcpy(ids, bytes + pos + 2, 8u * count);
-          rec->service_ids = ids;
-          rec->free_service_ids = 1;
-        }
-        pos += length;
-        break;
-      }
-      case VSK_SECTION_DYNAMIC_ID:
-        if (left < 8) return -1;
-        rec->dynamic_id = GetAt<uint64_t>(bytes + pos);
-        pos += length;
-        break;
-      case VSK_SECTION_CONFIG_BITS: {
-        // The length field says 8 whatever the mask's size: step by the inner length.
-        if (left < 5) break;
-        const uint16_t n = GetAt<uint16_t>(bytes + pos);
-        if (n > left - 2) return -1;
-        auto* bits = static_cast<uint8_t*>(std::calloc(n + 1u, 1));
-        if (bits == nullptr) return VSK_ERR_NOMEM;
-        std::memcpy(bits, bytes + pos + 2, n);
-        std::free(rec->config_bits);
-        rec->config_bits = bits;
-        rec->config_bits_len = n;
-        if (!ConfigBitsPass(bits, n, mask, mask_len)) return VSK_ERR_SNAPSHOT_ONLY;
-        pos += 2u + n;
-        break;
-      }
-      default:
-        return static_cast<int>(start);
-    }
-  }
-  return static_cast<int>(pos);
+  base::ByteReader r(data, size);
+  if (auto early = ReadVersion(r, true)) return *early;
+  // A failure that gives the object up: released (not its buffer) and *out cleared.
+  auto give_up = [&](int result) {
+    vsk::store::ReleaseClientSession(rec, true);
+    *slot = nullptr;
+    return SectionVerdict::Return(result);
+  };
+  return WalkSections(r,
+                      [&](uint32_t tag, uint32_t length, base::ByteReader& body) -> SectionVerdict {
+                        switch (tag) {
+                          case VSK_SECTION_CLIENT_ATTRS: {
+                            base::ByteReader entries;
+                            body.Slice(length, &entries);  // fits: the walk checked the length
+                            const int result = vsk::attr::DecodeAttrEntries(entries, &rec->attrs);
+                            return result != 0 ? give_up(result) : SectionVerdict::Next();
+                          }
+                          case VSK_SECTION_SERVICE_IDS: {
+                            // The count is checked against the rest of the record, as the writers
+                            // of old records expect; the walk then steps by the section's length.
+                            if (body.remaining() < 3) return SectionVerdict::Return(-1);
+                            base::ByteReader ids = body;
+                            uint16_t count = 0;
+                            ids.Get(&count);
+                            if (count != 0 && 8u * count > ids.remaining()) return give_up(-1);
+                            // The ids lie at an odd offset in the record; they get an aligned copy
+                            // so that callers may index them as vsk_session_id_t.
+                            std::free(rec->free_service_ids ? rec->service_ids : nullptr);
+                            rec->service_ids = nullptr;
+                            rec->free_service_ids = 0;
+                            rec->service_count = count;
+                            if (count != 0) {
+                              auto* copy = static_cast<vsk_session_id_t*>(std::malloc(8u * count));
+                              if (copy == nullptr) return SectionVerdict::Return(VSK_ERR_NOMEM);
+                              ids.Bytes(copy, 8u * count);
+                              rec->service_ids = copy;
+                              rec->free_service_ids = 1;
+                            }
+                            body.Skip(length);
+                            return SectionVerdict::Next();
+                          }
+                          case VSK_SECTION_DYNAMIC_ID: {
+                            base::ByteReader id = body;
+                            if (!id.Get(&rec->dynamic_id)) return SectionVerdict::Return(-1);
+                            body.Skip(length);
+                            return SectionVerdict::Next();
+                          }
+                          case VSK_SECTION_CONFIG_BITS: {
+                            // The length field says 8 whatever the mask's size: step by the inner
+                            // length. With too little left for a length and one byte the walk goes
+                            // on at the next header.
+                            if (body.remaining() < 5) return SectionVerdict::Next();
+                            uint16_t n = 0;
+                            const uint8_t* src = nullptr;
+                            body.Get(&n);
+                            if (!body.Take(n, &src)) return SectionVerdict::Return(-1);
+                            auto* bits = static_cast<uint8_t*>(std::calloc(n + 1u, 1));
+                            if (bits == nullptr) return SectionVerdict::Return(VSK_ERR_NOMEM);
+                            std::memcpy(bits, src, n);
+                            std::free(rec->config_bits);
+                            rec->config_bits = bits;
+                            rec->config_bits_len = n;
+                            if (!ConfigBitsPass(bits, n, mask, mask_len)) {
+                              return SectionVerdict::Return(VSK_ERR_SNAPSHOT_ONLY);
+                            }
+                            return SectionVerdict::Next();
+                          }
+                          default:
+                            return SectionVerdict::StopBefore();
+                        }
+                      });
 }
 
 }  // namespace vsk::store

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
 #include "platform/paths.h"
 #include "vsk/store.h"
 

@@ -3,9 +3,10 @@
 // application's bytes with no framing.
 #include <db.h>
 
+#include "libvsk/base/trace.h"
 #include "libvsk/store/context.h"
+#include "libvsk/store/dyn_db_internal.h"
 #include "libvsk/store/records.h"
-#include "libvsk/trace.h"
 #include "vsk/dyn_db.h"
 #include "vsk/tables.h"
 
@@ -41,10 +42,10 @@ uint32_t EncodeAppDefKey(const void* object, void* buffer, uint32_t room) {
 vsk_status_t GetData(DB* db, vsk_db_txn_t* txn, const void* key, vsk_encoder_t enc,
                      vsk_app_data_t** out, bool for_update) {
   *out = nullptr;
-  vsk_status_t st =
-      dyn_db_get(db, TxnOf(txn), key, enc, out, DecodeAppData, for_update ? DB_RMW : 0, nullptr, 0);
+  vsk_status_t st = vsk::store::DynGet(db, TxnOf(txn), key, enc, out, DecodeAppData,
+                                       for_update ? DB_RMW : 0, nullptr, 0);
   if (st != VSK_OK && *out != nullptr) {
-    vsk_db_release_app_pri_data(*out, true);
+    vsk::store::ReleaseAppPriData(*out, true);
     *out = nullptr;
   }
   return st;
@@ -70,14 +71,14 @@ vsk_status_t vsk_db_put_app_pri_data(vsk_db_txn_t* txn, const vsk_app_pri_key_t*
   if (key == nullptr || data == nullptr) return VSK_ERR_INVALID_PARAM;
   DB* db = PrivateTable();
   if (db == nullptr) return VSK_ERR_FATAL;
-  return dyn_db_put(db, TxnOf(txn), key, EncodeAppPriKey, data, EncodeAppData, 0);
+  return vsk::store::DynPut(db, TxnOf(txn), key, EncodeAppPriKey, data, EncodeAppData, 0);
 }
 
 vsk_status_t vsk_db_del_app_pri_data(vsk_db_txn_t* txn, const vsk_app_pri_key_t* key) {
   if (key == nullptr) return VSK_ERR_INVALID_PARAM;
   DB* db = PrivateTable();
   if (db == nullptr) return VSK_ERR_FATAL;
-  return dyn_db_del(db, TxnOf(txn), key, EncodeAppPriKey, 0);
+  return vsk::store::DynDel(db, TxnOf(txn), key, EncodeAppPriKey, 0);
 }
 
 vsk_status_t vsk_db_get_app_def_data(vsk_db_txn_t* txn, const vsk_app_def_key_t* key,
@@ -94,13 +95,13 @@ vsk_status_t vsk_db_put_app_def_data(vsk_db_txn_t* txn, const vsk_app_def_key_t*
   DB* db = DefinedTable(key);
   if (db == nullptr) return VSK_ERR_FATAL;
   if (data == nullptr) return VSK_ERR_INVALID_PARAM;
-  return dyn_db_put(db, TxnOf(txn), key, EncodeAppDefKey, data, EncodeAppData, 0);
+  return vsk::store::DynPut(db, TxnOf(txn), key, EncodeAppDefKey, data, EncodeAppData, 0);
 }
 
 vsk_status_t vsk_db_del_app_def_data(vsk_db_txn_t* txn, const vsk_app_def_key_t* key) {
   DB* db = DefinedTable(key);
   if (db == nullptr) return VSK_ERR_FATAL;
-  return dyn_db_del(db, TxnOf(txn), key, EncodeAppDefKey, 0);
+  return vsk::store::DynDel(db, TxnOf(txn), key, EncodeAppDefKey, 0);
 }
 
 }  // extern "C"

@@ -1,7 +1,9 @@
 // vsk_trigger_sync: forces log traffic through replication so that a standby catches up,
 // by writing and deleting a throw-away client record under session id 0 (never a real
 // session) in one transaction. Only the log records remain.
-#include "libvsk/trace.h"
+#include "libvsk/base/trace.h"
+#include "libvsk/store/tables.h"
+#include "libvsk/store/txn.h"
 #include "vsk/attr.h"
 #include "vsk/store.h"
 #include "vsk/tables.h"
@@ -10,10 +12,9 @@ namespace {
 constexpr int kAttempts = 4;
 }
 
-extern "C" {
-
-vsk_status_t vsk_trigger_sync(void) {
-  vsk_status_t st = vsk_db_check();
+extern "C" vsk_status_t vsk_trigger_sync(void) {
+  using vsk::store::Txn;
+  vsk_status_t st = vsk::store::Check();
   if (st != VSK_OK) return st;
   uint8_t zero[4] = {0, 0, 0, 0};
   vsk_attr_t type{VSK_CLIENT_SESSION_TYPE, 4, zero, nullptr};
@@ -21,17 +22,23 @@ vsk_status_t vsk_trigger_sync(void) {
   vsk_client_session_t rec{};
   rec.attrs = &attrs;
   const vsk_session_id_t id = 0;
-  for (int attempt = 1;; ++attempt) {
-    vsk_db_txn_t txn{};
-    st = vsk_db_start_txn(&txn);
-    if (st == VSK_OK) st = vsk_db_put_client_session(&txn, &id, &rec);
-    if (st == VSK_OK) st = vsk_db_del_client_session(&txn, &id);
-    if (st == VSK_OK) return vsk_db_end_txn(&txn);
-    if (txn.txn != nullptr) vsk_db_abort_txn(&txn, st);
-    if ((st == VSK_ERR_RETRY || st == VSK_ERR_RECOVERING) && attempt < kAttempts) continue;
-    VSK_TRACE("Failed to trigger db synchronizatoin %d", st);
-    return st;
-  }
+  bool committed = false;
+  // A failed commit ends the call with its status, without another pass.
+  auto retry = [&](vsk_status_t s) {
+    return !committed && vsk::store::RetryOnDeadlockOrRecovery(s);
+  };
+  st = vsk::store::RunPasses(kAttempts, retry, [&](int) {
+    vsk_db_txn_t block{};
+    Txn txn(&block);
+    vsk_status_t pass = txn.Begin();
+    if (pass == VSK_OK) pass = vsk::store::PutClientSession(&block, &id, &rec);
+    if (pass == VSK_OK) pass = vsk::store::DelClientSession(&block, &id);
+    if (pass != VSK_OK) return txn.Fail(pass);
+    committed = true;
+    return txn.Commit();  // the commit's status is the call's, without a retry
+  });
+  if (committed) return st;
+  // Published text: "synchronizatoin" is spelt so on purpose; daemons match it.
+  VSK_TRACE("Failed to trigger db synchronizatoin %d", st);
+  return st;
 }
-
-}  // extern "C"

@@ -1,70 +1,112 @@
 // The gate in front of every session operation (vsk_db_check) and the transaction
-// helpers.
+// helpers; see txn.h.
 //
-// The owner of a transaction retries; these helpers never do. vsk_db_abort_txn leaves a
+// The owner of a transaction retries; these helpers never do. AbortTxn leaves a
 // transaction alone on -11: the environment is recovering and its handles must not be
 // used.
+#include "libvsk/store/txn.h"
+
 #include <db.h>
 
+#include "libvsk/base/status.h"
+#include "libvsk/base/trace.h"
 #include "libvsk/store/context.h"
-#include "libvsk/trace.h"
-#include "vsk/orvd.h"
-#include "vsk/store.h"
+#include "libvsk/store/joins.h"
 
-extern "C" {
+namespace vsk::store {
 
-// 0 when the store is usable (possibly after re-registering); -1 before registration,
-// -27 during the switchover phase of an upgrade, or the status of the re-registration.
-vsk_status_t vsk_db_check(void) {
-  using namespace vsk::store;
+vsk_status_t Check() {
   StoreContext* ctx = Context();
   if (ctx == nullptr || ctx->orvd_handle == nullptr) {
     VSK_TRACE("orvd_register should be called before using vsk");
     return VSK_ERR_FATAL;
   }
   orvd_ctx* handle = ctx->orvd_handle;
+  const LinkHooks& link = InstalledLinkHooks();
   // Session operations stop while the chassis finishes an upgrade's switchover; the
   // link is not read then.
-  if (orvd_get_platd_issu_state(handle) == 6) return VSK_ERR_ISSU;
+  if (link.operations_stopped != nullptr && link.operations_stopped(handle)) {
+    return VSK_ERR_ISSU;
+  }
   // A poll-mode daemon has its link serviced here; a message may change the state.
-  orvd_poll_check(handle);
+  if (link.poll != nullptr) link.poll(handle);
   if (ctx->state == VSK_ENV_READY) return VSK_OK;
   VSK_TRACE("db env state is invalid %d, re-init", ctx->state);
   // Repair in passing: close the link and the store (no timer), then join again.
-  orvd_reg_cleanup(handle, true, false);
-  return orvd_reregister(handle);
+  return link.repair != nullptr ? link.repair(handle) : VSK_ERR_FATAL;
 }
 
-// REQUIRES: `ctx` cleared by the caller or holding a finished transaction.
-vsk_status_t vsk_db_start_txn(vsk_db_txn_t* ctx) {
-  vsk_status_t st = vsk_db_check();
+// REQUIRES: `block` cleared by the caller or holding a finished transaction.
+vsk_status_t StartTxn(vsk_db_txn_t* block) {
+  vsk_status_t st = Check();
   if (st != VSK_OK) return st;
-  DB_TXN* parent = ctx->parent != nullptr ? ctx->parent->txn : nullptr;
-  DB_ENV* env = vsk::store::Context()->dbenv;
-  int ret = env->txn_begin(env, parent, &ctx->txn, 0);
+  DB_TXN* parent = block->parent != nullptr ? block->parent->txn : nullptr;
+  DB_ENV* env = Context()->dbenv;
+  int ret = env->txn_begin(env, parent, &block->txn, 0);
   if (ret != 0) {
     VSK_TRACE("Failed to start transaction: %s", db_strerror(ret));
-    ctx->txn = nullptr;
+    block->txn = nullptr;
   }
-  return get_vsk_err(ret);
+  return vsk::base::TranslateError(ret);
 }
 
-// REQUIRES: a transaction in `ctx->txn`. The handle is gone afterwards whatever the result.
-vsk_status_t vsk_db_end_txn(vsk_db_txn_t* ctx) {
-  if (ctx->txn == nullptr) return VSK_OK;
-  int ret = ctx->txn->commit(ctx->txn, 0);
+vsk_status_t EndTxn(vsk_db_txn_t* block) {
+  if (block->txn == nullptr) return VSK_OK;
+  int ret = block->txn->commit(block->txn, 0);
   if (ret != 0) VSK_TRACE("Failed to end transaction: %s\n", db_strerror(ret));
-  ctx->txn = nullptr;
-  return get_vsk_err(ret);
+  block->txn = nullptr;
+  return vsk::base::TranslateError(ret);
+}
+
+vsk_status_t AbortTxn(vsk_db_txn_t* block, vsk_status_t status) {
+  if (status == VSK_ERR_RECOVERING) return VSK_ERR_RECOVERING;
+  if (block->txn == nullptr) return VSK_OK;
+  int ret = block->txn->abort(block->txn);
+  if (ret != 0) VSK_TRACE("Failed to abort transaction: %s\n", db_strerror(ret));
+  block->txn = nullptr;
+  return vsk::base::TranslateError(ret);
+}
+
+Txn::~Txn() {
+  if (block_->txn == nullptr) return;
+  if (vsk_in_panic) {
+    block_->txn = nullptr;  // forgotten: the environment is beyond use
+    return;
+  }
+  AbortTxn(block_, VSK_ERR_FATAL);
+}
+
+vsk_status_t Txn::Fail(vsk_status_t status) {
+  AbortTxn(block_, status);
+  return status;
+}
+
+}  // namespace vsk::store
+
+extern "C" {
+
+vsk_status_t vsk_db_check(void) { return vsk::store::Check(); }
+
+vsk_status_t vsk_db_start_txn(vsk_db_txn_t* ctx) {
+  if (ctx == nullptr) {
+    VSK_TRACE("%s: null transaction block", "vsk_db_start_txn");
+    return VSK_ERR_INVALID_PARAM;
+  }
+  return vsk::store::StartTxn(ctx);
+}
+
+vsk_status_t vsk_db_end_txn(vsk_db_txn_t* ctx) {
+  if (ctx == nullptr) {
+    VSK_TRACE("%s: null transaction block", "vsk_db_end_txn");
+    return VSK_ERR_INVALID_PARAM;
+  }
+  return vsk::store::EndTxn(ctx);
 }
 
 vsk_status_t vsk_db_abort_txn(vsk_db_txn_t* ctx, vsk_status_t status) {
   if (status == VSK_ERR_RECOVERING) return VSK_ERR_RECOVERING;
-  if (ctx->txn == nullptr) return VSK_OK;
-  int ret = ctx->txn->abort(ctx->txn);
-  if (ret != 0) VSK_TRACE("Failed to abort transaction: %s\n", db_strerror(ret));
-  ctx->txn = nullptr;
-  return get_vsk_err(ret);
+  if (ctx == nullptr) return VSK_OK;  // nothing to abort
+  return vsk::store::AbortTxn(ctx, status);
 }
 
 }  // extern "C"

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "intf_fixture.h"
-#include "libvsk/store/context.h"
+#include "libvsk/store/view.h"
 #include "platform/paths.h"
 #include "vsk/store.h"
 
@@ -75,7 +75,7 @@ TEST_F(IntfTest, HolderKilledInsideTheTableIsDetectedEverywhereAndRepaired) {
     if (MapAsClient() != 0) return 10;
     StoreReady();
     if (vsk_db_interface_add("ae0", 2, 43, 0, 0) != VSK_ERR_SECONDARY_RECOVERY) return 11;
-    if (vsk::store::Context()->state != VSK_ENV_NEEDS_RECOVERY) return 12;
+    if (vsk::store::View().state() != VSK_ENV_NEEDS_RECOVERY) return 12;
     if (!GlobalTraces().Contains("VSK SECONDARY TABLE NEEDS RECOVERY")) return 13;
     return 0;
   });
@@ -84,7 +84,7 @@ TEST_F(IntfTest, HolderKilledInsideTheTableIsDetectedEverywhereAndRepaired) {
   StoreReady();
   EXPECT_EQ(NumClients("ae0"), VSK_ERR_SECONDARY_RECOVERY);
   EXPECT_TRUE(traces().Contains("*** BAD *** LOCK was still open by pid " + std::to_string(dead)));
-  EXPECT_EQ(vsk::store::Context()->state, VSK_ENV_NEEDS_RECOVERY);
+  EXPECT_EQ(vsk::store::View().state(), VSK_ENV_NEEDS_RECOVERY);
   // Until the repair every caller is refused; the semaphore itself is free.
   EXPECT_EQ(vsk_db_interface_remove("ae0", 2, 42), VSK_ERR_SECONDARY_RECOVERY);
 

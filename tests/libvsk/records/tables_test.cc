@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "libvsk/orvd_ctx.h"
-#include "libvsk/store/context.h"
+#include "libvsk/store/view.h"
 #include "support/harness.h"
 #include "vsk/vsk.h"
 
@@ -197,7 +197,7 @@ TEST_F(TablesTest, CorruptRowGivesMinus5AndNothingLeaks) {
   DBT k{}, v{};
   k.data = &id, k.size = 8;
   v.data = junk.data(), v.size = static_cast<uint32_t>(junk.size());
-  DB* db = store::Context()->client_session_db;
+  DB* db = store::View().client_session_db();
   ASSERT_EQ(db->put(db, nullptr, &k, &v, DB_AUTO_COMMIT), 0);
   vsk_client_session_t* c = nullptr;
   EXPECT_EQ(InTxn([&](vsk_db_txn_t* t) { return vsk_db_get_client_session(t, &id, &c, false); }),

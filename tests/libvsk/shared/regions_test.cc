@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "libvsk/orvd_ctx.h"
-#include "libvsk/store/context.h"
+#include "libvsk/store/view.h"
 #include "shared_fixture.h"
 #include "vsk/store.h"
 
@@ -164,8 +164,8 @@ TEST_F(RegionsTest, CloseShutsTheStoreFirstAndReturnsItsResult) {
       vsk_in_panic = panic;  // makes the store's close report a failure
       int rc = vsk_close_internal();
       if (rc != (panic ? -1 : 0)) return 3;
-      auto* ctx = vsk::store::Context();
-      if (ctx == nullptr || ctx->state != VSK_ENV_CLOSED || ctx->dbenv != nullptr) return 4;
+      const vsk::store::View store;
+      if (!store.started() || store.state() != VSK_ENV_CLOSED || store.env() != nullptr) return 4;
       // A failed store close still drops every pointer into shared memory.
       if (vsk_get_shm_ptr(0) != nullptr || vsk_db_status != nullptr) return 5;
       if (vsk_summary_counter != nullptr || vsk_snap_get_shared_memory_ptr() != nullptr) {

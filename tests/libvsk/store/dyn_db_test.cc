@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "libvsk/store/context.h"
+#include "libvsk/store/view.h"
 #include "libvsk/store/dyn_db_internal.h"
 #include "store_helpers.h"
 #include "support/harness.h"
@@ -293,7 +293,7 @@ TEST_F(DynDbTest, ApplicationTablesAreDefinedOnceAndComeBackAfterAReopen) {
   EXPECT_EQ(vsk_db_app_define(3, nullptr), VSK_ERR_INVALID_PARAM);
 
   ASSERT_EQ(vsk_db_app_define(3, "subscriber-notes"), VSK_OK);
-  DB* table = store::Context()->app_defined_db[3];
+  DB* table = store::View().app_defined_db(3);
   ASSERT_NE(table, nullptr);
   EXPECT_EQ(vsk_app_defined[3].key_len, 12);
   EXPECT_STREQ(vsk_app_defined[3].name, "subscriber-notes");
@@ -308,17 +308,17 @@ TEST_F(DynDbTest, ApplicationTablesAreDefinedOnceAndComeBackAfterAReopen) {
 
   // The first definition of an id stands.
   EXPECT_EQ(vsk_db_app_define(3, "another-name"), VSK_OK);
-  EXPECT_EQ(store::Context()->app_defined_db[3], table);
+  EXPECT_EQ(store::View().app_defined_db(3), table);
   EXPECT_STREQ(vsk_app_defined[3].name, "subscriber-notes");
 
   // Close and re-open: the daemon does nothing, the table is open again with its records.
   EXPECT_EQ(dyn_db_close(raw_), 0);
   raw_ = nullptr;
   ASSERT_EQ(vsk_db_close(), 0);
-  EXPECT_EQ(store::Context()->app_defined_db[3], nullptr);
+  EXPECT_EQ(store::View().app_defined_db(3), nullptr);
   EXPECT_STREQ(vsk_app_defined[3].name, "subscriber-notes");
   ASSERT_EQ(InitAs(&link_, true, true), VSK_OK) << traces().Dump();
-  DB* again = store::Context()->app_defined_db[3];
+  DB* again = store::View().app_defined_db(3);
   ASSERT_NE(again, nullptr);
   Bytes key{"note-key-001"};
   Decoded out;
@@ -327,7 +327,7 @@ TEST_F(DynDbTest, ApplicationTablesAreDefinedOnceAndComeBackAfterAReopen) {
   EXPECT_EQ(out.bytes, "hello");
   for (int id = 0; id < VSK_APP_DEFINED_TABLES; ++id) {
     if (id != 3) {
-      EXPECT_EQ(store::Context()->app_defined_db[id], nullptr) << id;
+      EXPECT_EQ(store::View().app_defined_db(id), nullptr) << id;
     }
   }
 }
@@ -379,7 +379,7 @@ TEST_F(VskTest, StandbyOpensNoMissingTableAndRefusesWrites) {
     std::string want = std::string("Application private database for table id 4 is not available ") +
                        db_strerror(ENOENT);
     if (!GlobalTraces().Contains(want)) return 9;
-    if (store::Context()->app_defined_db[4] != nullptr) return 10;
+    if (store::View().app_defined_db(4) != nullptr) return 10;
     return vsk_db_close() == 0 ? 0 : 11;
   });
   EXPECT_TRUE(standby.Ok()) << standby;
@@ -407,7 +407,7 @@ TEST_F(VskTest, ReopenFailsWhenADefinedTableIsMissingOnTheStandby) {
     if (!GlobalTraces().Contains("Failed to init application defined table id 2, ret -12")) {
       return 7;
     }
-    if (store::Context()->client_session_db == nullptr) return 8;  // fixed tables opened
+    if (store::View().client_session_db() == nullptr) return 8;  // fixed tables opened
     return vsk_db_close() == 0 ? 0 : 9;
   });
   EXPECT_TRUE(r.Ok()) << r;

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "libvsk/store/context.h"
+#include "libvsk/store/view.h"
 #include "platform/lodex.h"
 #include "platform/paths.h"
 #include "platform/product_info.h"
@@ -44,7 +44,7 @@ TEST_F(StoreEnvTest, OrvdCreatesAndClientsShareRecords) {
     orvd_ctx link{};
     if (InitAs(&link, false, true) != 0) return 1;
     if (StoreState() != VSK_ENV_READY) return 2;
-    if (PutRaw(store::Context()->client_session_db, 42, std::string(300, 'x')) != 0) return 3;
+    if (PutRaw(store::View().client_session_db(), 42, std::string(300, 'x')) != 0) return 3;
     return vsk_db_close() == 0 ? 0 : 4;
   });
   EXPECT_TRUE(writer.Ok()) << writer;
@@ -53,9 +53,9 @@ TEST_F(StoreEnvTest, OrvdCreatesAndClientsShareRecords) {
     orvd_ctx link{};
     if (InitAs(&link, false, true) != 0) return 1;
     std::string value;
-    if (GetRaw(store::Context()->client_session_db, 42, &value) != 0) return 2;
+    if (GetRaw(store::View().client_session_db(), 42, &value) != 0) return 2;
     if (value != std::string(300, 'x')) return 3;
-    if (GetRaw(store::Context()->client_session_db, 43, &value) != VSK_ERR_NOT_FOUND) return 4;
+    if (GetRaw(store::View().client_session_db(), 43, &value) != VSK_ERR_NOT_FOUND) return 4;
     return vsk_db_close() == 0 ? 0 : 5;
   });
   EXPECT_TRUE(reader.Ok()) << reader;
@@ -71,7 +71,7 @@ TEST_F(StoreEnvTest, StandbyClientWithoutReplicatedTablesGetsMinus12) {
     // On the standby the creator stops after replication and opens no table.
     if (InitAs(&link, true, false) != 0) return 1;
     if (StoreState() != VSK_ENV_REPLICATING) return 2;
-    if (store::Context()->client_session_db != nullptr) return 3;
+    if (store::View().client_session_db() != nullptr) return 3;
     ch.Ready();
     ch.WaitGo();
     return vsk_db_close() == 0 ? 0 : 4;
@@ -122,7 +122,7 @@ TEST_F(StoreEnvTest, PanicForgetsEveryHandleAndCloseFails) {
     // No handle was touched: nothing was closed, nothing failed to close.
     if (GlobalTraces().CountContaining("closed") != 0) return 9;
     if (GlobalTraces().CountContaining("Failed") != 0) return 10;
-    if (store::Context()->dbenv != nullptr) return 11;
+    if (store::View().env() != nullptr) return 11;
     vsk_db_txn_t txn{};
     if (vsk_db_start_txn(&txn) == 0 || txn.txn != nullptr) return 2;
     return 0;
@@ -139,26 +139,28 @@ TEST_F(StoreEnvTest, CloseOrderAndFinalState) {
       "closed client database",       "closed service database",
       "closed auth request database", "closed auth response database",
       "closed dynamic config database", "closed private data database",
-      "closed private data database\n", "closed environment"};
+      "closed private data database\n", "closed dcp provisioning db", "closed environment"};
   EXPECT_EQ(traces().Texts(), want) << traces().Dump();
   EXPECT_EQ(StoreState(), VSK_ENV_CLOSED);
   EXPECT_EQ(vsk_db_get_orvd_handle(), &link_);
   DB_ENV* env = reinterpret_cast<DB_ENV*>(1);
   EXPECT_EQ(vsk_db_get_dbenv(&env), 0);
   EXPECT_EQ(env, nullptr);
-  for (DB* db : store::Context()->app_defined_db) EXPECT_EQ(db, nullptr);
+  for (int id = 0; id < VSK_APP_DEFINED_TABLES; ++id) {
+    EXPECT_EQ(store::View().app_defined_db(id), nullptr) << id;
+  }
   // A second close has nothing to do.
   EXPECT_EQ(vsk_db_close(), 0);
 }
 
 TEST_F(StoreEnvTest, SecondInitWhileReadyTouchesNothing) {
   ASSERT_EQ(InitAs(&link_, true, true), 0) << traces().Dump();
-  DB* client = store::Context()->client_session_db;
+  DB* client = store::View().client_session_db();
   traces().Clear();
   orvd_ctx other{};
   EXPECT_EQ(vsk_db_init(&other, true), 0);
   EXPECT_EQ(traces().Texts(), std::vector<std::string>{"VSK already open"});
-  EXPECT_EQ(store::Context()->client_session_db, client);
+  EXPECT_EQ(store::View().client_session_db(), client);
   EXPECT_EQ(vsk_db_get_orvd_handle(), &link_);
   EXPECT_EQ(vsk_db_close(), 0);
   // After a close, init opens everything again.
@@ -209,7 +211,7 @@ TEST_F(StoreEnvTest, TransactionHelpersAndAbortRules) {
   vsk_db_txn_t none{};
   EXPECT_EQ(vsk_db_abort_txn(&none, -4), 0) << "no transaction, nothing to abort";
   ASSERT_EQ(InitAs(&link_, true, true), 0);
-  DB* db = store::Context()->client_session_db;
+  DB* db = store::View().client_session_db();
 
   vsk_db_txn_t txn{};
   ASSERT_EQ(vsk_db_start_txn(&txn), 0);
@@ -268,7 +270,7 @@ TEST_F(StoreEnvTest, OpenFailureIsTracedAndHandleForgotten) {
     if (InitAs(&link, false, true) != VSK_ERR_FATAL) return 1;
     std::string want = std::string("Error opening DB environment: ") + db_strerror(ENOENT);
     if (!GlobalTraces().Contains(want)) return 2;
-    if (StoreState() != VSK_ENV_INIT || store::Context()->dbenv != nullptr) return 3;
+    if (StoreState() != VSK_ENV_INIT || store::View().env() != nullptr) return 3;
     return vsk_db_close() == 0 ? 0 : 4;  // nothing open: nothing to close
   });
   EXPECT_TRUE(r.Ok()) << r;
@@ -281,7 +283,7 @@ TEST_F(StoreEnvTest, ReplicationQueueFailureLeavesEnvironmentForTheClose) {
   EXPECT_EQ(traces().CountContaining("Error init replication message queue: "), 1)
       << traces().Dump();
   EXPECT_EQ(StoreState(), VSK_ENV_OPENED);
-  EXPECT_NE(store::Context()->dbenv, nullptr);
+  EXPECT_NE(store::View().env(), nullptr);
   EXPECT_EQ(vsk_db_close(), 0);
   EXPECT_TRUE(traces().Contains("closed environment"));
 }
@@ -300,7 +302,7 @@ TEST_F(StoreEnvTest, CommitsOnTheMasterGoOnWhenTheReplicationQueueIsFull) {
     lodex_stats_t before{};
     if (lodex_get_stats(&before) != 0 || before.capacity != 4096 || before.used != 0) return 3;
     for (uint64_t id = 1; id <= 300; ++id) {
-      if (PutRaw(store::Context()->client_session_db, id, std::string(200, 'q')) != 0) return 4;
+      if (PutRaw(store::View().client_session_db(), id, std::string(200, 'q')) != 0) return 4;
     }
     lodex_stats_t after{};
     if (lodex_get_stats(&after) != 0) return 5;
@@ -309,7 +311,7 @@ TEST_F(StoreEnvTest, CommitsOnTheMasterGoOnWhenTheReplicationQueueIsFull) {
     if (after.dropped_full < 100) return 7;
     if (after.dropped_bytes < after.dropped_full * 200) return 8;
     std::string value;
-    if (GetRaw(store::Context()->client_session_db, 300, &value) != 0 || value.size() != 200) {
+    if (GetRaw(store::View().client_session_db(), 300, &value) != 0 || value.size() != 200) {
       return 9;
     }
     return vsk_db_close() == 0 ? 0 : 10;

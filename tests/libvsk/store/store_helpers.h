@@ -10,7 +10,7 @@
 #include <string>
 
 #include "libvsk/orvd_ctx.h"
-#include "libvsk/store/context.h"
+#include "libvsk/store/view.h"
 #include "support/harness.h"
 #include "vsk/dyn_db.h"
 #include "vsk/store.h"
@@ -65,8 +65,8 @@ struct Decoded {
 };
 
 inline int StoreState() {
-  auto* ctx = vsk::store::Context();
-  return ctx != nullptr ? ctx->state : -100;
+  const vsk::store::View store;
+  return store.started() ? store.state() : -100;
 }
 
 // Brings the store up in this process as `orvd` (creator) or as a client daemon.

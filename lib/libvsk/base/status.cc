@@ -1,12 +1,14 @@
 // Status codes: the message table, the translation of raw values, and the trace hook
-// with the two process-wide switches.
+// with the two process-wide switches. Part of the base module: every layer uses these.
+#include "vsk/status.h"
+
 #include <db.h>
 
 #include <iterator>
 
-#include "libvsk/trace.h"
-#include "vsk/status.h"
-#include "vsk/store.h"
+#include "libvsk/base/role.h"
+#include "libvsk/base/status.h"
+#include "libvsk/base/trace.h"
 
 namespace {
 
@@ -29,6 +31,7 @@ constexpr const char* kMessages[] = {
     "session database is read only",
     "session database internal state is recovering",
     "session database replication is not supported in current platform",
+    // Published text: the capital "Cannot" is part of it.
     "session database Cannot find array; need array identifying TLV; please set",
     "session database is not supported in current platform",
     nullptr,
@@ -60,13 +63,17 @@ vsk_trace_cbk_t vsk_trace_cbk = nullptr;
 bool vsk_debug = false;
 bool vsk_in_panic = false;
 
-const char* vsk_get_err_msg(vsk_status_t code) {
+}  // extern "C"
+
+const char* vsk::base::ErrorText(vsk_status_t code) {
   if (code > 0 || code < -27) return kOutOfTable;
   if (code == 0) return nullptr;  // no row for success; callers ask for failures only
   return kMessages[-code - 1];
 }
 
-vsk_status_t get_vsk_err(int value) {
+extern "C" const char* vsk_get_err_msg(vsk_status_t code) { return vsk::base::ErrorText(code); }
+
+vsk_status_t vsk::base::TranslateError(int value) {
   if (value >= kTracedLow && value <= kTracedHigh && value != DB_NOTFOUND) {
     VSK_TRACE("%s\n", db_strerror(value));
   }
@@ -90,10 +97,14 @@ vsk_status_t get_vsk_err(int value) {
       break;
   }
   if (value < 1) return value;
-  if (value == EACCES && !vsk_db_rep_is_master()) return VSK_ERR_READ_ONLY;
+  if (value == EACCES && !vsk::base::IsMaster()) return VSK_ERR_READ_ONLY;
   VSK_TRACE("VSK unknown error %d", value);
   return VSK_ERR_FATAL;
 }
+
+extern "C" {
+
+vsk_status_t get_vsk_err(int value) { return vsk::base::TranslateError(value); }
 
 void vsk_set_trace_cbk(vsk_trace_cbk_t fn) { vsk_trace_cbk = fn; }
 

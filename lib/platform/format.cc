@@ -1,0 +1,46 @@
+#include "platform/format.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+// The router's number for IPv6, which its stored values and callers use.
+constexpr int kRouterInet6 = 28;
+
+}  // namespace
+
+extern "C" int format_ipaddr(int family, const void* address, unsigned address_len, int with_prefix,
+                             unsigned prefix_len, int with_port, unsigned port, char* out,
+                             size_t room) {
+  if (out == nullptr || room == 0) return 0;
+  out[0] = '\0';
+  const bool v6 = family == AF_INET6 || family == kRouterInet6;
+  if (address == nullptr || (!v6 && family != AF_INET)) return 0;
+  const unsigned full = v6 ? 16 : 4;
+  if (address_len == 0) address_len = full;
+  if (address_len > full) return 0;
+  unsigned char bytes[16] = {};
+  std::memcpy(bytes, address, address_len);
+
+  char text[INET6_ADDRSTRLEN];
+  if (inet_ntop(v6 ? AF_INET6 : AF_INET, bytes, text, sizeof(text)) == nullptr) return 0;
+  char prefix[16] = "";
+  if (with_prefix != 0) std::snprintf(prefix, sizeof(prefix), "/%u", prefix_len);
+  int n;
+  if (with_port == 0) {
+    n = std::snprintf(out, room, "%s%s", text, prefix);
+  } else if (v6) {
+    n = std::snprintf(out, room, "[%s%s]:%u", text, prefix, port);
+  } else {
+    n = std::snprintf(out, room, "%s%s:%u", text, prefix, port);
+  }
+  if (n < 0 || static_cast<size_t>(n) >= room) {
+    out[0] = '\0';
+    return 0;
+  }
+  return n;
+}
