@@ -57,12 +57,10 @@ int RunCounters(const Globals& globals, const CountersOptions& options) {
 
 void AddCounters(CLI::App& app, const Globals& globals, Action* action) {
   auto options = std::make_shared<CountersOptions>();
-  CLI::App* sub = app.add_subcommand(
-      "counters", "the 49 summary counters: by state, type, interface type, config bit");
+  CLI::App* sub = AddSubcommand(
+      app, "counters", "the 49 summary counters: by state, type, interface type, config bit",
+      globals, action, RunCounters, options);
   sub->add_flag("--nonzero", options->nonzero, "text: list only the counters that are not 0");
-  sub->callback([&globals, options, action] {
-    *action = [&globals, options] { return RunCounters(globals, *options); };
-  });
 }
 
 }  // namespace vskctl

@@ -66,8 +66,8 @@ int RunDaemons(const Globals& globals) {
 }  // namespace
 
 void AddDaemons(CLI::App& app, const Globals& globals, Action* action) {
-  CLI::App* sub = app.add_subcommand("daemons", "orvd's published table of registered daemons");
-  sub->callback([&globals, action] { *action = [&globals] { return RunDaemons(globals); }; });
+  AddSubcommand(app, "daemons", "orvd's published table of registered daemons", globals, action,
+                RunDaemons);
 }
 
 }  // namespace vskctl

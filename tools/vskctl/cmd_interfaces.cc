@@ -89,15 +89,13 @@ int RunInterfaces(const Globals& globals, const InterfacesOptions& options) {
 
 void AddInterfaces(CLI::App& app, const Globals& globals, Action* action) {
   auto options = std::make_shared<InterfacesOptions>();
-  CLI::App* sub = app.add_subcommand(
-      "interfaces", "the interface table: names, counts, state, sessions on each");
+  CLI::App* sub = AddSubcommand(app, "interfaces",
+                                "the interface table: names, counts, state, sessions on each",
+                                globals, action, RunInterfaces, options);
   sub->add_option("--name", options->name, "only this interface");
   sub->add_flag("--sessions", options->sessions, "text: list the session ids on each");
   sub->add_flag("--no-lock", options->no_lock,
                 "copy the table without its semaphore (never waits; may be inconsistent)");
-  sub->callback([&globals, options, action] {
-    *action = [&globals, options] { return RunInterfaces(globals, *options); };
-  });
 }
 
 }  // namespace vskctl

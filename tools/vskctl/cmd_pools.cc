@@ -82,14 +82,11 @@ int RunPools(const Globals& globals, const PoolsOptions& options) {
 
 void AddPools(CLI::App& app, const Globals& globals, Action* action) {
   auto options = std::make_shared<PoolsOptions>();
-  CLI::App* sub =
-      app.add_subcommand("pools", "the unit pools: summary and the allocator's dump");
+  CLI::App* sub = AddSubcommand(app, "pools", "the unit pools: summary and the allocator's dump",
+                                globals, action, RunPools, options);
   sub->add_option("--type", options->type, "only pool 0 (interface units) or 1 (UID numbers)")
       ->check(CLI::Range(0, 1));
   sub->add_flag("--summary", options->summary, "size, used and free only, no dump");
-  sub->callback([&globals, options, action] {
-    *action = [&globals, options] { return RunPools(globals, *options); };
-  });
 }
 
 }  // namespace vskctl

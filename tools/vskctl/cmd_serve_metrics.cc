@@ -149,8 +149,9 @@ int RunServeMetrics(const Globals&, const ServeOptions& options) {
 
 void AddServeMetrics(CLI::App& app, const Globals& globals, Action* action) {
   auto options = std::make_shared<ServeOptions>();
-  CLI::App* sub = app.add_subcommand(
-      "serve-metrics", "serve counters, pools, interface table and store figures over HTTP");
+  CLI::App* sub = AddSubcommand(
+      app, "serve-metrics", "serve counters, pools, interface table and store figures over HTTP",
+      globals, action, RunServeMetrics, options);
   sub->add_option("--listen", options->listen, "address and port (port 0: any free port)")
       ->capture_default_str();
   sub->add_option("--client-timeout", options->client_timeout,
@@ -161,9 +162,6 @@ void AddServeMetrics(CLI::App& app, const Globals& globals, Action* action) {
                   "seconds between probes of the Berkeley DB environment")
       ->check(CLI::Range(0.05, 3600.0))
       ->capture_default_str();
-  sub->callback([&globals, options, action] {
-    *action = [&globals, options] { return RunServeMetrics(globals, *options); };
-  });
 }
 
 }  // namespace vskctl

@@ -27,24 +27,21 @@ int NotAvailable(const std::string& command) {
 
 int ListSessions(const Globals&) { return NotAvailable("sessions"); }
 
-int DumpSession(const Globals&, vsk_session_id_t id) {
+int DumpSession(const Globals&, const vsk_session_id_t& id) {
   return NotAvailable("session " + std::to_string(id));
 }
 
 }  // namespace
 
 void AddSessions(CLI::App& app, const Globals& globals, Action* action) {
-  CLI::App* list = app.add_subcommand("sessions", "a listing of the client sessions");
-  list->callback([&globals, action] { *action = [&globals] { return ListSessions(globals); }; });
-
+  AddSubcommand(app, "sessions", "a listing of the client sessions", globals, action,
+                ListSessions);
   auto id = std::make_shared<vsk_session_id_t>(0);
-  CLI::App* one = app.add_subcommand("session", "the dump of one session's snapshot");
-  one->add_option("id", *id, "session id (1 to 9223372036854775807)")
+  AddSubcommand(app, "session", "the dump of one session's snapshot", globals, action,
+                DumpSession, id)
+      ->add_option("id", *id, "session id (1 to 9223372036854775807)")
       ->required()
       ->check(CLI::Range(vsk_session_id_t{1}, kMaxSessionId));
-  one->callback([&globals, id, action] {
-    *action = [&globals, id] { return DumpSession(globals, *id); };
-  });
 }
 
 }  // namespace vskctl

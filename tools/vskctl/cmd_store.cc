@@ -176,9 +176,8 @@ int RunStore(const Globals& globals) {
 }  // namespace
 
 void AddStore(CLI::App& app, const Globals& globals, Action* action) {
-  CLI::App* sub = app.add_subcommand(
-      "store", "environment state, role, replication and the Berkeley DB figures");
-  sub->callback([&globals, action] { *action = [&globals] { return RunStore(globals); }; });
+  AddSubcommand(app, "store", "environment state, role, replication and the Berkeley DB figures",
+                globals, action, RunStore);
 }
 
 }  // namespace vskctl

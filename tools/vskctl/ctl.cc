@@ -23,6 +23,13 @@ void PrintTrace(void*, int, const char* format, ...) {
 
 }  // namespace
 
+CLI::App* AddSubcommand(CLI::App& app, const char* name, const char* help, const Globals& globals,
+                        Action* action, int (*run)(const Globals&)) {
+  CLI::App* sub = app.add_subcommand(name, help);
+  sub->callback([&globals, action, run] { *action = [&globals, run] { return run(globals); }; });
+  return sub;
+}
+
 int Failure(const std::string& message) {
   std::fprintf(stderr, "vskctl: %s\n", message.c_str());
   return kExitFailure;

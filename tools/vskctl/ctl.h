@@ -36,6 +36,22 @@ struct Globals {
 using Action = std::function<int()>;
 using AddCommand = void (*)(CLI::App& app, const Globals& globals, Action* action);
 
+// Adds subcommand `name` to `app`. Once the whole command line is parsed, the action is
+// run(globals, *options), with the options that the subcommand's flags filled in.
+template <typename Options>
+CLI::App* AddSubcommand(CLI::App& app, const char* name, const char* help, const Globals& globals,
+                        Action* action, int (*run)(const Globals&, const Options&),
+                        const std::shared_ptr<Options>& options) {
+  CLI::App* sub = app.add_subcommand(name, help);
+  sub->callback([&globals, options, action, run] {
+    *action = [&globals, options, run] { return run(globals, *options); };
+  });
+  return sub;
+}
+// The same for a subcommand without options of its own.
+CLI::App* AddSubcommand(CLI::App& app, const char* name, const char* help, const Globals& globals,
+                        Action* action, int (*run)(const Globals&));
+
 void AddCounters(CLI::App& app, const Globals& globals, Action* action);
 void AddPools(CLI::App& app, const Globals& globals, Action* action);
 void AddInterfaces(CLI::App& app, const Globals& globals, Action* action);

@@ -131,6 +131,20 @@ inline int AsRegisteredClient(const std::function<int()>& fn) {
   return rc;
 }
 
+// A registered client in a child process adds `count` interfaces "<prefix><i>" of `kind`,
+// with session id 100 + i and state i.
+inline bool AddInterfacesAsClient(const std::string& prefix, int count, uint32_t kind) {
+  return RunInChild([&] {
+           return AsRegisteredClient([&] {
+             for (int i = 0; i < count; ++i) {
+               std::string name = prefix + std::to_string(i);
+               if (vsk_db_interface_add(name.c_str(), kind, 100 + i, 1, i) != 0) return 1;
+             }
+             return 0;
+           });
+         }).Ok();
+}
+
 class VskctlTest : public VskTest {
  protected:
   void TearDown() override {
