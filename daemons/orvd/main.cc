@@ -21,6 +21,7 @@
 
 #include "libvsk/store/view.h"
 #include "platform/paths.h"
+#include "reopen.h"
 #include "server.h"
 #include "vsk/vsk.h"
 
@@ -32,6 +33,7 @@ evContext g_ev{};
 orvd_ctx_t* g_handle = nullptr;
 bool g_was_ready = false;
 Clock::time_point g_last_reopen{};
+
 
 void VLog(const char* format, va_list args) {
   if (g_stderr) {
@@ -45,10 +47,13 @@ void VLog(const char* format, va_list args) {
 
 void TraceSink(void*, int, const char* format, va_list args) { VLog(format, args); }
 
+bool ReopenInProgress();
+
 // Ready for clients: on the master the tables are open and the shared state rebuilt; on
 // the standby orvd stops once replication runs.
 StoreHealth Health() {
   const int32_t state = vsk::store::View().state();
+  if (ReopenInProgress()) return {false, VSK_ERR_NOT_STARTED};
   if (vsk_in_panic || state == VSK_ENV_PANIC) return {false, VSK_ERR_RECOVERING};
   if (state == VSK_ENV_NEEDS_RECOVERY) return {false, VSK_ERR_SECONDARY_RECOVERY};
   if (!orvd_is_registered()) return {false, VSK_ERR_NOT_STARTED};
@@ -75,9 +80,28 @@ vsk_status_t OpenLibrary() {
   return rc;
 }
 
+// The store's reopen in place (reopen.h): closes the library, forgetting every handle
+// when the environment may be wedged, and opens it again in the role of the moment.
+void CloseForReopen(bool wedged) {
+  if (wedged) vsk_in_panic = true;
+  orvd_unregister(&g_handle);
+  g_last_reopen = Clock::now();
+}
+
+bool OpenAfterReopen() {
+  bool ok = OpenLibrary() == VSK_OK;
+  g_was_ready = Health().ready;
+  return ok;
+}
+
+StoreReopen g_reopen(CloseForReopen, OpenAfterReopen);
+
+bool ReopenInProgress() { return g_reopen.active(); }
+
 // Runs Berkeley DB's lock-expiry pass (so that waits behind a dead holder end) and
 // follows the store's health: tells the clients when it goes, reopens it.
 void WatchStore(Server& server) {
+  if (g_reopen.Tick(server)) return;  // before anything touches a possibly wedged store
   DB_ENV* env = nullptr;
   if (vsk_db_get_dbenv(&env) == 0 && env != nullptr && !vsk_in_panic) {
     env->lock_detect(env, 0, DB_LOCK_EXPIRE, nullptr);
@@ -158,6 +182,7 @@ int main(int argc, char** argv) {
 
   int exit_code = 0;
   Server server(g_ev, Health);
+  g_reopen.Attach(&server);
   server.SetTickHook(WatchStore);
   // A stale socket goes before the store opens: no client reaches a dead orvd's file.
   unlink(vsk::platform::RootedPath(vsk::platform::kOrvdSocket).c_str());

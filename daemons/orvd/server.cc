@@ -237,10 +237,10 @@ bool Server::SendAck(Connection* conn, bool accepted, int32_t error, uint32_t da
   return false;
 }
 
-void Server::BroadcastStoreDown(int32_t status) {
+void Server::BroadcastStoreDown(int32_t status, const std::string& spare) {
   std::vector<Connection*> registered;
   for (const auto& c : conns_) {
-    if (c->registered) registered.push_back(c.get());
+    if (c->registered && (spare.empty() || c->name != spare)) registered.push_back(c.get());
   }
   for (Connection* c : registered) {
     Log("telling %s that the store is down (%d)", c->name.c_str(), status);
@@ -256,7 +256,10 @@ void Server::Drop(Connection* conn, const char* why) {
       std::find_if(conns_.begin(), conns_.end(), [conn](const auto& c) { return c.get() == conn; });
   if (it == conns_.end()) return;
   Log("dropping %s: %s", conn->name.empty() ? "client" : conn->name.c_str(), why);
-  if (conn->registered) table_[conn->name].connected = false;
+  if (conn->registered) {
+    table_[conn->name].connected = false;
+    ++lost_registered_;
+  }
   __evDeselectFD(ev_, conn->id);
   close(conn->fd);
   conns_.erase(it);

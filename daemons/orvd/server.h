@@ -82,12 +82,18 @@ class Server {
   // Closes every connection and the listener and removes the socket file.
   void Stop();
 
-  // Tells every registered client that the store is gone (negative acknowledgement).
-  void BroadcastStoreDown(int32_t status);
+  // Tells every registered client that the store is gone (negative acknowledgement), but
+  // the one named `spare`, if any.
+  void BroadcastStoreDown(int32_t status, const std::string& spare = std::string());
 
   // Called by the housekeeping tick; also exposed so the daemon can run its own checks.
   using TickHook = void (*)(Server& server);
   void SetTickHook(TickHook hook) { tick_hook_ = hook; }
+
+  // Open client connections, registered or not.
+  size_t ConnectionCount() const { return conns_.size(); }
+  // Registered clients whose connection ended without their leaving message (they died).
+  uint64_t LostWhileRegistered() const { return lost_registered_; }
 
  private:
   static void OnAccept(evContext ctx, void* uap, int fd, int mask);
@@ -118,6 +124,7 @@ class Server {
   std::vector<std::unique_ptr<Connection>> conns_;
   std::map<std::string, DaemonEntry> table_;
   uint32_t platd_issu_state_ = 0;
+  uint64_t lost_registered_ = 0;
 };
 
 // orvd's log: the trace callback of the link and the server's own messages.

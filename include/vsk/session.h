@@ -1,13 +1,27 @@
-/* Session ids and the id block of the extended create call.
+/* Session ids and client session creation.
  *
  * Client and service sessions share one id space, 1 to 0x7FFFFFFFFFFFFFFF; 0 means "no
- * session". Ids are never handed out twice until the space wraps (vsk/shared.h). */
+ * session". Ids are never handed out twice until the space wraps (vsk/shared.h); an id
+ * taken by a create that failed is simply skipped.
+ *
+ * A create writes the client record, the dynamic configuration record and the
+ * authentication request in one transaction (up to four passes on -4, -11 and -21), and,
+ * when the caller asks for it, a copy of the session in its shared-memory cache slot
+ * (vsk/session_cache.h). After the commit it counts the session in the interface table
+ * and the summary counters; failures there are traced and do not change the result.
+ *
+ * Lists are borrowed for the call. The library splices nodes of its own (client type,
+ * login time and, for inheritance, the underlying session id) at the head of `attrs` and
+ * takes exactly two off again: when three went on, the client-type node stays at the head
+ * of the caller's list, so a caller must not walk or reuse its list after such a call. */
 #ifndef VSK_SESSION_H
 #define VSK_SESSION_H
 
 #include <stdint.h>
 
+#include "vsk/attr.h"
 #include "vsk/export.h"
+#include "vsk/status.h"
 
 VSK_BEGIN_DECLS
 
@@ -24,6 +38,38 @@ typedef struct vsk_session_ids {
   uint16_t shm_offset;         /* out: cache slot position in 16-bit words, cut to 16 bits;
                                   written only when the cache is asked for */
 } vsk_session_ids_t;
+
+/* The caller-owned options of the extended create call. */
+typedef struct vsk_create_options {
+  uint8_t reserved;  /* first byte: set to 0 */
+  uint8_t use_shm;   /* 1: cache the new session in shared memory; anything else: not */
+  uint8_t reserved2[2];
+} vsk_create_options_t;
+
+/* Creates a client session of `client_type` (a single bit: it picks the summary counter).
+ * `attrs`, `auth_request` and `dynamic` may be null. On success *session_id gets the new
+ * id. 0 or a status; -6 for null `session_id` or an attribute without a value. */
+VSK_EXPORT vsk_status_t vsk_create_client_session(uint32_t client_type, vsk_attr_list_t *attrs,
+                                                  vsk_attr_list_t *auth_request,
+                                                  vsk_dyn_attr_list_t *dynamic,
+                                                  vsk_session_id_t *session_id);
+/* The same on top of the session `dynamic_session_id` (0: none), whose dynamic
+ * configuration the new session shares; only the types of `inherit_types` count. */
+VSK_EXPORT vsk_status_t vsk_create_bundled_client_session(
+    uint32_t client_type, vsk_attr_list_t *attrs, vsk_attr_list_t *auth_request,
+    vsk_dyn_attr_list_t *dynamic, vsk_session_id_t *session_id,
+    vsk_session_id_t dynamic_session_id, const vsk_attr_list_t *inherit_types);
+/* The full form: `ids` gives dynamic_session_id and receives session_id (and shm_offset
+ * when the cache is asked for); `options` may be null (no cache). */
+VSK_EXPORT vsk_status_t vsk_create_extended_client_session(
+    uint32_t client_type, vsk_attr_list_t *attrs, vsk_attr_list_t *auth_request,
+    vsk_dyn_attr_list_t *dynamic, vsk_session_ids_t *ids, const vsk_create_options_t *options,
+    const vsk_attr_list_t *inherit_types);
+
+/* The local time of day in seconds (may be null), and the process-wide login-time text
+ * "YYYY-MM-DD hh:mm:ss ZONE" that a create stores as VSK_LOGIN_TIME (may be null). The
+ * text is rebuilt only when the wall-clock second has changed. */
+VSK_EXPORT void vsk_get_login_time(uint32_t *seconds, const char **text);
 
 VSK_END_DECLS
 

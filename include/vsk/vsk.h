@@ -19,7 +19,10 @@
 #include "vsk/attr.h"
 #include "vsk/tables.h"
 #include "vsk/snapshot.h"
+#include "vsk/session_cache.h"
+#include "vsk/libstats.h"
 #include "vsk/provdb.h"
 #include "vsk/pfltd.h"
+#include "vsk/ack.h"
 
 #endif /* VSK_VSK_H */

@@ -8,6 +8,7 @@ namespace vsk::platform {
 namespace {
 
 std::atomic<LoggingSink> g_sink{nullptr};
+std::atomic<LoggingSink> g_system_sink{nullptr};
 
 int SyslogPriority(int level) {
   if (level <= LOG_ERR) return LOG_ERR;
@@ -18,6 +19,19 @@ int SyslogPriority(int level) {
 }  // namespace
 
 LoggingSink SetLoggingSink(LoggingSink sink) { return g_sink.exchange(sink); }
+
+LoggingSink SetSystemLogSink(LoggingSink sink) { return g_system_sink.exchange(sink); }
+
+void SystemLog(int priority, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  if (auto sink = g_system_sink.load(); sink != nullptr) {
+    sink(priority, format, args);
+  } else {
+    vsyslog(priority, format, args);
+  }
+  va_end(args);
+}
 
 }  // namespace vsk::platform
 

@@ -19,6 +19,13 @@ using LoggingSink = void (*)(int level, const char* format, va_list args);
 // Installs `sink` (null restores syslog) and returns the previous one.
 LoggingSink SetLoggingSink(LoggingSink sink);
 
+// A line for the system log at syslog `priority` (LOG_ERR...), for events an operator must
+// see outside the library's trace (statistics spikes). Goes to syslog, or to the sink a
+// test installed with SetSystemLogSink.
+[[gnu::format(printf, 2, 3)]] void SystemLog(int priority, const char* format, ...);
+// Installs `sink` for SystemLog (null restores syslog) and returns the previous one.
+LoggingSink SetSystemLogSink(LoggingSink sink);
+
 }  // namespace vsk::platform
 
 // An insist reports a broken precondition and does not stop the program: the caller

@@ -7,6 +7,7 @@
 
 struct wtimer_root {
   event_base* base;
+  wtimer_fatal_t fatal;
 };
 
 struct wtimer_leaf {
@@ -27,6 +28,11 @@ void OnLeafFired(evutil_socket_t, short, void* arg) {
 }
 
 }  // namespace
+
+event_base* TimerRootBase(const wtimer_root_t* root) {
+  return root != nullptr ? root->base : nullptr;
+}
+
 }  // namespace vsk::platform
 
 extern "C" {
@@ -34,7 +40,7 @@ extern "C" {
 wtimer_root_t* wtimer_init(evContext event_ctx, uint32_t /*flags*/) {
   event_base* base = evGetBase(event_ctx);
   if (base == nullptr) return nullptr;
-  return new (std::nothrow) wtimer_root{base};
+  return new (std::nothrow) wtimer_root{base, nullptr};
 }
 
 wtimer_leaf_t* wtimer_create_leaf(wtimer_root_t* root, uint32_t /*flags*/,
@@ -59,7 +65,10 @@ int wtimer_start_oneshot_precise(wtimer_leaf_t* leaf, const wtimer_interval_t* i
     tv.tv_sec += 1;
     tv.tv_usec -= 1000000;
   }
-  if (evtimer_add(leaf->ev, &tv) != 0) return -1;
+  if (evtimer_add(leaf->ev, &tv) != 0) {
+    if (leaf->root->fatal != nullptr) leaf->root->fatal("the event loop refused a timer");
+    return -1;
+  }
   leaf->running = true;
   return 0;
 }
@@ -74,5 +83,9 @@ int wtimer_destroy(wtimer_leaf_t* leaf) {
 }
 
 void wtimer_root_destroy(wtimer_root_t* root) { delete root; }
+
+void wtimer_set_fatal_handler(wtimer_root_t* root, wtimer_fatal_t handler) {
+  if (root != nullptr) root->fatal = handler;
+}
 
 }  // extern "C"

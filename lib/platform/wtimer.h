@@ -26,6 +26,10 @@ typedef struct wtimer_interval {
 
 typedef void (*wtimer_callback_t)(wtimer_leaf_t* leaf, void* arg);
 
+// Told when a timer of the root can no longer be armed (the event loop refused it): the
+// daemon's timers are then dead and it cannot go on as it was.
+typedef void (*wtimer_fatal_t)(const char* reason);
+
 // A timer root on the event context's loop; null for an empty context or no memory.
 // `flags` is reserved (0). The caller owns it (wtimer_root_destroy).
 wtimer_root_t* wtimer_init(evContext event_ctx, uint32_t flags);
@@ -49,4 +53,15 @@ int wtimer_destroy(wtimer_leaf_t* leaf);
 // Frees a root. REQUIRES: its leaves are destroyed.
 void wtimer_root_destroy(wtimer_root_t* root);
 
+// Installs the root's fatal handler (null: none). A null root is ignored.
+void wtimer_set_fatal_handler(wtimer_root_t* root, wtimer_fatal_t handler);
+
 }  // extern "C"
+
+struct event_base;
+
+namespace vsk::platform {
+// The event loop a root's timers run on, for platform code that watches descriptors on the
+// same loop; null for a null root.
+event_base* TimerRootBase(const wtimer_root_t* root);
+}  // namespace vsk::platform

@@ -13,6 +13,12 @@ int main(void) {
     fprintf(stderr, "status translation through the C ABI is wrong\n");
     return 1;
   }
+  libstats_iflstats_full_t stats = {0};
+  libstats_iflstats_full_set_version(&stats.stats[LS_CLEARED].ts);
+  if (stats.stats[LS_CLEARED].ts != LIBSTATS_IFLSTATS_FULL_VERSION || sizeof(libstats_iflstats_value_t) != 200) {
+    fprintf(stderr, "statistics records through the C ABI are wrong\n");
+    return 1;
+  }
   vsk_db_txn_t txn = {0, 0, 0};
   (void)txn;
   printf("c abi ok\n");

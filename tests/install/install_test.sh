@@ -36,7 +36,8 @@ for f in usr/include/vsk/vsk.h usr/include/vsk/export.h "usr$libdir/libvsk.so.0.
          "usr$libdir/libvsk.a" "usr$libdir/pkgconfig/libvsk.pc" \
          "usr$libdir/cmake/vsk/vskConfig.cmake" "usr$libdir/cmake/vsk/vskConfigVersion.cmake" \
          usr/sbin/orvd usr/bin/vskctl usr/lib/systemd/system/orvd.service \
-         usr/lib/systemd/system/vsk.target usr/lib/systemd/system/vsk-exporter.service; do
+         usr/lib/systemd/system/vsk.target usr/lib/systemd/system/vsk-exporter.service \
+         usr/sbin/lodexd usr/lib/systemd/system/lodexd.service; do
   [ -e "$stage/$f" ] || fail "missing $f"
 done
 [ ! -e "$stage/usr/bin/vsk-demo" ] || fail "the build-tree demo was installed"
@@ -47,6 +48,7 @@ grep -q '^ExecStart=/usr/sbin/orvd --foreground' "$stage/usr/lib/systemd/system/
   fail "orvd.service does not run the installed orvd"
 grep -q '^Type=notify' "$stage/usr/lib/systemd/system/orvd.service" || fail "orvd.service type"
 grep -q '^After=orvd.service' "$stage/usr/lib/systemd/system/vsk.target" || fail "vsk.target order"
+grep -q '^After=orvd.service' "$stage/usr/lib/systemd/system/lodexd.service" || fail "lodexd order"
 if command -v systemd-analyze >/dev/null 2>&1; then
   # The units name the installed paths; verify copies that point into the staging tree, so
   # that their commands exist. Any complaint counts as a failure.

@@ -17,12 +17,23 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdio>
 #include <cstdarg>
 #include <functional>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
+
+// In a child process (which reports through its exit code, not gtest): on a failed
+// condition, says which and returns the line number as the child's result.
+#define CHILD_CHECK(cond)                                                    \
+  do {                                                                       \
+    if (!(cond)) {                                                           \
+      std::fprintf(stderr, "%s:%d: %s failed\n", __FILE__, __LINE__, #cond); \
+      return __LINE__;                                                       \
+    }                                                                        \
+  } while (0)
 
 namespace vsk::test {
 

@@ -87,6 +87,7 @@ int vsk::store::Close() {
     if (join == nullptr || join->close == nullptr) continue;
     const int ret = join->close();
     if (ret == 0) {
+      // In a panic a join only forgets its handles: nothing was closed to report.
       if (join->closed != nullptr && !vsk_in_panic) VSK_TRACE("%s", join->closed);
     } else {
       if (join->close_failed != nullptr) VSK_TRACE(join->close_failed, db_strerror(ret));

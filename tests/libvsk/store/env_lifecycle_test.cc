@@ -139,7 +139,8 @@ TEST_F(StoreEnvTest, CloseOrderAndFinalState) {
       "closed client database",       "closed service database",
       "closed auth request database", "closed auth response database",
       "closed dynamic config database", "closed private data database",
-      "closed private data database\n", "closed dcp provisioning db", "closed environment"};
+      "closed private data database\n", "closed stats database", "closed dcp provisioning db",
+      "closed environment"};
   EXPECT_EQ(traces().Texts(), want) << traces().Dump();
   EXPECT_EQ(StoreState(), VSK_ENV_CLOSED);
   EXPECT_EQ(vsk_db_get_orvd_handle(), &link_);
