@@ -43,15 +43,10 @@ bool DumpPool(const PoolInfo& pool) {
 
 Json PoolJson(const vsk::shared::SegmentView& view, const PoolInfo& pool, bool with_list) {
   vsk::shared::PoolUsage u = view.Pool(pool.type);
-  Json j = {{"type", pool.type},
-            {"name", pool.name},
-            {"first_unit", u.first_unit},
-            {"size", u.size},
-            {"used", u.used},
-            {"free", u.free},
-            {"head", u.head},
-            {"tail", u.tail},
-            {"state", vsk::shared::PoolStateName(u.state)}};
+  Json j = {
+      {"type", pool.type}, {"name", pool.name}, {"first_unit", u.first_unit},
+      {"size", u.size},    {"used", u.used},    {"free", u.free},
+      {"head", u.head},    {"tail", u.tail},    {"state", vsk::shared::PoolStateName(u.state)}};
   if (with_list) j["allocated"] = view.AllocatedIndices(pool.type);
   return j;
 }
@@ -67,8 +62,8 @@ int RunPools(const Globals& globals, const PoolsOptions& options) {
       continue;
     }
     vsk::shared::PoolUsage u = view.Pool(pool.type);
-    std::printf("pool %u %s: size %u, used %u, free %u, first unit %u, %s\n", pool.type,
-                pool.name, u.size, u.used, u.free, u.first_unit, PoolStateName(u.state));
+    std::printf("pool %u %s: size %u, used %u, free %u, first unit %u, %s\n", pool.type, pool.name,
+                u.size, u.used, u.free, u.first_unit, PoolStateName(u.state));
     if (!options.summary && !DumpPool(pool)) {
       return Failure("unit pool " + std::to_string(pool.type) + " of root " + RootText() +
                      ": cannot attach the main segment");

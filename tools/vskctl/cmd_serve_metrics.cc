@@ -12,9 +12,9 @@
 // (a port of 0 picks a free one, shown there) and tells systemd that it is ready.
 // SIGTERM and SIGINT stop it.
 #include <arpa/inet.h>
+#include <event2/buffer.h>
 #include <event2/event.h>
 #include <event2/http.h>
-#include <event2/buffer.h>
 #include <event2/keyvalq_struct.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -109,8 +109,7 @@ int RunServeMetrics(const Globals&, const ServeOptions& options) {
   std::string host;
   uint16_t port = 0;
   if (!SplitListen(options.listen, &host, &port)) {
-    std::fprintf(stderr, "vskctl: --listen wants HOST:PORT, not \"%s\"\n",
-                 options.listen.c_str());
+    std::fprintf(stderr, "vskctl: --listen wants HOST:PORT, not \"%s\"\n", options.listen.c_str());
     return kExitUsage;
   }
   signal(SIGPIPE, SIG_IGN);
@@ -122,7 +121,8 @@ int RunServeMetrics(const Globals&, const ServeOptions& options) {
   evhttp_set_max_body_size(http.get(), 0);
   evhttp_set_allowed_methods(http.get(), EVHTTP_REQ_GET | EVHTTP_REQ_HEAD);
 
-  auto store_period = std::chrono::milliseconds(static_cast<int64_t>(options.store_interval * 1000));
+  auto store_period =
+      std::chrono::milliseconds(static_cast<int64_t>(options.store_interval * 1000));
   MetricsSource source(store_period);
   evhttp_set_cb(http.get(), "/metrics", OnMetrics, &source);
   evhttp_set_gencb(http.get(), OnOther, nullptr);

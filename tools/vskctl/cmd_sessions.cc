@@ -34,11 +34,10 @@ int DumpSession(const Globals&, const vsk_session_id_t& id) {
 }  // namespace
 
 void AddSessions(CLI::App& app, const Globals& globals, Action* action) {
-  AddSubcommand(app, "sessions", "a listing of the client sessions", globals, action,
-                ListSessions);
+  AddSubcommand(app, "sessions", "a listing of the client sessions", globals, action, ListSessions);
   auto id = std::make_shared<vsk_session_id_t>(0);
-  AddSubcommand(app, "session", "the dump of one session's snapshot", globals, action,
-                DumpSession, id)
+  AddSubcommand(app, "session", "the dump of one session's snapshot", globals, action, DumpSession,
+                id)
       ->add_option("id", *id, "session id (1 to 9223372036854775807)")
       ->required()
       ->check(CLI::Range(vsk_session_id_t{1}, kMaxSessionId));

@@ -58,9 +58,12 @@ Json EnvJson(const EnvFigures& f) {
         {"deadlocks", f.deadlocks},
         {"lock_timeouts", f.lock_timeouts},
         {"txn_timeouts", f.txn_timeouts}}},
-      {"lockers", {{"current", f.lockers}, {"max_seen", f.lockers_max_seen}, {"limit", f.lockers_limit}}},
+      {"lockers",
+       {{"current", f.lockers}, {"max_seen", f.lockers_max_seen}, {"limit", f.lockers_limit}}},
       {"thread_slots",
-       {{"allocated", f.thread_slots}, {"limit", f.thread_slots_limit}, {"dead", f.thread_slots_dead}}},
+       {{"allocated", f.thread_slots},
+        {"limit", f.thread_slots_limit},
+        {"dead", f.thread_slots_dead}}},
       {"log",
        {{"files", f.log_files},
         {"bytes", f.log_bytes},
@@ -81,7 +84,8 @@ Json EnvJson(const EnvFigures& f) {
 void PrintEnv(const EnvFigures& f) {
   std::printf("  environment      %s (Berkeley DB %s)\n", f.home.c_str(), f.version.c_str());
   if (f.replication) {
-    std::printf("  replication      %s%s, environment id %" PRId64 ", %" PRIu64 " log records queued\n",
+    std::printf("  replication      %s%s, environment id %" PRId64 ", %" PRIu64
+                " log records queued\n",
                 f.rep_role.c_str(), f.rep_startup_complete ? ", startup complete" : "",
                 f.rep_env_id, f.rep_log_queued);
   } else {
@@ -92,8 +96,8 @@ void PrintEnv(const EnvFigures& f) {
               f.txn_active, f.txn_max_active, f.txn_begins, f.txn_commits, f.txn_aborts);
   std::printf("  locks            %u (most %u, limit %u), %" PRIu64 " waits, %" PRIu64
               " deadlocks, %" PRIu64 " lock and %" PRIu64 " transaction time-outs\n",
-              f.locks, f.locks_max_seen, f.locks_limit, f.lock_waits, f.deadlocks,
-              f.lock_timeouts, f.txn_timeouts);
+              f.locks, f.locks_max_seen, f.locks_limit, f.lock_waits, f.deadlocks, f.lock_timeouts,
+              f.txn_timeouts);
   std::printf("  lockers          %u (most %u, limit %u)\n", f.lockers, f.lockers_max_seen,
               f.lockers_limit);
   std::printf("  thread slots     %u of %u, %u of dead processes\n", f.thread_slots,

@@ -9,7 +9,9 @@ namespace {
 std::array<CounterSlot, VSK_SUMMARY_COUNTER_SLOTS> Build() {
   std::array<CounterSlot, VSK_SUMMARY_COUNTER_SLOTS> s{};
   auto set = [&s](uint32_t slot, const std::string& group, const std::string& key,
-                  const std::string& name) { s[slot] = {slot, name, group, key}; };
+                  const std::string& name) {
+    s[slot] = {slot, name, group, key};
+  };
   set(0, "total", "all", "clients_total");
   for (uint32_t state = 0; state <= 4; ++state) {
     set(state + 1, "state", std::to_string(state), "state_" + std::to_string(state));

@@ -6,13 +6,12 @@
 // --json) as one JSON document with stable field names.
 #pragma once
 
+#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <string>
-
-#include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
+#include <string>
 
 #include "libvsk/shared/segment_view.h"
 
@@ -25,10 +24,10 @@ inline constexpr int kExitFailure = 1;
 inline constexpr int kExitUsage = 2;
 
 struct Globals {
-  std::string root;       // --root, else VSK_ROOT, else the system's own paths
-  bool json = false;      // --json
+  std::string root;   // --root, else VSK_ROOT, else the system's own paths
+  bool json = false;  // --json
   bool no_progress = false;
-  bool verbose = false;   // the library's traces on stderr
+  bool verbose = false;  // the library's traces on stderr
 };
 
 // A subcommand adds itself to the parser and leaves the action to run once the whole

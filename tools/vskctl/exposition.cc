@@ -12,8 +12,8 @@ bool ValidName(std::string_view name, bool colon) {
   if (name.empty()) return false;
   for (size_t i = 0; i < name.size(); ++i) {
     char c = name[i];
-    bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' ||
-              (colon && c == ':') || (i > 0 && c >= '0' && c <= '9');
+    bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' || (colon && c == ':') ||
+              (i > 0 && c >= '0' && c <= '9');
     if (!ok) return false;
   }
   return true;

@@ -20,8 +20,8 @@
 namespace vskctl {
 namespace {
 
-constexpr AddCommand kCommands[] = {AddCounters, AddPools,    AddInterfaces, AddDaemons,
-                                    AddSessions, AddStore,    AddServeMetrics};
+constexpr AddCommand kCommands[] = {AddCounters, AddPools, AddInterfaces,  AddDaemons,
+                                    AddSessions, AddStore, AddServeMetrics};
 
 // --root takes effect for the library through VSK_ROOT, which every path and key follows.
 bool UseRoot(const std::string& root) {
@@ -36,8 +36,7 @@ bool UseRoot(const std::string& root) {
 }
 
 int Run(int argc, char** argv) {
-  CLI::App app{"vskctl: read the session store's shared state, counters and daemons",
-               "vskctl"};
+  CLI::App app{"vskctl: read the session store's shared state, counters and daemons", "vskctl"};
   app.require_subcommand(1);
   app.fallthrough();
   Globals globals;

@@ -83,7 +83,8 @@ void AddPools(Exposition& e, const vsk::shared::SegmentView& seg) {
   vsk::shared::PoolUsage usage[2] = {seg.Pool(kPools[0].first), seg.Pool(kPools[1].first)};
   auto family = [&](const char* name, const char* help, auto field) {
     e.Family(name, "gauge", help);
-    for (size_t i = 0; i < 2; ++i) e.Sample(uint64_t{usage[i].*field}, {{"pool", kPools[i].second}});
+    for (size_t i = 0; i < 2; ++i)
+      e.Sample(uint64_t{usage[i].*field}, {{"pool", kPools[i].second}});
   };
   family("vsk_unit_pool_size", "Entries of the unit pool.", &vsk::shared::PoolUsage::size);
   family("vsk_unit_pool_used", "Units in use.", &vsk::shared::PoolUsage::used);

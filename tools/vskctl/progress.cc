@@ -34,8 +34,8 @@ void Progress::Step(uint64_t done) {
   // within a line on a shared terminal.
   std::fflush(stdout);
   if (total_ > 0) {
-    std::fprintf(stderr, "\r\033[K%s %" PRIu64 "/%" PRIu64 " (%" PRIu64 "%%)", what_.c_str(),
-                 done, total_, done * 100 / total_);
+    std::fprintf(stderr, "\r\033[K%s %" PRIu64 "/%" PRIu64 " (%" PRIu64 "%%)", what_.c_str(), done,
+                 total_, done * 100 / total_);
   } else {
     std::fprintf(stderr, "\r\033[K%s %" PRIu64, what_.c_str(), done);
   }

@@ -43,10 +43,10 @@ struct PoolUsage {
 // What went wrong when the view could not attach.
 enum class SegmentError {
   kNone,
-  kNoKeyFile,      // the root has no key file: nothing was ever started there
-  kMissing,        // no segment under the key
-  kOtherVersion,   // a segment of another size: made by another version of the library
-  kNoAccess,       // the segment is there but this user may not read it
+  kNoKeyFile,     // the root has no key file: nothing was ever started there
+  kMissing,       // no segment under the key
+  kOtherVersion,  // a segment of another size: made by another version of the library
+  kNoAccess,      // the segment is there but this user may not read it
   kAttachFailed,
 };
 

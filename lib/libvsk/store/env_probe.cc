@@ -137,8 +137,8 @@ bool ProbeEnvironment(EnvFigures* out, EnvError* error, std::string* message) {
                     message);
       case DB_VERSION_MISMATCH:
         return Fail(EnvError::kOtherVersion,
-                    what + " was made by another version of Berkeley DB (this is " +
-                        out->version + "): " + why,
+                    what + " was made by another version of Berkeley DB (this is " + out->version +
+                        "): " + why,
                     error, message);
       case DB_RUNRECOVERY:
         return Fail(EnvError::kNeedsRecovery,

@@ -51,9 +51,9 @@ struct EnvFigures {
   uint32_t log_file_limit = 0;  // bytes at which a log file is switched
   uint32_t log_current_file = 0;
   uint32_t log_current_offset = 0;
-  uint32_t log_files = 0;    // log files present in the home
-  uint64_t log_bytes = 0;    // their total size on disk
-  uint64_t data_bytes = 0;   // total size of the table files (*.db) in the home
+  uint32_t log_files = 0;   // log files present in the home
+  uint64_t log_bytes = 0;   // their total size on disk
+  uint64_t data_bytes = 0;  // total size of the table files (*.db) in the home
 
   // Cache.
   uint64_t cache_bytes = 0;
@@ -61,8 +61,8 @@ struct EnvFigures {
   uint64_t cache_misses = 0;
 
   // Replication as this environment knows it.
-  bool replication = false;    // the environment was made with replication
-  std::string rep_role;        // "master", "client" or "none"
+  bool replication = false;  // the environment was made with replication
+  std::string rep_role;      // "master", "client" or "none"
   bool rep_startup_complete = false;
   int64_t rep_env_id = 0;
   uint64_t rep_log_queued = 0;

@@ -2,7 +2,6 @@
  * orvd in poll mode, counts one client session, reads the counters back and leaves.
  * Prints the count; exits non-zero at the first step that fails. */
 #include <stdio.h>
-
 #include <vsk/vsk.h>
 
 int main(void) {

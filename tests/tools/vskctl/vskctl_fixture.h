@@ -11,10 +11,9 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "libvsk/shared/intf_file.h"
 #include "support/harness.h"
@@ -142,7 +141,8 @@ inline bool AddInterfacesAsClient(const std::string& prefix, int count, uint32_t
              }
              return 0;
            });
-         }).Ok();
+         })
+      .Ok();
 }
 
 class VskctlTest : public VskTest {

@@ -9,8 +9,8 @@
 #include <map>
 #include <regex>
 
-#include "libvsk/shared/root_objects.h"
 #include "libvsk/shared/intf_layout.h"
+#include "libvsk/shared/root_objects.h"
 #include "vskctl_fixture.h"
 
 namespace vsk::test {
@@ -39,8 +39,10 @@ struct IntfAdd {
   uint8_t set_state;
   uint32_t state;
 };
-constexpr IntfAdd kIntfAdds[] = {{"ge-0/0/0.100", 1, 0, 0, 0}, {"ge-0/0/0.100", 1, 0, 0, 0},
-                                 {"ge-0/0/0", 2, 7, 1, 4},     {"ge-0/0/0", 2, 5, 0, 0},
+constexpr IntfAdd kIntfAdds[] = {{"ge-0/0/0.100", 1, 0, 0, 0},
+                                 {"ge-0/0/0.100", 1, 0, 0, 0},
+                                 {"ge-0/0/0", 2, 7, 1, 4},
+                                 {"ge-0/0/0", 2, 5, 0, 0},
                                  {"xe-1/2/3.7", 3, 9, 1, 2}};
 
 int FillSharedState() {
@@ -205,14 +207,17 @@ TEST_F(VskctlTest, RefusesRootsWithoutAUsableStore) {
     std::string message;
   };
   const Case cases[] = {
-      {"no key file", [this] { unlink(Path(platform::kShmKeyFile).c_str()); },
-       {"counters", "pools", "interfaces", "store"}, "vsk_shmem is missing"},
+      {"no key file",
+       [this] { unlink(Path(platform::kShmKeyFile).c_str()); },
+       {"counters", "pools", "interfaces", "store"},
+       "vsk_shmem is missing"},
       {"nothing started", nullptr, {"counters", "pools", "interfaces"}, "does not exist"},
       {"nothing started", nullptr, {"daemons"}, "orvd_clients does not exist"},
       {"nothing started", nullptr, {"store"}, "store environment"},
       {"segment of another size",
        [] { ASSERT_NE(shmget(shared::RootObjects().front().key, 4096, IPC_CREAT | 0600), -1); },
-       {"counters", "pools", "interfaces", "store"}, "made by another version"},
+       {"counters", "pools", "interfaces", "store"},
+       "made by another version"},
       // orvd made the store, then the status word went back to "recovering" (orvd is
       // stopped first: a live orvd would soon rebuild it).
       {"store recovering",
@@ -226,7 +231,8 @@ TEST_F(VskctlTest, RefusesRootsWithoutAUsableStore) {
                        return 0;
                      }).Ok());
        },
-       {"counters", "pools", "interfaces", "store"}, "not ready: its status word is 2 (recovering)"},
+       {"counters", "pools", "interfaces", "store"},
+       "not ready: its status word is 2 (recovering)"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -316,8 +322,7 @@ TEST_F(VskctlTest, InterfaceTableFaultsAreReportedNotRepaired) {
   auto put32 = [](std::string* b, size_t at, uint32_t v) { std::memcpy(b->data() + at, &v, 4); };
   const Damage damages[] = {
       {"root outside the file",
-       [&](std::string* b) { put32(b, offsetof(FileHeader, interfaces), 0x7ffffff0); },
-       "outside"},
+       [&](std::string* b) { put32(b, offsetof(FileHeader, interfaces), 0x7ffffff0); }, "outside"},
       {"left link to itself",
        [&](std::string* b) { put32(b, root_node + offsetof(SHGenAVLNode, left), root_node); },
        "deeper"},
@@ -325,9 +330,7 @@ TEST_F(VskctlTest, InterfaceTableFaultsAreReportedNotRepaired) {
        [&](std::string* b) { put32(b, root_node + offsetof(SHGenAVLNode, right), root_node); },
        "more nodes than"},
       {"node of another record",
-       [&](std::string* b) {
-         put32(b, root_node + offsetof(SHGenAVLNode, data), root_node - 60);
-       },
+       [&](std::string* b) { put32(b, root_node + offsetof(SHGenAVLNode, data), root_node - 60); },
        "does not belong"},
       {"never formatted", [](std::string* b) { (*b)[0] = 0; }, "not formatted"},
       {"cut inside the header", [](std::string* b) { b->resize(20); }, "shorter than its header"},
