@@ -145,6 +145,7 @@ int RunStore(const Globals& globals) {
   if (globals.json) {
     Json env = env_ok ? EnvJson(figures) : Json{{"home", figures.home}, {"error", env_message}};
     env["available"] = env_ok;
+    env["state"] = vsk::store::EnvStateName(env_error);
     PrintJson({{"root", RootText()},
                {"role", role},
                {"shared_state", shared},
@@ -170,7 +171,8 @@ int RunStore(const Globals& globals) {
     if (env_ok) {
       PrintEnv(figures);
     } else {
-      std::printf("  environment      %s: not available\n", figures.home.c_str());
+      std::printf("  environment      %s: %s\n", figures.home.c_str(),
+                  vsk::store::EnvStateName(env_error));
     }
   }
   for (const std::string& p : problems) Failure(p);

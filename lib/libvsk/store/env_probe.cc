@@ -100,6 +100,24 @@ bool Fail(EnvError kind, std::string text, EnvError* error, std::string* message
 
 }  // namespace
 
+const char* EnvStateName(EnvError error) {
+  switch (error) {
+    case EnvError::kNone:
+      return "open";
+    case EnvError::kMissing:
+      return "missing";
+    case EnvError::kOtherVersion:
+      return "other_version";
+    case EnvError::kNeedsRecovery:
+      return "needs_recovery";
+    case EnvError::kNoAccess:
+      return "no_access";
+    case EnvError::kFailed:
+      return "failed";
+  }
+  return "failed";
+}
+
 bool ProbeEnvironment(EnvFigures* out, EnvError* error, std::string* message) {
   *out = EnvFigures{};
   *error = EnvError::kNone;

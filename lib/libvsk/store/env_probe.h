@@ -77,6 +77,9 @@ enum class EnvError {
   kFailed,
 };
 
+// "open", "missing", "other_version", "needs_recovery", "no_access", "failed".
+const char* EnvStateName(EnvError error);
+
 // Joins, reads, leaves. True with *out filled; otherwise *error and *message say why,
 // naming the home directory.
 bool ProbeEnvironment(EnvFigures* out, EnvError* error, std::string* message);

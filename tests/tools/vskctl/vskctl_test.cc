@@ -185,6 +185,7 @@ TEST_F(VskctlListings, DaemonsAndStoreShowTheLiveSystem) {
   EXPECT_EQ(s["orvd"]["socket_present"], true);
   json env = s["environment"];
   EXPECT_EQ(env["available"], true);
+  EXPECT_EQ(env["state"], "open");
   EXPECT_EQ(env["replication"]["role"], "master");
   EXPECT_EQ(env["thread_slots"]["limit"], 100);
   EXPECT_EQ(env["locks"]["limit"], 4096);
