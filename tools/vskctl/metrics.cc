@@ -15,16 +15,22 @@ void StoreCollector::Start() {
   std::lock_guard<std::mutex> lock(mu_);
   if (thread_.joinable()) return;
   stop_ = false;
+  ended_ = false;
   thread_ = std::thread([this] { Loop(); });
 }
 
-void StoreCollector::Stop() {
-  {
-    std::lock_guard<std::mutex> lock(mu_);
-    stop_ = true;
-  }
+bool StoreCollector::Stop() {
+  std::unique_lock<std::mutex> lock(mu_);
+  stop_ = true;
   wake_.notify_all();
-  if (thread_.joinable()) thread_.join();
+  if (!thread_.joinable()) return true;
+  if (!wake_.wait_for(lock, std::chrono::seconds(2), [this] { return ended_; })) {
+    thread_.detach();
+    return false;
+  }
+  lock.unlock();
+  thread_.join();
+  return true;
 }
 
 StoreCollector::Result StoreCollector::Latest() const {
@@ -46,6 +52,8 @@ void StoreCollector::Loop() {
     latest_ = std::move(r);
     wake_.wait_for(lock, period_, [this] { return stop_; });
   }
+  ended_ = true;
+  wake_.notify_all();
 }
 
 namespace {

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <cstdlib>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -32,10 +33,15 @@ class StoreCollector {
   };
 
   explicit StoreCollector(std::chrono::milliseconds period) : period_(period) {}
-  ~StoreCollector() { Stop(); }
+  ~StoreCollector() {
+    if (!Stop()) std::_Exit(1);
+  }
 
   void Start();
-  void Stop();
+  // Ends the collector. False when a probe wedged inside Berkeley DB had to be left
+  // running after a short wait: the process must then end at once (std::_Exit), since the
+  // thread still uses this object.
+  bool Stop();
   Result Latest() const;
 
  private:
@@ -45,6 +51,7 @@ class StoreCollector {
   mutable std::mutex mu_;
   std::condition_variable wake_;
   bool stop_ = false;
+  bool ended_ = false;
   Result latest_;
   std::thread thread_;
 };
@@ -54,7 +61,7 @@ class MetricsSource {
   explicit MetricsSource(std::chrono::milliseconds store_period) : store_(store_period) {}
 
   void Start() { store_.Start(); }
-  void Stop() { store_.Stop(); }
+  bool Stop() { return store_.Stop(); }
   // The whole exposition, read now. Called on the server's one thread.
   std::string Render();
 
