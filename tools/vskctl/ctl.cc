@@ -10,18 +10,41 @@
 namespace vskctl {
 namespace {
 
+// Where the library's traces go: the verbose stream (one trace per line), or, while a
+// RawTraces is alive, its stream with the text exactly as formatted.
 std::FILE* g_trace_stream = nullptr;
+std::FILE* g_raw_stream = nullptr;
 
 void PrintTrace(void*, int, const char* format, ...) {
-  if (g_trace_stream == nullptr) return;
   va_list args;
   va_start(args, format);
-  std::vfprintf(g_trace_stream, format, args);
+  LinkTrace(nullptr, 0, format, args);
   va_end(args);
-  std::fputc('\n', g_trace_stream);
 }
 
 }  // namespace
+
+void LinkTrace(void*, int, const char* format, va_list args) {
+  if (g_raw_stream != nullptr) {
+    std::vfprintf(g_raw_stream, format, args);
+  } else if (g_trace_stream != nullptr) {
+    std::vfprintf(g_trace_stream, format, args);
+    std::fputc('\n', g_trace_stream);
+  }
+}
+
+RawTraces::RawTraces(std::FILE* stream) : saved_(g_raw_stream) {
+  g_raw_stream = stream;
+  saved_hook_ = vsk_trace_cbk;
+  // Only the daemon link's forwarder (installed at registration) and this module's own
+  // hook lead here; without either, set ours for the scope.
+  if (vsk_trace_cbk == nullptr) vsk_set_trace_cbk(PrintTrace);
+}
+
+RawTraces::~RawTraces() {
+  g_raw_stream = saved_;
+  vsk_set_trace_cbk(saved_hook_);
+}
 
 CLI::App* AddSubcommand(CLI::App& app, const char* name, const char* help, const Globals& globals,
                         Action* action, int (*run)(const Globals&)) {

@@ -7,13 +7,16 @@
 #pragma once
 
 #include <CLI/CLI.hpp>
+#include <cstdarg>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "libvsk/shared/segment_view.h"
+#include "vsk/status.h"
 
 namespace vskctl {
 
@@ -79,5 +82,21 @@ bool OpenSegment(vsk::shared::SegmentView* view, Need need);
 
 // Installs a trace hook that prints the library's traces on `stream`, one per line.
 void TraceTo(std::FILE* stream);
+// The same sink in the daemon link's form (orvd_set_trace_callback).
+void LinkTrace(void* cookie, int level, const char* format, va_list args);
+// For its lifetime, the library's traces go to `stream` exactly as formatted (no line
+// ends added): the form of the operator dumps that the library writes through its trace
+// hook.
+class RawTraces {
+ public:
+  explicit RawTraces(std::FILE* stream);
+  ~RawTraces();
+  RawTraces(const RawTraces&) = delete;
+  RawTraces& operator=(const RawTraces&) = delete;
+
+ private:
+  std::FILE* saved_;
+  vsk_trace_cbk_t saved_hook_;
+};
 
 }  // namespace vskctl
