@@ -226,7 +226,20 @@ bool patricia_delete(patricia_root_t* root, patricia_node_t* node) {
 patricia_node_t* patricia_find_next(patricia_root_t* root, patricia_node_t* node) {
   if (root == nullptr || root->pr_top == 0) return nullptr;
   if (node == nullptr) return Leftmost(root->pr_top);
-  return Successor(root, KeyOf(root, node));
+  // The usual caller steps through the tree from one of its own leaves: one descent along
+  // the leaf's key finds it, and the last branch left on the way has the successor as the
+  // leftmost leaf of its right side. Any other key takes the general search.
+  const Key k = KeyOf(root, node);
+  patricia_node_t* last_left = nullptr;
+  uintptr_t link = root->pr_top;
+  while (IsBranch(link)) {
+    patricia_node_t* b = NodeOf(link);
+    const unsigned dir = BitAt(k, b->pn_bit);
+    if (dir == 0) last_left = b;
+    link = b->pn_child[dir];
+  }
+  if (NodeOf(link) == node) return last_left != nullptr ? Leftmost(last_left->pn_child[1]) : nullptr;
+  return Successor(root, k);
 }
 
 }  // extern "C"
