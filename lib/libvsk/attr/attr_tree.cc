@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "libvsk/attr/tree_internal.h"
+#include "platform/patricia_walk.h"
 
 namespace vsk::attr {
 
@@ -67,68 +68,11 @@ void FreeMemberList(vsk_array_member_list_t* list) {
   std::free(list);
 }
 
-patricia_node_t* DrainTree(patricia_root_t* root) {
-  // A depth-first walk over the links. A leaf's branch slot, when in use, holds a branch
-  // above that leaf, which the walk has already left behind when it reaches the leaf; so
-  // the leaf's first link is free to carry the chain. The stack holds at most one link
-  // per level plus one; it starts on this frame and grows on the heap for deep trees.
-  constexpr uintptr_t kBranch = 1;
-  uintptr_t local[64];
-  uintptr_t* stack = local;
-  size_t capacity = sizeof local / sizeof local[0];
-  size_t depth = 0;
-  patricia_node_t* chain = nullptr;
-  if (root->pr_top != 0) stack[depth++] = root->pr_top;
-  while (depth != 0) {
-    const uintptr_t link = stack[--depth];
-    auto* node = reinterpret_cast<patricia_node_t*>(link & ~kBranch);
-    if ((link & kBranch) == 0) {
-      node->pn_slot_used = 0;
-      node->pn_child[0] = reinterpret_cast<uintptr_t>(chain);
-      chain = node;
-      continue;
-    }
-    if (depth + 2 > capacity) {
-      auto* bigger = static_cast<uintptr_t*>(std::malloc(2 * capacity * sizeof *stack));
-      if (bigger == nullptr) {
-        // Out of memory: what is left goes one leftmost leaf at a time, as a tree of its
-        // own whose top is this branch (its slot is cleared behind every branch already
-        // taken apart, so the deletes never look for one of those).
-        stack[depth++] = link;
-        break;
-      }
-      std::memcpy(bigger, stack, depth * sizeof *stack);
-      if (stack != local) std::free(stack);
-      stack = bigger;
-      capacity *= 2;
-    }
-    // Both links are taken before the slot is marked unused: the slot is dead from here on.
-    const uintptr_t right = node->pn_child[1];
-    const uintptr_t left = node->pn_child[0];
-    node->pn_slot_used = 0;
-    stack[depth++] = right;
-    stack[depth++] = left;
-  }
-  while (depth != 0) {
-    patricia_root_t rest = *root;
-    rest.pr_top = stack[--depth];
-    patricia_node_t* p;
-    while ((p = patricia_find_next(&rest, nullptr)) != nullptr) {
-      patricia_delete(&rest, p);
-      p->pn_child[0] = reinterpret_cast<uintptr_t>(chain);
-      chain = p;
-    }
-  }
-  if (stack != local) std::free(stack);
-  root->pr_top = 0;
-  return chain;
-}
-
 patricia_root_t* NewIndexTree() { return patricia_root_init(nullptr, true, 4, 0); }
 
 void FreeIndexTree(patricia_root_t* root, bool clear_entries) {
   if (root == nullptr) return;
-  patricia_node_t* p = DrainTree(root);
+  patricia_node_t* p = vsk::platform::PatriciaDrain(root);
   while (p != nullptr) {
     auto* ix = reinterpret_cast<vsk_array_index_node_t*>(p);
     p = reinterpret_cast<patricia_node_t*>(p->pn_child[0]);
@@ -199,13 +143,16 @@ patricia_root_t* vsk_attr_tree_create(void) { return patricia_root_init(nullptr,
 vsk_status_t vsk_attr_tree_add(patricia_root_t* tree, uint16_t key_length, const void* key,
                                uint32_t length, const void* value, bool owns) {
   if (tree == nullptr || key == nullptr) return VSK_ERR_INVALID_PARAM;
-  vsk_attr_tree_node_t* node = FindNode(tree, key_length, key);
-  if (node == nullptr) {
-    vsk_status_t st = MakeNode(tree, key_length, key, owns, &node);
-    if (st != VSK_OK) return st;
-  } else if (owns && node->owns_key && node->key != key) {
-    // The node already owns a copy of this key; the one handed over is surplus.
-    std::free(const_cast<void*>(key));
+  // Loading a record adds mostly new keys: the add's own descent finds a key already
+  // there, so the lookup runs only then (or when no node could be allocated).
+  vsk_attr_tree_node_t* node = nullptr;
+  if (MakeNode(tree, key_length, key, owns, &node) != VSK_OK) {
+    node = FindNode(tree, key_length, key);
+    if (node == nullptr) return VSK_ERR_NOMEM;  // a refused add always means the key exists
+    if (owns && node->owns_key && node->key != key) {
+      // The node already owns a copy of this key; the one handed over is surplus.
+      std::free(const_cast<void*>(key));
+    }
   }
   auto* entry = static_cast<vsk_attr_value_t*>(std::calloc(1, sizeof(vsk_attr_value_t)));
   if (entry == nullptr) return VSK_ERR_NOMEM;
@@ -241,7 +188,7 @@ void vsk_attr_tree_free(patricia_root_t* tree) {
   // The nodes leave the tree first, all in one walk, chained through their headers' first
   // links. Then every member list and index tree goes, while all values are still alive;
   // then the nodes with their values.
-  patricia_node_t* chain = DrainTree(tree);
+  patricia_node_t* chain = vsk::platform::PatriciaDrain(tree);
   patricia_node_t* p;
   auto next_of = [](patricia_node_t* n) {
     return reinterpret_cast<patricia_node_t*>(n->pn_child[0]);

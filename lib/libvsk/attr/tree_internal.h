@@ -50,11 +50,6 @@ void DropNode(patricia_root_t* tree, vsk_attr_tree_node_t* node);
 // node's value forgets its `parent_index` (the values must still be alive).
 void FreeIndexTree(patricia_root_t* root, bool clear_entries);
 
-// Takes every node out of `root` at once and leaves it empty: the nodes come back chained
-// through `pn_child[0]` (null ends the chain), their branch slots marked unused. The
-// nodes are not freed.
-patricia_node_t* DrainTree(patricia_root_t* root);
-
 // A new empty index tree (key by pointer, offset 0), or null.
 patricia_root_t* NewIndexTree();
 
