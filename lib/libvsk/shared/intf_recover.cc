@@ -40,6 +40,7 @@ void* MapFile(int fd, int32_t size) {
 
 vsk_status_t InitClient() {
   Mapping& m = Map();
+  m.mapped_size = InitialSize();
   std::string path = FilePath();
   if (m.fd >= 0) close(m.fd);
   m.fd = open(path.c_str(), O_RDWR);
@@ -72,6 +73,7 @@ vsk_status_t InitClient() {
 
 vsk_status_t InitOrvd() {
   Mapping& m = Map();
+  // The mapping may have grown since it was made: all of it goes.
   if (m.base != nullptr) {
     if (munmap(m.base, static_cast<size_t>(m.mapped_size)) != 0) {
       VSK_TRACE("Failed to unmap memory, %s", strerror(errno));
@@ -79,6 +81,7 @@ vsk_status_t InitOrvd() {
     }
     m.base = nullptr;
   }
+  m.mapped_size = InitialSize();
   if (m.fd >= 0) close(m.fd);
   std::string path = FilePath();
   platform::MakeDirs(platform::RootedPath(platform::kInterfaceDir));
@@ -143,7 +146,6 @@ extern "C" {
 vsk_status_t vsk_db_secondary_init(bool is_orvd) {
   Mapping& m = Map();
   if (m.base != nullptr && !is_orvd) return VSK_OK;
-  m.mapped_size = InitialSize();
   m.pid = getpid();
   return is_orvd ? InitOrvd() : InitClient();
 }
@@ -191,14 +193,24 @@ vsk_status_t vsk_db_secondary_failcheck(void) {
     VSK_TRACE("Please init API before calling");
     return VSK_ERR_FATAL;
   }
-  if (vsk::shared::AcquireLock(VSK_LOCK_HEAP) != 0) return VSK_ERR_FATAL;
+  RebuildHold hold;
+  if (!hold.Acquire()) return VSK_ERR_FATAL;
   int32_t holder = Header()->lock_pid;
-  if (holder != 0) VSK_TRACE("*** LOCK was still open by pid %d, recover", holder);
-  vsk_status_t rc = Unlock();
-  if (rc != VSK_OK) return rc;
-  if (holder == 0) return rc;
+  if (holder == 0) return hold.Release();
+  VSK_TRACE("*** LOCK was still open by pid %d, recover", holder);
+  // Safe deviation: semaphore 2 stays held from the dead-holder check to the end of the
+  // rebuild, rather than being given back before it. The rebuild shrinks the file and
+  // resets its heap; a client let in meanwhile could die of SIGBUS past the new end of the
+  // file, or write into a heap that the reset then throws away. Holding it is safe: no
+  // process waits for semaphore 2 while it holds another semaphore or a Berkeley DB lock
+  // (the table is only touched after a commit), so the rebuild's own walk of the store
+  // cannot deadlock with a waiter; the walk's table operations see the hold and leave the
+  // semaphore alone.
+  hold.Mark();
   vsk_db_secondary_init(true);
-  return vsk_db_secondary_recover();
+  hold.Mark();  // the format cleared the mark: a death from here on is found again
+  vsk_status_t rc = vsk_db_secondary_recover();
+  return hold.Release() == VSK_OK ? rc : VSK_ERR_FATAL;
 }
 
 vsk_status_t vsk_failcheck(void) { return vsk_db_secondary_failcheck(); }
