@@ -32,6 +32,7 @@ namespace vsk::shared::intf {
 namespace {
 
 uint32_t* g_recovery_record = nullptr;
+RecoveryJoin g_recovery_join{};
 
 void* MapFile(int fd, int32_t size) {
   void* p = mmap(nullptr, static_cast<size_t>(size), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -139,6 +140,8 @@ void PutCountersInPlace() {
 
 uint32_t* RecoveryCounterRecord() { return g_recovery_record; }
 
+void RegisterRecoveryJoin(const RecoveryJoin& join) { g_recovery_join = join; }
+
 }  // namespace vsk::shared::intf
 
 extern "C" {
@@ -158,13 +161,13 @@ vsk_status_t vsk_db_secondary_recover(void) {
   if (vsk_db_status != nullptr) *vsk_db_status = VSK_DB_STATUS_RECOVERING;
   VSK_TRACE("Recover Secondary Table");
   ResetHeader();
-  // Join: with vsk_debug set, vsk_recover_debug_init() opens the recovery log here.
+  const RecoveryJoin& join = g_recovery_join;
+  if (vsk_debug && join.debug_init != nullptr) join.debug_init();
   PrepareCounters();
 
-  // Join: the session walk, vsk_recover_sessions(vsk_recover_one_session, filter with
-  // flags 3), refills the table and counts into RecoveryCounterRecord(). Until it is
-  // built in, the table is rebuilt empty and the walk counts as done.
-  vsk_status_t walk = VSK_OK;
+  // The session walk refills the table and counts into RecoveryCounterRecord(). A failed
+  // walk is only traced: the store opens with what was rebuilt.
+  vsk_status_t walk = join.walk_sessions != nullptr ? join.walk_sessions() : VSK_OK;
 
   PutCountersInPlace();
   if (walk != VSK_OK) {
@@ -181,7 +184,7 @@ vsk_status_t vsk_db_secondary_recover(void) {
   } else {
     vsk_unit_recovered(VSK_UNIT_POOL_UID);
   }
-  // Join: with vsk_debug set, vsk_recover_debug_end() closes the recovery log here.
+  if (vsk_debug && join.debug_end != nullptr) join.debug_end();
 
   if (uid != VSK_OK) return uid;
   if (vsk_db_status != nullptr) *vsk_db_status = VSK_DB_STATUS_READY;
