@@ -12,6 +12,7 @@
 #include <event2/event.h>
 #include <signal.h>
 #include <syslog.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -123,6 +124,7 @@ void WatchStore(Server& server) {
 
 void OnSignal(evutil_socket_t sig, short, void*) {
   Log("signal %d, shutting down", static_cast<int>(sig));
+  sd_notify(0, "STOPPING=1");
   evBreak(g_ev);
 }
 
@@ -189,6 +191,8 @@ int main(int argc, char** argv) {
   } else {
     g_was_ready = Health().ready;
     Log("ready");
+    // Under systemd, units ordered after orvd start only now, with the store open.
+    sd_notify(0, "READY=1");
     evMainLoop(g_ev);
   }
   server.Stop();
