@@ -22,6 +22,8 @@
 #include "vsk/attr.h"
 #include "vsk/export.h"
 #include "vsk/status.h"
+#include "vsk/store.h"
+#include "vsk/tables.h"
 
 VSK_BEGIN_DECLS
 
@@ -70,6 +72,50 @@ VSK_EXPORT vsk_status_t vsk_create_extended_client_session(
  * "YYYY-MM-DD hh:mm:ss ZONE" that a create stores as VSK_LOGIN_TIME (may be null). The
  * text is rebuilt only when the wall-clock second has changed. */
 VSK_EXPORT void vsk_get_login_time(uint32_t *seconds, const char **text);
+
+/* ---- Update and removal ------------------------------------------------------------------
+ * An update changes a client session through a list of attribute changes, a list of
+ * config-bit changes (VSK_INFO_ATTR entries) and an application's private data. A session
+ * in the shared-memory cache is changed in its slot only, without a transaction, until its
+ * VSK_SESSION_STATE changes: then the slot is written to the tables in one transaction, the
+ * authentication response too when the new state is 1, and the slot is given up when the
+ * new state is 2 or 3. A session in the tables is read for update, edited and written back
+ * sorted by type. Up to ten passes on -4 and -11. Afterwards the interface table and the
+ * summary counters follow the difference; failures there are traced only.
+ * Results: 0; -7 unknown session; -6 or -9 a bad update list (the record is unchanged);
+ * -6 a config-bit list of the wrong type or length; -4 after ten passes lost to locks.
+ * A cached session does not check old values, and drops private data given without
+ * updates. */
+VSK_EXPORT vsk_status_t vsk_update_client_session(vsk_session_id_t session_id,
+                                                  const vsk_attr_update_list_t *updates);
+VSK_EXPORT vsk_status_t vsk_update_client_session_and_info(
+    vsk_session_id_t session_id, const vsk_attr_update_list_t *updates,
+    const vsk_attr_update_list_t *info_attrs);
+/* Also stores `private_data` (may be null) under the application number `app_id`. */
+VSK_EXPORT vsk_status_t vsk_update_client_session_private(vsk_session_id_t session_id,
+                                                          const vsk_attr_update_list_t *updates,
+                                                          uint32_t app_id,
+                                                          const vsk_app_data_t *private_data);
+/* The form behind the three above, for library code that runs an update inside its own
+ * transaction `txn` (null: the update runs its own; given: never committed or aborted
+ * here). Only ids.session_id counts; `shm` is vsk_snap_get_shared_memory_ptr() or null.
+ * `client_type_out` and `interface_name_out` (61 bytes) may be null. No gate check. */
+VSK_EXPORT vsk_status_t vsk_update_client_session_internal(
+    vsk_session_ids_t ids, void *shm, const vsk_attr_update_list_t *updates,
+    const vsk_attr_update_list_t *info_attrs, uint32_t app_id,
+    const vsk_app_data_t *private_data, vsk_db_txn_t *txn, uint32_t *client_type_out,
+    char *interface_name_out);
+
+/* Removes a client session: its private data, record, dynamic record (with
+ * `remove_dynamic` non-zero, and only by the last client of a shared underlying interface),
+ * auth request and response in one transaction (up to 250 retries on -4, -11, -21); then
+ * its interface entries, summary counts, cache slot and interface unit. A session already
+ * gone counts as removed (0, and the total count still goes down). A removed session that
+ * named neither its interface nor an underlying one returns -7 (kept as published). */
+VSK_EXPORT vsk_status_t vsk_remove_bundled_client_session(vsk_session_id_t session_id,
+                                                          uint8_t remove_dynamic);
+/* The same with remove_dynamic 1. */
+VSK_EXPORT vsk_status_t vsk_remove_client_session(vsk_session_id_t session_id);
 
 VSK_END_DECLS
 
