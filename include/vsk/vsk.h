@@ -20,6 +20,7 @@
 #include "vsk/tables.h"
 #include "vsk/snapshot.h"
 #include "vsk/session_cache.h"
+#include "vsk/attr_read.h"
 #include "vsk/libstats.h"
 #include "vsk/provdb.h"
 #include "vsk/pfltd.h"
