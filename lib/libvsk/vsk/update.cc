@@ -202,7 +202,7 @@ class Update {
     if (rq_.client_type_out != nullptr) *rq_.client_type_out = d.client_type;
 
     FlatList flat;
-    st = flat.Build(t);
+    st = flat.Build(t, CountValues(record->attrs, rq_.updates));
     if (st != VSK_OK) return st;
     vsk_attr_list_t* old = record->attrs;
     record->attrs = flat.get();

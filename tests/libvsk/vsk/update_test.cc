@@ -34,7 +34,7 @@ class UpdateTest : public VskTest {
  protected:
   void SetUp() override {
     VskTest::SetUp();
-    ASSERT_EQ(UpAsOrvd(&link_), 0) << traces().Dump();
+    ASSERT_EQ(Up(&link_, true), 0) << traces().Dump();
     shm_ = vsk_snap_get_shared_memory_ptr();
     traces().Clear();
   }
@@ -322,30 +322,12 @@ TEST_F(UpdateTest, PrivateDataGoesWithTheUpdateOrNotAtAll) {
   EXPECT_EQ(PrivateRow(table, 9), blob);
 }
 
-TEST_F(UpdateTest, CallerTransactionIsNeitherCommittedNorAborted) {
-  AttrList attrs{{VSK_USER_NAME, "ida"}};
-  const uint64_t id = Create(attrs, false);
-  vsk_db_txn_t txn{};
-  ASSERT_EQ(vsk_db_start_txn(&txn), 0);
-  UpdateList u;
-  u.Replace(VSK_USER_NAME, "ivy");
-  vsk_session_ids_t ids{};
-  ids.session_id = id;
-  ASSERT_EQ(vsk_update_client_session_internal(ids, nullptr, u.get(), nullptr, 0, nullptr, &txn,
-                                               nullptr, nullptr),
-            0);
-  ASSERT_NE(txn.txn, nullptr) << "still open";
-  vsk_db_abort_txn(&txn, 0);
-  EXPECT_EQ(Row(id, VSK_USER_NAME), "ida") << "the caller's abort undid the update";
-}
-
 // ---- a second process holding the record's write lock ------------------------------------
 
 using UpdateSystemTest = SessionSystemTest;
 
 TEST_F(UpdateSystemTest, UpdateRetriesUntilTheLockGoesOrGivesUpAfterTenPasses) {
-  ASSERT_TRUE(StartOrvd());
-  ASSERT_TRUE(Observe());
+  ASSERT_TRUE(StartSystem());
   ChildResult made = AsClientDaemon([] {
     AttrList attrs{{VSK_USER_NAME, "jo"}, {VSK_SESSION_STATE, U32(1)}};
     vsk_session_id_t id;
@@ -360,7 +342,7 @@ TEST_F(UpdateSystemTest, UpdateRetriesUntilTheLockGoesOrGivesUpAfterTenPasses) {
     HoldRecordLock(holder, 1, -1);
     ASSERT_TRUE(holder.WaitReady());
     ChildResult blocked = AsClientDaemon([] {
-      ShortTimeouts();
+      NoLockWaits();
       UpdateList u;
       u.Replace(VSK_SESSION_STATE, U32(2));
       if (vsk_update_client_session(1, u.get()) != VSK_ERR_RETRY) return 1;
@@ -384,7 +366,7 @@ TEST_F(UpdateSystemTest, UpdateRetriesUntilTheLockGoesOrGivesUpAfterTenPasses) {
   ASSERT_TRUE(holder.WaitReady());
   const int write_fd = fds[1];
   ChildResult retried = AsClientDaemon([write_fd] {
-    ShortTimeouts();
+    NoLockWaits();
     g_signal_fd = write_fd, g_signal_on = ": Failed to read client session 1", g_signal_after = 2;
     vsk_trace_cbk = SignallingTrace;
     UpdateList u;
@@ -395,6 +377,7 @@ TEST_F(UpdateSystemTest, UpdateRetriesUntilTheLockGoesOrGivesUpAfterTenPasses) {
     return Row(1, VSK_SESSION_STATE) == U32(2) ? 0 : 3;
   });
   EXPECT_TRUE(retried.Ok()) << retried;
+  (void)!write(fds[1], "", 1);  // lets the holder go also when the signal never came
   holder.Go();
   EXPECT_TRUE(holder.Wait().Ok());
   close(fds[0]), close(fds[1]);
