@@ -248,8 +248,9 @@ int main(int argc, char** argv) {
     walks.push_back({n, Median(rates)});
   }
 
-  std::printf("vsk_get_snapshot of one client (30 attributes, 5 dynamic entries) vs bare "
-              "Berkeley DB reading its two records in one transaction\n");
+  std::printf(
+      "vsk_get_snapshot of one client (30 attributes, 5 dynamic entries) vs bare "
+      "Berkeley DB reading its two records in one transaction\n");
   std::printf("%d gets per pass, medians of %d rounds, passes alternating; spread: middle half\n\n",
               kGetsPerPass, kRounds);
   const double ratio = Median(g.ratio);
@@ -259,9 +260,8 @@ int main(int argc, char** argv) {
               Median(g.table_rate), ratio, Quantile(g.ratio, 0.25), Quantile(g.ratio, 0.75),
               kTargetRatio, ratio <= kTargetRatio ? "yes" : "NO");
   const double cached_rate = Median(g.cached_rate);
-  std::printf("| snapshot, cached | %.0f | %.3f | faster than table-resident | %s |\n",
-              cached_rate, Median(g.raw_rate) / cached_rate,
-              cached_rate > Median(g.table_rate) ? "yes" : "NO");
+  std::printf("| snapshot, cached | %.0f | %.3f | faster than table-resident | %s |\n", cached_rate,
+              Median(g.raw_rate) / cached_rate, cached_rate > Median(g.table_rate) ? "yes" : "NO");
   std::printf("\nwalk of every client with vsk_get_next_snapshot (median of 3 walks)\n\n");
   std::printf("| sessions in the table | sessions/s | us per session |\n|---|---|---|\n");
   for (const auto& [n, rate] : walks) {

@@ -32,9 +32,9 @@ VSK_EXPORT vsk_status_t vsk_get_client_session_attr(vsk_snapshot_handle *handle,
                                                     vsk_attr_value_t **out);
 /* The session's present state: from the cache when the session is cached (then *length
  * and *value are filled and *out is left alone), else as vsk_get_client_session_attr. */
-VSK_EXPORT vsk_status_t vsk_get_client_session_attr_shm(vsk_snapshot_handle *handle,
-                                                        uint16_t type, vsk_attr_value_t **out,
-                                                        uint16_t *length, void **value);
+VSK_EXPORT vsk_status_t vsk_get_client_session_attr_shm(vsk_snapshot_handle *handle, uint16_t type,
+                                                        vsk_attr_value_t **out, uint16_t *length,
+                                                        void **value);
 VSK_EXPORT vsk_status_t vsk_get_service_session_attr(vsk_snapshot_handle *handle,
                                                      vsk_session_id_t id, uint16_t type,
                                                      vsk_attr_value_t **out);
@@ -42,8 +42,8 @@ VSK_EXPORT vsk_status_t vsk_get_service_session_attr(vsk_snapshot_handle *handle
 VSK_EXPORT vsk_status_t vsk_get_service_name(vsk_snapshot_handle *handle, vsk_session_id_t id,
                                              char **name);
 VSK_EXPORT vsk_status_t vsk_get_service_session_config_bits(vsk_snapshot_handle *handle,
-                                                            vsk_session_id_t id,
-                                                            uint16_t *length, uint8_t **bits);
+                                                            vsk_session_id_t id, uint16_t *length,
+                                                            uint8_t **bits);
 /* The light read: the bare client record of `client_session_id` into `data`. */
 VSK_EXPORT vsk_status_t vsk_get_client_session_attr_from_sid(vsk_snapshot_handle *handle);
 
@@ -55,16 +55,13 @@ VSK_EXPORT vsk_status_t vsk_get_dynamic_config_attr(vsk_snapshot_handle *handle,
 /* The lookup under the reads above: `tag_out` and `top_level_out` may be null; with
  * `array_mode` 0 an array attribute is refused with -16. */
 VSK_EXPORT vsk_status_t vsk_get_internal_variables_internal(vsk_snapshot_handle *handle,
-                                                            vsk_session_id_t id,
-                                                            const char *name,
+                                                            vsk_session_id_t id, const char *name,
                                                             vsk_attr_value_t **out,
                                                             uint16_t *tag_out,
-                                                            uint8_t *top_level_out,
-                                                            int array_mode);
+                                                            uint8_t *top_level_out, int array_mode);
 /* One step of an array read; `array_value` may be null; `mode` VSK_ARRAY_READ_*. */
 VSK_EXPORT vsk_status_t vsk_get_dynamic_array_config_attr_str(vsk_snapshot_handle *handle,
-                                                              vsk_session_id_t id,
-                                                              const char *name,
+                                                              vsk_session_id_t id, const char *name,
                                                               const char *array_value,
                                                               vsk_attr_value_t **out, int mode);
 
@@ -74,8 +71,7 @@ VSK_EXPORT vsk_status_t vsk_get_client_id_by_service_session_id(vsk_session_id_t
 VSK_EXPORT vsk_status_t vsk_get_num_clients_on_uifl(const char *name, uint32_t *count_out);
 VSK_EXPORT vsk_status_t vsk_get_clients_by_uifl(const char *name, uint32_t *count_out,
                                                 vsk_session_id_t **ids_out);
-VSK_EXPORT vsk_status_t vsk_get_first_client_on_uifl(const char *name,
-                                                     vsk_session_id_t *id_out);
+VSK_EXPORT vsk_status_t vsk_get_first_client_on_uifl(const char *name, vsk_session_id_t *id_out);
 
 /* Writes the snapshot as text through the trace hook; nothing when no hook is set. */
 VSK_EXPORT void vsk_dump_snapshot(vsk_snapshot_handle *handle);

@@ -87,13 +87,13 @@ typedef struct vsk_snapshot_handle {
 
 /* The loaded client part. Trees are patricia roots of vsk_attr_tree_node_t. */
 typedef struct vsk_snapshot_client_data {
-  struct vsk_client_session *record;          /* owned */
-  patricia_root_t *attrs;                     /* key: the 2-byte type; values in record */
-  patricia_root_t *dynamic;                   /* by name, array aware */
-  patricia_root_t *predefined;                /* computed on demand; null until then */
-  patricia_root_t *dynamic_str;               /* string forms computed on demand */
-  struct vsk_dynamic_config *dynamic_record;  /* owned; null when the session has none */
-  struct vsk_app_data *app_private;           /* owned; null without app_id or record */
+  struct vsk_client_session *record;         /* owned */
+  patricia_root_t *attrs;                    /* key: the 2-byte type; values in record */
+  patricia_root_t *dynamic;                  /* by name, array aware */
+  patricia_root_t *predefined;               /* computed on demand; null until then */
+  patricia_root_t *dynamic_str;              /* string forms computed on demand */
+  struct vsk_dynamic_config *dynamic_record; /* owned; null when the session has none */
+  struct vsk_app_data *app_private;          /* owned; null without app_id or record */
 } vsk_snapshot_client_data;
 
 /* One service session in the service tree: key in place, the 8-byte id. */

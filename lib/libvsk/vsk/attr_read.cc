@@ -3,15 +3,17 @@
 // None of the snapshot reads touches the store: they look up the handle's trees (or, for a
 // light handle, the bare record's list). vsk_get_client_session_attr_shm alone looks at the
 // cache's present state.
+#include "vsk/attr_read.h"
+
 #include <cstdlib>
 
 #include "libvsk/base/trace.h"
+#include "libvsk/shared/intf_ops.h"
 #include "libvsk/shared/session_cache.h"
+#include "libvsk/store/records.h"
+#include "libvsk/store/tables.h"
+#include "libvsk/store/txn.h"
 #include "libvsk/vsk/snapshot_internal.h"
-#include "vsk/attr_read.h"
-#include "vsk/intf.h"
-#include "vsk/session_cache.h"
-#include "vsk/shared.h"
 
 namespace vsk::snapshot {
 namespace {
@@ -21,13 +23,12 @@ constexpr int kServiceOwnerAttempts = 3;
 
 vsk_attr_value_t** NodeValues(patricia_root_t* tree, uint16_t type) {
   if (tree == nullptr) return nullptr;
-  auto* node =
-      reinterpret_cast<vsk_attr_tree_node_t*>(patricia_get(tree, sizeof type, &type));
+  auto* node = reinterpret_cast<vsk_attr_tree_node_t*>(patricia_get(tree, sizeof type, &type));
   return node != nullptr ? &node->values_first : nullptr;
 }
 
 void ReleaseLight(vsk_snapshot_handle* h, vsk_client_session_t* record) {
-  vsk_db_release_client_session(record, true);
+  store::ReleaseClientSession(record, true);
   h->data = nullptr;
   auto* result = static_cast<vsk_attr_list_t*>(h->attr_result);
   if (result != nullptr) std::free(result->first);
@@ -51,8 +52,8 @@ vsk_status_t ClientAttr(vsk_snapshot_handle* h, uint16_t type, vsk_attr_value_t*
   if (IsLight(h)) {
     auto* record = reinterpret_cast<vsk_client_session_t*>(h->data);
     auto* result = static_cast<vsk_attr_list_t*>(h->attr_result);
-    vsk_attr_t* a = record->attrs != nullptr ? vsk_get_attribute_from_list(record->attrs, type)
-                                             : nullptr;
+    vsk_attr_t* a =
+        record->attrs != nullptr ? vsk_get_attribute_from_list(record->attrs, type) : nullptr;
     if (a == nullptr || result == nullptr || result->first == nullptr) return VSK_ERR_NOT_FOUND;
     // The one result entry: each read overwrites what the previous one showed.
     auto* entry = reinterpret_cast<vsk_attr_value_t*>(result->first);
@@ -83,36 +84,39 @@ vsk_status_t ServiceAttr(vsk_snapshot_handle* h, uint64_t id, uint16_t type,
 // The light read: the bare client record, read from the cache (no retry) or in a
 // transaction of its own (four attempts on -4 and -11).
 vsk_status_t LightRead(vsk_snapshot_handle* h) {
-  void* shm = vsk_snap_get_shared_memory_ptr();
+  void* shm = cache::Segment();
   vsk_status_t st = VSK_OK;
   // A handle that still holds a light load gives it back first.
   if (h->data != nullptr) FreeSnapshot(h);
   for (int attempt = 1; attempt <= kLightAttempts; ++attempt) {
     uint64_t id = h->client_session_id;
     vsk_client_session_t* record = nullptr;
-    if (vsk::cache::IsCached(shm, id)) {
-      st = vsk_db_client_session_empty(&record);
-      if (st == VSK_OK) st = vsk_shm_to_session_record(h, shm, record, id);
+    if (cache::IsCached(shm, id)) {
+      st = store::ClientSessionEmpty(&record);
+      if (st == VSK_OK) st = cache::ToSessionRecord(h, shm, id, record);
       if (st != VSK_OK) {
-        VSK_TRACE("%s: Failed to locate shm client session record for snapshot by generic id "
-                  "%llu, err=%s\n",
-                  "vsk_get_client_session_attr_from_sid", Ull(id), vsk_get_err_msg(st));
-        vsk_db_release_client_session(record, false);
+        VSK_TRACE(
+            "%s: Failed to locate shm client session record for snapshot by generic id "
+            "%llu, err=%s\n",
+            "vsk_get_client_session_attr_from_sid", Ull(id), vsk_get_err_msg(st));
+        store::ReleaseClientSession(record, false);
         std::free(h->shm_session_copy);
         h->shm_session_copy = nullptr;
         return st;
       }
     } else {
-      vsk_db_txn_t txn{};
-      st = vsk_db_start_txn(&txn);
-      if (st == VSK_OK) st = vsk_db_get_client_session(&txn, &id, &record, false);
+      vsk_db_txn_t block{};
+      store::Txn txn(&block);
+      st = txn.Begin();
+      if (st == VSK_OK) st = store::GetClientSession(&block, &id, &record, false);
       if (st == VSK_OK) {
-        st = vsk_db_end_txn(&txn);
+        st = txn.Commit();
       } else {
-        VSK_TRACE("%s: Failed to locate client session record for snapshot by generic id %llu, "
-                  "err=%s\n",
-                  "vsk_get_client_session_attr_from_sid", Ull(id), vsk_get_err_msg(st));
-        vsk_db_abort_txn(&txn, st);
+        VSK_TRACE(
+            "%s: Failed to locate client session record for snapshot by generic id %llu, "
+            "err=%s\n",
+            "vsk_get_client_session_attr_from_sid", Ull(id), vsk_get_err_msg(st));
+        txn.Fail(st);
       }
     }
     if (st == VSK_OK) {
@@ -143,6 +147,8 @@ vsk_status_t LightRead(vsk_snapshot_handle* h) {
 }  // namespace vsk::snapshot
 
 using namespace vsk::snapshot;
+namespace cache = vsk::cache;
+namespace store = vsk::store;
 
 extern "C" {
 
@@ -159,9 +165,9 @@ vsk_status_t vsk_get_client_session_attr_shm(vsk_snapshot_handle* handle, uint16
     return VSK_ERR_INVALID_PARAM;
   }
   uint64_t id = handle->client_session_id != 0 ? handle->client_session_id : handle->session_id;
-  void* shm = vsk_snap_get_shared_memory_ptr();
-  if (vsk::cache::IsCached(shm, id)) {
-    return vsk_get_session_data_from_shm(handle, shm, type, length, value, id);
+  void* shm = cache::Segment();
+  if (cache::IsCached(shm, id)) {
+    return cache::ReadAttr(handle, shm, id, type, length, value);
   }
   return ClientAttr(handle, type, out);
 }
@@ -184,9 +190,8 @@ vsk_status_t vsk_get_service_name(vsk_snapshot_handle* handle, vsk_session_id_t 
   return VSK_OK;
 }
 
-vsk_status_t vsk_get_service_session_config_bits(vsk_snapshot_handle* handle,
-                                                 vsk_session_id_t id, uint16_t* length,
-                                                 uint8_t** bits) {
+vsk_status_t vsk_get_service_session_config_bits(vsk_snapshot_handle* handle, vsk_session_id_t id,
+                                                 uint16_t* length, uint8_t** bits) {
   if (handle == nullptr || handle->data == nullptr || IsLight(handle) || length == nullptr ||
       bits == nullptr) {
     return VSK_ERR_INVALID_PARAM;
@@ -205,39 +210,40 @@ vsk_status_t vsk_get_client_session_attr_from_sid(vsk_snapshot_handle* handle) {
 
 vsk_status_t vsk_get_client_id_by_service_session_id(vsk_session_id_t id,
                                                      vsk_session_id_t* client_id) {
-  vsk_status_t st = vsk_db_check();
+  vsk_status_t st = store::Check();
   if (st != VSK_OK) return st;
   if (client_id == nullptr) return VSK_ERR_INVALID_PARAM;
   for (int attempt = 1; attempt <= kServiceOwnerAttempts; ++attempt) {
-    vsk_db_txn_t txn{};
+    vsk_db_txn_t block{};
+    store::Txn txn(&block);
     vsk_service_session_t* rec = nullptr;
-    st = vsk_db_start_txn(&txn);
-    if (st == VSK_OK) st = vsk_db_get_service_session(&txn, &id, &rec, false, nullptr, 0);
+    st = txn.Begin();
+    if (st == VSK_OK) st = store::GetServiceSession(&block, &id, &rec, false, nullptr, 0);
     if (st == VSK_OK) {
       *client_id = rec->client_id;
-      vsk_db_release_service_session(rec, true);
-      return vsk_db_end_txn(&txn);
+      store::ReleaseServiceSession(rec, true);
+      return txn.Commit();
     }
     VSK_TRACE("%s: Failed to read the service session %llu, err=%s",
               "vsk_get_client_id_by_service_session_id", Ull(id), vsk_get_err_msg(st));
-    vsk_db_abort_txn(&txn, st);
-    vsk_db_release_service_session(rec, true);
+    txn.Fail(st);
+    store::ReleaseServiceSession(rec, true);
     if (st != VSK_ERR_RECOVERING && st != VSK_ERR_RETRY) break;
   }
   return st;
 }
 
 vsk_status_t vsk_get_num_clients_on_uifl(const char* name, uint32_t* count_out) {
-  return vsk_db_get_num_clients_on_uifl(name, count_out);
+  return vsk::shared::NumClientsOnUifl(name, count_out);
 }
 
 vsk_status_t vsk_get_clients_by_uifl(const char* name, uint32_t* count_out,
                                      vsk_session_id_t** ids_out) {
-  return vsk_db_get_clients_by_uifl(name, count_out, ids_out);
+  return vsk::shared::ClientsByUifl(name, count_out, ids_out);
 }
 
 vsk_status_t vsk_get_first_client_on_uifl(const char* name, vsk_session_id_t* id_out) {
-  return vsk_db_get_first_client_on_uifl(name, id_out);
+  return vsk::shared::FirstClientOnUifl(name, id_out);
 }
 
 }  // extern "C"

@@ -6,8 +6,9 @@
 //
 // Values are read within their lengths: a 32-bit word of a shorter value is zero-filled,
 // and a text value with no NUL of its own is printed from a terminated copy.
+#include <cstdlib>
 #include <cstring>
-#include <string>
+#include <iterator>
 
 #include "libvsk/base/trace.h"
 #include "libvsk/vsk/snapshot_internal.h"
@@ -57,10 +58,8 @@ constexpr Line kClientLines[] = {
 };
 
 constexpr Line kServiceLines[] = {
-    {36, Shape::kWord, "service session state=%d\n"},
-    {42, Shape::kText, "service name=%s\n"},
-    {46, Shape::kWord, "aggregated boolean=%d\n"},
-    {47, Shape::kWord, "input filter index=%d\n"},
+    {36, Shape::kWord, "service session state=%d\n"}, {42, Shape::kText, "service name=%s\n"},
+    {46, Shape::kWord, "aggregated boolean=%d\n"},    {47, Shape::kWord, "input filter index=%d\n"},
     {48, Shape::kWord, "output filter index=%d\n"},
 };
 
@@ -90,12 +89,14 @@ void Attr(const vsk_attr_t* a, const Line* line) {
   switch (line->shape) {
     case Shape::kText: {
       const char* text = static_cast<const char*>(a->value);
-      std::string copy;
+      char* copy = nullptr;
       if (text == nullptr || std::memchr(text, 0, a->length) == nullptr) {
-        copy.assign(text != nullptr ? text : "", text != nullptr ? a->length : 0);
-        text = copy.c_str();
+        copy = static_cast<char*>(std::calloc(1, a->length + 1u));
+        if (copy != nullptr && text != nullptr) std::memcpy(copy, text, a->length);
+        text = copy != nullptr ? copy : "";
       }
       VSK_TRACE(line->format, text);
+      std::free(copy);
       break;
     }
     case Shape::kWord:

@@ -112,8 +112,7 @@ vsk_status_t Lookup(vsk_snapshot_handle* h, uint64_t id, const char* name, vsk_a
     }
     if (top_out != nullptr) *top_out = node->top_level;
     if (tag_out != nullptr) *tag_out = node->array_tag;
-    if (node->top_level != 0 && node->index_root != nullptr &&
-        node->index_root != h->array_root) {
+    if (node->top_level != 0 && node->index_root != nullptr && node->index_root != h->array_root) {
       vsk_cleanup_after_arrays(h);
       h->array_root = node->index_root;
     }

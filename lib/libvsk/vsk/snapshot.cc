@@ -20,9 +20,10 @@
 
 #include "libvsk/base/trace.h"
 #include "libvsk/shared/session_cache.h"
+#include "libvsk/store/records.h"
+#include "libvsk/store/tables.h"
+#include "libvsk/store/txn.h"
 #include "libvsk/vsk/snapshot_internal.h"
-#include "vsk/session_cache.h"
-#include "vsk/shared.h"
 
 namespace vsk::snapshot {
 namespace {
@@ -40,8 +41,7 @@ Outcome Abort(vsk_status_t st) { return {Tail::kAbort, st}; }
 
 // Whether one value of a read's result (`list`: the address of a node's list head, whose
 // first word, read as `next`, is the first value) equals `bytes`, or begins with them.
-bool SharesBytes(const vsk_attr_value_t* list, uint32_t length, const void* bytes,
-                 bool prefix) {
+bool SharesBytes(const vsk_attr_value_t* list, uint32_t length, const void* bytes, bool prefix) {
   if (list == nullptr) return false;
   for (const vsk_attr_value_t* v = list->next; v != nullptr; v = v->next) {
     if (!prefix && v->length != length) continue;
@@ -71,13 +71,13 @@ struct Pass {
   vsk_snapshot_data* data() const { return h->data; }
 
   void ReleaseRecord() {
-    vsk_db_release_client_session(record, !record_from_cache);
+    store::ReleaseClientSession(record, !record_from_cache);
     record = nullptr;
     record_from_cache = false;
   }
   void ReleaseKeys() {
-    vsk_db_release_key_session_id(key, true);
-    vsk_db_release_key_session_id(next, true);
+    store::ReleaseKeySessionId(key, true);
+    store::ReleaseKeySessionId(next, true);
     key = next = nullptr;
   }
   void CopyBits(uint16_t len, uint8_t* bits) {
@@ -89,16 +89,16 @@ struct Pass {
   // A client record by id into `record`: the cache when this handle uses it and the slot
   // still holds the id, else (also when the slot was given up meanwhile) the table.
   vsk_status_t ReadClient(uint64_t id) {
-    if (h->use_shm != 0 && action != VSK_SNAPSHOT_ACTION_WALK && vsk::cache::IsCached(shm, id)) {
-      vsk_status_t st = vsk_db_client_session_empty(&record);
+    if (h->use_shm != 0 && action != VSK_SNAPSHOT_ACTION_WALK && cache::IsCached(shm, id)) {
+      vsk_status_t st = store::ClientSessionEmpty(&record);
       if (st != VSK_OK) return st;
       record_from_cache = true;
-      st = vsk_shm_to_session_record(h, shm, record, id);
+      st = cache::ToSessionRecord(h, shm, id, record);
       if (st != VSK_ERR_NOT_FOUND) return st;
       ReleaseRecord();
     }
     record_from_cache = false;
-    return vsk_db_get_client_session(&txn, &id, &record, false);
+    return store::GetClientSession(&txn, &id, &record, false);
   }
 
   // Hands `record` to the handle's client part without trees: a record filtered by the
@@ -123,7 +123,7 @@ struct Pass {
     // No node: the bits cannot outlive the record.
     h->config_bits = nullptr;
     h->config_bits_len = 0;
-    vsk_db_release_service_session(rec, true);
+    store::ReleaseServiceSession(rec, true);
   }
 
   Outcome Run();
@@ -135,7 +135,7 @@ struct Pass {
   Outcome PresetServices();
   Outcome ServiceWalk();
   Outcome ServiceByGenericId();
-  Outcome LoadOwner(const vsk_service_session_t* rec, bool missing_is_absent);
+  Outcome LoadOwner(uint64_t owner, bool missing_is_absent, int level);
   Outcome TestServiceAttrs(uint64_t id);
 };
 
@@ -156,9 +156,9 @@ Outcome Pass::ClientStage(bool* to_services) {
   }
   if (f != nullptr) {
     // A filter always walks: preset ids do not pick the record.
-    vsk_status_t st = vsk_db_iterate_client_session(&txn, hd->current_key, hd->next_key,
-                                                    hd->start_key, nearest, &key, &next,
-                                                    &record, mask, mask_len);
+    vsk_status_t st =
+        vsk_db_iterate_client_session(&txn, hd->current_key, hd->next_key, hd->start_key, nearest,
+                                      &key, &next, &record, mask, mask_len);
     hd->start_key = 0;
     if (st != VSK_OK && st != VSK_ERR_SNAPSHOT_ONLY) {
       ReleaseKeys();
@@ -179,8 +179,8 @@ Outcome Pass::ClientStage(bool* to_services) {
   } else if (hd->session_id == 0) {
     vsk_status_t st = ReadClient(hd->client_session_id);
     if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
-      VSK_TRACE("%s: Failed to locate client session record %llu for snapshot, err=%s",
-                kInternalFn, Ull(hd->client_session_id), vsk_get_err_msg(st));
+      VSK_TRACE("%s: Failed to locate client session record %llu for snapshot, err=%s", kInternalFn,
+                Ull(hd->client_session_id), vsk_get_err_msg(st));
       ReleaseRecord();
       return Failure(st);
     }
@@ -190,9 +190,10 @@ Outcome Pass::ClientStage(bool* to_services) {
       hd->client_session_id = hd->session_id;
       found_by_session_id = true;
     } else if (st != VSK_ERR_NOT_FOUND) {
-      VSK_TRACE("%s: Failed to locate client session record for snapshot by generic id %llu, "
-                "err=%s",
-                kInternalFn, Ull(hd->session_id), vsk_get_err_msg(st));
+      VSK_TRACE(
+          "%s: Failed to locate client session record for snapshot by generic id %llu, "
+          "err=%s",
+          kInternalFn, Ull(hd->session_id), vsk_get_err_msg(st));
       ReleaseRecord();
       return Failure(st);
     }
@@ -215,8 +216,8 @@ Outcome Pass::LoadAndFilterClient() {
   record = nullptr;  // the loader takes it over, whatever it returns
   vsk_status_t st = LoadClient(hd, shm, data(), action, rec, &txn);
   if (st != VSK_OK) {
-    VSK_TRACE("%s: Failed to add client data to snapshot for session id %llu, err=%s",
-              kInternalFn, Ull(hd->client_session_id), vsk_get_err_msg(st));
+    VSK_TRACE("%s: Failed to add client data to snapshot for session id %llu, err=%s", kInternalFn,
+              Ull(hd->client_session_id), vsk_get_err_msg(st));
     return Failure(st);
   }
   if (hd->app_id != 0) {
@@ -224,10 +225,11 @@ Outcome Pass::LoadAndFilterClient() {
     vsk_app_data_t* app = nullptr;
     st = vsk_db_get_app_pri_data(&txn, &k, &app, false);
     if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
-      VSK_TRACE("%s: Failed to locate private data record for snapshot by client session id "
-                "%llu, err=%s",
-                kInternalFn, Ull(hd->client_session_id), vsk_get_err_msg(st));
-      vsk_db_release_app_pri_data(app, true);
+      VSK_TRACE(
+          "%s: Failed to locate private data record for snapshot by client session id "
+          "%llu, err=%s",
+          kInternalFn, Ull(hd->client_session_id), vsk_get_err_msg(st));
+      store::ReleaseAppPriData(app, true);
       return Failure(st);
     }
     data()->client->app_private = app;
@@ -284,24 +286,24 @@ Outcome Pass::ServiceStage() {
 // service_ids without a node.
 Outcome Pass::ClientServices() {
   vsk_snapshot_handle* hd = h;
-  vsk_client_session_t* client =
-      data()->client != nullptr ? data()->client->record : nullptr;
+  vsk_client_session_t* client = data()->client != nullptr ? data()->client->record : nullptr;
   if (client == nullptr) return Success();
   for (uint16_t i = 0; i < client->service_count; ++i) {
     uint64_t id = client->service_ids[i];
     vsk_service_session_t* rec = nullptr;
-    vsk_status_t st = vsk_db_get_service_session(&txn, &id, &rec, false, mask, mask_len);
+    vsk_status_t st = store::GetServiceSession(&txn, &id, &rec, false, mask, mask_len);
     if (st == VSK_ERR_SNAPSHOT_ONLY) {
-      vsk_db_release_service_session(rec, true);
+      store::ReleaseServiceSession(rec, true);
       break;
     }
     if (st != VSK_OK) {
       if (st != VSK_ERR_NOT_FOUND) {
-        VSK_TRACE("Failed to locate service session record for snapshot for client session id "
-                  "%llu, return code %d\n",
-                  Ull(hd->client_session_id), st);
+        VSK_TRACE(
+            "Failed to locate service session record for snapshot for client session id "
+            "%llu, return code %d\n",
+            Ull(hd->client_session_id), st);
       }
-      vsk_db_release_service_session(rec, true);
+      store::ReleaseServiceSession(rec, true);
       return Abort(st);
     }
     st = LoadService(hd, &txn, id, rec);
@@ -326,16 +328,17 @@ Outcome Pass::PresetServices() {
   for (uint16_t i = 0; i < hd->service_count && hd->service_ids != nullptr; ++i) {
     uint64_t id = hd->service_ids[i];
     vsk_service_session_t* rec = nullptr;
-    vsk_status_t st = vsk_db_get_service_session(&txn, &id, &rec, false, mask, mask_len);
+    vsk_status_t st = store::GetServiceSession(&txn, &id, &rec, false, mask, mask_len);
     if (st == VSK_ERR_NOT_FOUND) {
-      vsk_db_release_service_session(rec, true);
+      store::ReleaseServiceSession(rec, true);
       return Abort(st);
     }
     if (st != VSK_OK && st != VSK_ERR_SNAPSHOT_ONLY) {
-      VSK_TRACE("Failed to locate service session record for snapshot session id %llu, return "
-                "code %d\n",
-                Ull(id), st);
-      vsk_db_release_service_session(rec, true);
+      VSK_TRACE(
+          "Failed to locate service session record for snapshot session id %llu, return "
+          "code %d\n",
+          Ull(id), st);
+      store::ReleaseServiceSession(rec, true);
       return Abort(st);
     }
     if (rec != nullptr) CopyBits(rec->config_bits_len, rec->config_bits);
@@ -349,56 +352,35 @@ Outcome Pass::PresetServices() {
       VSK_TRACE("Failed to add service session %llu into snapshot, return code %d\n", Ull(id), st);
       return Failure(st);
     }
-    if (owner == 0) {
-      VSK_TRACE_AT(VSK_TRACE_LEVEL_ERROR,
-                   "Failed to get client id for adding client data to snapshot for generic "
-                   "session id %llu, return code %d\n",
-                   Ull(owner), 0);
-      return Abort(VSK_OK);
-    }
     // The owner is loaded again for every id; the previous load is dropped first.
-    FreeClientData(hd, data()->client);
-    data()->client = static_cast<vsk_snapshot_client_data*>(
-        std::calloc(1, sizeof(vsk_snapshot_client_data)));
-    if (data()->client == nullptr) return Abort(VSK_ERR_NOMEM);
-    st = ReadClient(owner);
-    if (st != VSK_OK) {
-      VSK_TRACE_AT(VSK_TRACE_LEVEL_ERROR,
-                   "Failed to locate client session record for snapshot by generic id %llu, "
-                   "return code %d\n",
-                   Ull(owner), st);
-      ReleaseRecord();
-      return Failure(st);
+    if (owner != 0) {
+      FreeClientData(hd, data()->client);
+      data()->client =
+          static_cast<vsk_snapshot_client_data*>(std::calloc(1, sizeof(vsk_snapshot_client_data)));
+      if (data()->client == nullptr) return Abort(VSK_ERR_NOMEM);
     }
-    vsk_client_session_t* client = record;
-    record = nullptr;
-    st = LoadClient(hd, shm, data(), action, client, &txn);
-    if (st != VSK_OK) {
-      VSK_TRACE_AT(VSK_TRACE_LEVEL_ERROR,
-                   "Failed to add client data to snapshot for generic session id %llu, return "
-                   "code %d\n",
-                   Ull(owner), st);
-      return Failure(st);
-    }
+    Outcome o = LoadOwner(owner, false, VSK_TRACE_LEVEL_ERROR);
+    if (o.tail != Tail::kSuccess) return o;
   }
   return Success();
 }
 
-// The owner of a service that was just loaded. With `missing_is_absent` a client that is
-// gone still reaches the loader, which answers -7 for it.
-Outcome Pass::LoadOwner(const vsk_service_session_t* rec, bool missing_is_absent) {
-  const uint64_t owner = rec->client_id;
+// The owner of a service that was just loaded, traced at `level`. With `missing_is_absent`
+// a client that is gone still reaches the loader, which answers -7 for it.
+Outcome Pass::LoadOwner(uint64_t owner, bool missing_is_absent, int level) {
   if (owner == 0) {
-    VSK_TRACE("Failed to get client id for adding client data to snapshot for generic session "
-              "id %llu, return code %d\n",
-              Ull(owner), 0);
+    VSK_TRACE_AT(level,
+                 "Failed to get client id for adding client data to snapshot for generic "
+                 "session id %llu, return code %d\n",
+                 Ull(owner), 0);
     return Abort(VSK_OK);
   }
   vsk_status_t st = ReadClient(owner);
   if (st != VSK_OK && !(missing_is_absent && st == VSK_ERR_NOT_FOUND)) {
-    VSK_TRACE("Failed to locate client session record for snapshot by generic id %llu, return "
-              "code %d\n",
-              Ull(owner), st);
+    VSK_TRACE_AT(level,
+                 "Failed to locate client session record for snapshot by generic id %llu, "
+                 "return code %d\n",
+                 Ull(owner), st);
     ReleaseRecord();
     return Failure(st);
   }
@@ -406,9 +388,10 @@ Outcome Pass::LoadOwner(const vsk_service_session_t* rec, bool missing_is_absent
   record = nullptr;
   st = LoadClient(h, shm, data(), action, client, &txn);
   if (st != VSK_OK) {
-    VSK_TRACE("Failed to add client data to snapshot for generic session id %llu, return code "
-              "%d\n",
-              Ull(owner), st);
+    VSK_TRACE_AT(level,
+                 "Failed to add client data to snapshot for generic session id %llu, return "
+                 "code %d\n",
+                 Ull(owner), st);
     return Failure(st);
   }
   return Success();
@@ -430,12 +413,12 @@ Outcome Pass::TestServiceAttrs(uint64_t id) {
 Outcome Pass::ServiceWalk() {
   vsk_snapshot_handle* hd = h;
   vsk_service_session_t* rec = nullptr;
-  vsk_status_t st = vsk_db_iterate_service_session(&txn, hd->current_key, hd->next_key,
-                                                   hd->start_key, nearest, &key, &next, &rec,
-                                                   mask, mask_len);
+  vsk_status_t st =
+      vsk_db_iterate_service_session(&txn, hd->current_key, hd->next_key, hd->start_key, nearest,
+                                     &key, &next, &rec, mask, mask_len);
   if (st != VSK_OK && st != VSK_ERR_SNAPSHOT_ONLY) {
     ReleaseKeys();
-    vsk_db_release_service_session(rec, true);
+    store::ReleaseServiceSession(rec, true);
     return Failure(st);
   }
   if (rec != nullptr) CopyBits(rec->config_bits_len, rec->config_bits);
@@ -454,45 +437,43 @@ Outcome Pass::ServiceWalk() {
     return Failure(st);
   }
   if (AllocServiceIds(hd, 1) != VSK_OK) return Failure(VSK_ERR_NOMEM);
-  auto* first = reinterpret_cast<vsk_snapshot_service_node*>(
-      patricia_find_next(data()->services, nullptr));
+  auto* first =
+      reinterpret_cast<vsk_snapshot_service_node*>(patricia_find_next(data()->services, nullptr));
   hd->service_ids[0] = first->id;
   Outcome o = TestServiceAttrs(id);
   if (o.tail != Tail::kSuccess) return o;
-  vsk_service_session_t probe{};
-  probe.client_id = owner;
-  return LoadOwner(&probe, true);
+  return LoadOwner(owner, true, VSK_TRACE_LEVEL);
 }
 
 Outcome Pass::ServiceByGenericId() {
   vsk_snapshot_handle* hd = h;
   uint64_t id = hd->session_id;
   vsk_service_session_t* rec = nullptr;
-  vsk_status_t st = vsk_db_get_service_session(&txn, &id, &rec, false, mask, mask_len);
+  vsk_status_t st = store::GetServiceSession(&txn, &id, &rec, false, mask, mask_len);
   if (st == VSK_ERR_SNAPSHOT_ONLY) {
     if (rec != nullptr) CopyBits(rec->config_bits_len, rec->config_bits);
     KeepBareService(id, rec);
     return Success();
   }
   if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
-    VSK_TRACE("Failed to locate service session record for snapshot for generic session id "
-              "%llu, err=%s",
-              Ull(id), vsk_get_err_msg(st));
-    vsk_db_release_service_session(rec, true);
+    VSK_TRACE(
+        "Failed to locate service session record for snapshot for generic session id "
+        "%llu, err=%s",
+        Ull(id), vsk_get_err_msg(st));
+    store::ReleaseServiceSession(rec, true);
     return Abort(st);
   }
   if (st == VSK_OK) CopyBits(rec->config_bits_len, rec->config_bits);
   const uint64_t owner = rec != nullptr ? rec->client_id : 0;
   st = LoadService(hd, &txn, id, st == VSK_OK ? rec : nullptr);
   if (st != VSK_OK) {
-    VSK_TRACE("Failed to add service session into snapshot for generic session id %llu, return "
-              "code %d\n",
-              Ull(id), st);
+    VSK_TRACE(
+        "Failed to add service session into snapshot for generic session id %llu, return "
+        "code %d\n",
+        Ull(id), st);
     return Failure(st);
   }
-  vsk_service_session_t probe{};
-  probe.client_id = owner;
-  Outcome o = LoadOwner(&probe, true);
+  Outcome o = LoadOwner(owner, true, VSK_TRACE_LEVEL);
   if (o.tail != Tail::kSuccess) return o;
   if (AllocServiceIds(hd, 1) != VSK_OK) return Failure(VSK_ERR_NOMEM);
   hd->service_ids[0] = id;
@@ -508,8 +489,8 @@ vsk_status_t AllocServiceIds(vsk_snapshot_handle* h, uint16_t count) {
     h->service_ids = nullptr;
     h->service_ids_owned = 0;
   }
-  h->service_ids = static_cast<vsk_session_id_t*>(
-      std::calloc(count != 0 ? count : 1, sizeof(vsk_session_id_t)));
+  h->service_ids =
+      static_cast<vsk_session_id_t*>(std::calloc(count != 0 ? count : 1, sizeof(vsk_session_id_t)));
   if (h->service_ids == nullptr) return VSK_ERR_NOMEM;
   h->service_ids_owned = 1;
   return VSK_OK;
@@ -517,7 +498,7 @@ vsk_status_t AllocServiceIds(vsk_snapshot_handle* h, uint16_t count) {
 
 vsk_status_t GetSnapshot(vsk_snapshot_handle* h, int action, const vsk_snapshot_filter* filter,
                          bool nearest, vsk_db_txn_t* walk) {
-  void* shm = vsk_snap_get_shared_memory_ptr();
+  void* shm = cache::Segment();
   if (h == nullptr) {
     VSK_TRACE("%s: Snapshot handle is null", kInternalFn);
     return VSK_ERR_INVALID_PARAM;
@@ -536,13 +517,14 @@ vsk_status_t GetSnapshot(vsk_snapshot_handle* h, int action, const vsk_snapshot_
     if (h->data == nullptr) return VSK_ERR_NOMEM;
     Pass pass{h, shm, action, filter, nearest};
     pass.txn.parent = walk;
+    store::Txn txn(&pass.txn);
     Outcome o;
-    st = vsk_db_start_txn(&pass.txn);
+    st = txn.Begin();
     if (st != VSK_OK) {
       o = Failure(st);
     } else {
-      h->data->client = static_cast<vsk_snapshot_client_data*>(
-          std::calloc(1, sizeof(vsk_snapshot_client_data)));
+      h->data->client =
+          static_cast<vsk_snapshot_client_data*>(std::calloc(1, sizeof(vsk_snapshot_client_data)));
       if (h->data->client == nullptr) {
         o = Abort(VSK_ERR_NOMEM);
       } else {
@@ -551,8 +533,8 @@ vsk_status_t GetSnapshot(vsk_snapshot_handle* h, int action, const vsk_snapshot_
           pass.mask_len = filter->config_bits_len;
         }
         if (shm != nullptr && action != VSK_SNAPSHOT_ACTION_WALK &&
-            ((h->session_id != 0 && vsk::cache::IsCached(shm, h->session_id)) ||
-             (h->client_session_id != 0 && vsk::cache::IsCached(shm, h->client_session_id)))) {
+            ((h->session_id != 0 && cache::IsCached(shm, h->session_id)) ||
+             (h->client_session_id != 0 && cache::IsCached(shm, h->client_session_id)))) {
           h->use_shm = 1;
         }
         o = pass.Run();
@@ -562,7 +544,7 @@ vsk_status_t GetSnapshot(vsk_snapshot_handle* h, int action, const vsk_snapshot_
     if (o.tail == Tail::kSuccess) {
       pass.ReleaseKeys();
       pass.ReleaseRecord();
-      st = vsk_db_end_txn(&pass.txn);
+      st = txn.Commit();
       if (st != VSK_OK) FreeSnapshot(h);
       return st;
     }
@@ -572,15 +554,16 @@ vsk_status_t GetSnapshot(vsk_snapshot_handle* h, int action, const vsk_snapshot_
     FreeSnapshot(h);
     if (st == VSK_ERR_FILTERED) {
       h->client_session_id = 0;
-      vsk_db_abort_txn(&pass.txn, st);
+      txn.Fail(st);
       break;
     }
-    vsk_db_abort_txn(&pass.txn, st);
+    txn.Fail(st);
     if ((st != VSK_ERR_RECOVERING && st != VSK_ERR_RETRY) || attempt == kAttempts) break;
   }
-  VSK_TRACE("Failed to generate snapshot, error can be ignored if searching or recovering "
-            "sessions, err=%s",
-            vsk_get_err_msg(st));
+  VSK_TRACE(
+      "Failed to generate snapshot, error can be ignored if searching or recovering "
+      "sessions, err=%s",
+      vsk_get_err_msg(st));
   return st;
 }
 

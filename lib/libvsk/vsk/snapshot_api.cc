@@ -7,14 +7,16 @@
 #include <cstdlib>
 
 #include "libvsk/base/trace.h"
+#include "libvsk/store/txn.h"
 #include "libvsk/vsk/snapshot_internal.h"
 
 using namespace vsk::snapshot;
+namespace store = vsk::store;
 
 extern "C" {
 
 vsk_status_t vsk_get_snapshot(vsk_snapshot_handle* handle) {
-  vsk_status_t st = vsk_db_check();
+  vsk_status_t st = store::Check();
   if (st != VSK_OK) return st;
   if (handle == nullptr) {
     VSK_TRACE("%s: Snapshot handle is null", kInternalFn);
@@ -23,13 +25,14 @@ vsk_status_t vsk_get_snapshot(vsk_snapshot_handle* handle) {
   if (handle->flags == 0) {
     return GetSnapshot(handle, VSK_SNAPSHOT_ACTION_GET, nullptr, false, nullptr);
   }
-  if (handle->flags == VSK_HANDLE_FLAG_ATTRS_ONLY) return LightRead(handle);
+  // Bits 0 and 2 both set select the light read, whatever else is set.
+  if (IsLight(handle)) return LightRead(handle);
   return VSK_ERR_INVALID_PARAM;
 }
 
 vsk_status_t vsk_search_session(vsk_snapshot_callback_t callback,
                                 const vsk_snapshot_filter* filter) {
-  vsk_status_t st = vsk_db_check();
+  vsk_status_t st = store::Check();
   if (st != VSK_OK) return st;
   vsk_snapshot_handle handle{};
   vsk_db_txn_t walk{};
@@ -49,7 +52,7 @@ vsk_status_t vsk_search_session(vsk_snapshot_callback_t callback,
 
 vsk_status_t vsk_get_next_snapshot(vsk_snapshot_handle* handle, const vsk_snapshot_filter* filter,
                                    int done) {
-  vsk_status_t st = vsk_db_check();
+  vsk_status_t st = store::Check();
   if (st != VSK_OK) return st;
   if (handle == nullptr || filter == nullptr || filter->flags == 0) return VSK_ERR_INVALID_PARAM;
   if (handle->walk == nullptr) {

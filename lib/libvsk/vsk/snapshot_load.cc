@@ -10,9 +10,11 @@
 
 #include "libvsk/base/trace.h"
 #include "libvsk/shared/session_cache.h"
+#include "libvsk/store/records.h"
+#include "libvsk/store/tables.h"
+#include "libvsk/store/txn.h"
 #include "libvsk/vsk/snapshot_internal.h"
 #include "platform/logging.h"
-#include "vsk/session_cache.h"
 
 namespace vsk::snapshot {
 namespace {
@@ -20,9 +22,7 @@ namespace {
 constexpr char kClientFn[] = "vsk_get_client_dyn_internal";
 constexpr char kServiceFn[] = "vsk_generate_service_session_snapshot";
 
-uint16_t NameKeyLength(const char* name) {
-  return static_cast<uint16_t>(std::strlen(name) + 1);
-}
+uint16_t NameKeyLength(const char* name) { return static_cast<uint16_t>(std::strlen(name) + 1); }
 
 vsk_status_t AddAttrs(patricia_root_t* tree, const vsk_attr_list_t* list) {
   for (vsk_attr_t* a = list != nullptr ? list->first : nullptr; a != nullptr; a = a->next) {
@@ -57,8 +57,7 @@ vsk_status_t AddClientDynamic(vsk_snapshot_handle* h, patricia_root_t* tree,
     if (a->array_tag == VSK_ARRAY_IDENTIFYING_TLV || a->array_tag == VSK_ARRAY_START_TLV ||
         a->array_tag == VSK_ARRAY_MEMBER_TLV) {
       if (a->array_tag == VSK_ARRAY_MEMBER_TLV && previous == nullptr) {
-        VSK_TRACE("%s - Array member without array start being added to patricia tree",
-                  kClientFn);
+        VSK_TRACE("%s - Array member without array start being added to patricia tree", kClientFn);
         return VSK_ERR_INVALID_PARAM;
       }
       st = vsk_dyn_tree_add(tree, klen, a->name, a->length, a->value, a->array_tag, previous,
@@ -76,7 +75,8 @@ vsk_status_t AddClientDynamic(vsk_snapshot_handle* h, patricia_root_t* tree,
     if (st == VSK_OK) continue;
     ValueText v(a);
     if (st == VSK_ERR_INVALID_DATA) {
-      logging(3, "%s: Failed to add dynamic configuration attribute %s=%s to patricia tree, error %d",
+      logging(3,
+              "%s: Failed to add dynamic configuration attribute %s=%s to patricia tree, error %d",
               kClientFn, a->name, v.text, st);
       continue;
     }
@@ -103,9 +103,9 @@ vsk_status_t AddServiceDynamic(patricia_root_t* tree, const vsk_dyn_attr_list_t*
       return VSK_ERR_INVALID_PARAM;
     }
     if (a->array_tag >= VSK_ARRAY_IDENTIFYING_TLV && a->array_tag <= VSK_ARRAY_MEMBER_TLV) {
-      st = vsk_dyn_tree_add(tree, NameKeyLength(a->name), a->name, a->length, a->value,
-                            a->array_tag, previous, &array_id, &members, &index_root, &index_node,
-                            false);
+      st =
+          vsk_dyn_tree_add(tree, NameKeyLength(a->name), a->name, a->length, a->value, a->array_tag,
+                           previous, &array_id, &members, &index_root, &index_node, false);
       if (a->array_tag != VSK_ARRAY_MEMBER_TLV) previous = a->value;
     } else {
       st = vsk_dyn_tree_add(tree, NameKeyLength(a->name), a->name, a->length, a->value,
@@ -144,22 +144,23 @@ vsk_status_t LoadClient(vsk_snapshot_handle* h, void* shm, vsk_snapshot_data* da
   uint64_t dynamic_id = record->dynamic_id;
   vsk_dynamic_config_t* dyn = nullptr;
   bool from_cache = false;
-  if (action == VSK_SNAPSHOT_ACTION_WALK || !vsk::cache::IsCached(shm, dynamic_id)) {
-    st = vsk_db_get_dynamic_config(txn, &dynamic_id, &dyn, false);
+  if (action == VSK_SNAPSHOT_ACTION_WALK || !cache::IsCached(shm, dynamic_id)) {
+    st = store::GetDynamicConfig(txn, &dynamic_id, &dyn, false);
   } else {
     from_cache = true;
-    st = vsk_db_dynamic_config_empty(&dyn);
-    if (st == VSK_OK) st = vsk_shm_to_dynamic_record(dyn, shm, dynamic_id, h);
+    st = store::DynamicConfigEmpty(&dyn);
+    if (st == VSK_OK) st = cache::ToDynamicRecord(h, shm, dynamic_id, dyn);
   }
   if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
-    VSK_TRACE("Failed to locate dynamic configuration record for snapshot by client session id "
-              "%llu, err=%s",
-              Ull(dynamic_id), vsk_get_err_msg(st));
-    vsk_db_release_dynamic_config(dyn, !from_cache);
+    VSK_TRACE(
+        "Failed to locate dynamic configuration record for snapshot by client session id "
+        "%llu, err=%s",
+        Ull(dynamic_id), vsk_get_err_msg(st));
+    store::ReleaseDynamicConfig(dyn, !from_cache);
     return st;
   }
   if (st == VSK_ERR_NOT_FOUND) {
-    vsk_db_release_dynamic_config(dyn, !from_cache);
+    store::ReleaseDynamicConfig(dyn, !from_cache);
     dyn = nullptr;
   }
   c->dynamic_record = dyn;
@@ -176,7 +177,7 @@ vsk_status_t LoadService(vsk_snapshot_handle* h, vsk_db_txn_t* txn, uint64_t id,
   auto* node =
       static_cast<vsk_snapshot_service_node*>(std::calloc(1, sizeof(vsk_snapshot_service_node)));
   if (node == nullptr) {
-    vsk_db_release_service_session(record, true);
+    store::ReleaseServiceSession(record, true);
     return VSK_ERR_NOMEM;
   }
   patricia_node_init_length(&node->header, sizeof node->id);
@@ -184,7 +185,7 @@ vsk_status_t LoadService(vsk_snapshot_handle* h, vsk_db_txn_t* txn, uint64_t id,
   node->record = record;
   if (!patricia_add(h->data->services, &node->header)) {
     // The same service twice in one snapshot: the first load stands.
-    vsk_db_release_service_session(record, true);
+    store::ReleaseServiceSession(record, true);
     std::free(node);
     return VSK_ERR_INVALID_DATA;
   }
@@ -202,12 +203,13 @@ vsk_status_t LoadService(vsk_snapshot_handle* h, vsk_db_txn_t* txn, uint64_t id,
   if (node->dynamic == nullptr || node->dynamic_str == nullptr) return VSK_ERR_NOMEM;
   // A service's dynamic configuration is keyed by the service id, and never cached.
   vsk_dynamic_config_t* dyn = nullptr;
-  st = vsk_db_get_dynamic_config(txn, &id, &dyn, false);
+  st = store::GetDynamicConfig(txn, &id, &dyn, false);
   if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
-    VSK_TRACE("%s: Failed to locate dynamic configuration record for snapshot by service "
-              "session id %llu, err=%s",
-              kServiceFn, Ull(id), vsk_get_err_msg(st));
-    vsk_db_release_dynamic_config(dyn, true);
+    VSK_TRACE(
+        "%s: Failed to locate dynamic configuration record for snapshot by service "
+        "session id %llu, err=%s",
+        kServiceFn, Ull(id), vsk_get_err_msg(st));
+    store::ReleaseDynamicConfig(dyn, true);
     return st;
   }
   if (st == VSK_OK) {
@@ -217,17 +219,18 @@ vsk_status_t LoadService(vsk_snapshot_handle* h, vsk_db_txn_t* txn, uint64_t id,
       if (st != VSK_OK) return st;
     }
   } else {
-    vsk_db_release_dynamic_config(dyn, true);
+    store::ReleaseDynamicConfig(dyn, true);
   }
   if (h->app_id != 0) {
     vsk_app_pri_key_t k{id, h->app_id};
     vsk_app_data_t* app = nullptr;
     st = vsk_db_get_app_pri_data(txn, &k, &app, false);
     if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
-      VSK_TRACE("%s: Failed to locate private data record for snapshot by service session id "
-                "%llu, err=%s",
-                kServiceFn, Ull(id), vsk_get_err_msg(st));
-      vsk_db_release_app_pri_data(app, true);
+      VSK_TRACE(
+          "%s: Failed to locate private data record for snapshot by service session id "
+          "%llu, err=%s",
+          kServiceFn, Ull(id), vsk_get_err_msg(st));
+      store::ReleaseAppPriData(app, true);
       return st;
     }
     node->app_private = app;
@@ -237,8 +240,10 @@ vsk_status_t LoadService(vsk_snapshot_handle* h, vsk_db_txn_t* txn, uint64_t id,
 
 void FreeClientData(vsk_snapshot_handle* h, vsk_snapshot_client_data* c) {
   if (c == nullptr) return;
+  // The array cursor points into the dynamic tree that goes here.
+  vsk_cleanup_after_arrays(h);
   vsk_attr_tree_free(c->attrs);
-  vsk_db_release_client_session(c->record, true);
+  store::ReleaseClientSession(c->record, true);
   vsk_attr_tree_free(c->dynamic);
   vsk_attr_tree_free(c->predefined);
   std::free(h->shm_dynamic_copy);
@@ -246,15 +251,15 @@ void FreeClientData(vsk_snapshot_handle* h, vsk_snapshot_client_data* c) {
   h->shm_dynamic_copy = nullptr;
   h->shm_session_copy = nullptr;
   vsk_attr_tree_free(c->dynamic_str);
-  vsk_db_release_dynamic_config(c->dynamic_record, true);
-  vsk_db_release_app_pri_data(c->app_private, true);
+  store::ReleaseDynamicConfig(c->dynamic_record, true);
+  store::ReleaseAppPriData(c->app_private, true);
   std::free(c);
 }
 
 void FreeSnapshot(vsk_snapshot_handle* h) {
   if (h == nullptr || h->data == nullptr) return;
   if (IsLight(h)) {
-    vsk_db_release_client_session(reinterpret_cast<vsk_client_session_t*>(h->data), true);
+    store::ReleaseClientSession(reinterpret_cast<vsk_client_session_t*>(h->data), true);
     vsk_attr_list_t* result = static_cast<vsk_attr_list_t*>(h->attr_result);
     if (result != nullptr) std::free(result->first);
     std::free(result);
@@ -282,11 +287,11 @@ void FreeSnapshot(vsk_snapshot_handle* h) {
       patricia_delete(d->services, n);
       auto* s = reinterpret_cast<vsk_snapshot_service_node*>(n);
       vsk_attr_tree_free(s->attrs);
-      vsk_db_release_service_session(s->record, true);
+      store::ReleaseServiceSession(s->record, true);
       vsk_attr_tree_free(s->dynamic);
       vsk_attr_tree_free(s->dynamic_str);
-      vsk_db_release_dynamic_config(s->dynamic_record, true);
-      vsk_db_release_app_pri_data(s->app_private, true);
+      store::ReleaseDynamicConfig(s->dynamic_record, true);
+      store::ReleaseAppPriData(s->app_private, true);
       std::free(s);
     }
     patricia_root_delete(d->services);
@@ -309,6 +314,7 @@ void FreeSnapshot(vsk_snapshot_handle* h) {
 }  // namespace vsk::snapshot
 
 using namespace vsk::snapshot;
+namespace store = vsk::store;
 
 extern "C" {
 
@@ -316,18 +322,18 @@ vsk_status_t vsk_get_client_dyn_internal(vsk_snapshot_handle* handle, void* shm,
                                          vsk_snapshot_data* data, int action,
                                          vsk_client_session_t* record, vsk_db_txn_t* txn) {
   if (handle == nullptr || data == nullptr || data->client == nullptr || txn == nullptr) {
-    vsk_db_release_client_session(record, true);
+    store::ReleaseClientSession(record, true);
     return VSK_ERR_INVALID_PARAM;
   }
   return LoadClient(handle, shm, data, action, record, txn);
 }
 
-vsk_status_t vsk_generate_service_session_snapshot(vsk_snapshot_handle* handle,
-                                                   vsk_db_txn_t* txn, vsk_session_id_t id,
+vsk_status_t vsk_generate_service_session_snapshot(vsk_snapshot_handle* handle, vsk_db_txn_t* txn,
+                                                   vsk_session_id_t id,
                                                    vsk_service_session_t* record) {
   if (handle == nullptr || handle->data == nullptr || handle->data->services == nullptr ||
       txn == nullptr) {
-    vsk_db_release_service_session(record, true);
+    store::ReleaseServiceSession(record, true);
     return VSK_ERR_INVALID_PARAM;
   }
   return LoadService(handle, txn, id, record);

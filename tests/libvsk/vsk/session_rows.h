@@ -21,7 +21,7 @@ struct ServiceRow {
   AttrList* attrs;
   DynList* dynamic = nullptr;  // stored under the service id
   std::vector<uint8_t> bits = {};
-  uint64_t client_id = 0;      // 0: the owning row's id
+  uint64_t client_id = 0;  // 0: the owning row's id
 };
 
 struct SessionRow {

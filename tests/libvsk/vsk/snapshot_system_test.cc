@@ -27,7 +27,7 @@ class SnapshotSystemTest : public SessionSystemTest {};
 // Rows 10..14 whose user name and dynamic value are rewritten together in one transaction;
 // row 14 also goes and comes back. A snapshot must always show the pair of one commit.
 TEST_F(SnapshotSystemTest, SnapshotsAndWalksNeverSeeATornSession) {
-  ASSERT_TRUE(StartOrvd());
+  ASSERT_TRUE(StartSystem());
   auto put = [](uint64_t id, int version) {
     std::string v = "v" + std::to_string(version);
     AttrList attrs{{VSK_USER_NAME, Text(v.c_str())}};
@@ -46,14 +46,14 @@ TEST_F(SnapshotSystemTest, SnapshotsAndWalksNeverSeeATornSession) {
     return ClientValue(h, VSK_USER_NAME) != DynamicValue(h, 0, "kelvo-v") ? 1 : 0;
   };
   // The writer runs until the reader is done; the flag lives in memory both children share.
-  auto* reader_done = static_cast<std::atomic<int>*>(
-      mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
-           -1, 0));
+  auto* reader_done =
+      static_cast<std::atomic<int>*>(mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE,
+                                          MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   ASSERT_NE(reader_done, MAP_FAILED);
   new (reader_done) std::atomic<int>(0);
   bool ok = RunConcurrently(2, [&put, &torn, reader_done](int k) {
     orvd_ctx link{};
-    if (UpAsClient(&link) != 0) return 100;
+    if (Up(&link, false) != 0) return 100;
     int rc = 0;
     if (k == 0) {
       for (int i = 1; i <= 20000 && reader_done->load() == 0; ++i) {
@@ -102,7 +102,7 @@ TEST_F(SnapshotSystemTest, SnapshotsAndWalksNeverSeeATornSession) {
 // and a third process inserts behind and ahead of the walk and deletes its next key. The
 // walk then sees what its keys say it must.
 TEST_F(SnapshotSystemTest, WalksResumeByKeyAcrossChangesAndAKilledWalkerHoldsNothing) {
-  ASSERT_TRUE(StartOrvd());
+  ASSERT_TRUE(StartSystem());
   AttrList a{{VSK_USER_NAME, Text("u")}};
   ChildResult setup = AsClientDaemon([&a] {
     for (uint64_t id : {10, 20, 30, 40, 50}) {
@@ -113,7 +113,7 @@ TEST_F(SnapshotSystemTest, WalksResumeByKeyAcrossChangesAndAKilledWalkerHoldsNot
   ASSERT_TRUE(setup.Ok()) << setup;
   auto walker = [](Child::Channel& ch, bool resume) {
     orvd_ctx link{};
-    if (UpAsClient(&link) != 0) return 100;
+    if (Up(&link, false) != 0) return 100;
     vsk_snapshot_filter f = ClientWalk();
     vsk_snapshot_handle h{};
     if (vsk_get_next_snapshot(&h, &f, 0) != 0 || h.current_key != 10 || h.next_key != 20) return 1;
@@ -150,7 +150,7 @@ TEST_F(SnapshotSystemTest, WalksResumeByKeyAcrossChangesAndAKilledWalkerHoldsNot
 // present-state read see the slot; a search reads the table record with the slot's dynamic
 // configuration; a walk reads the tables alone.
 TEST_F(SnapshotSystemTest, CachedSessionsAreReadFromTheCacheByGetsAndSearchesNeverByWalks) {
-  ASSERT_TRUE(StartOrvd());
+  ASSERT_TRUE(StartSystem());
   ChildResult writer = AsClientDaemon([] {
     AttrList attrs{{VSK_USER_NAME, Text("carol")}, {VSK_SESSION_STATE, U32(1)}};
     DynList dyn{{"kelvo-a", "1"}};

@@ -2,10 +2,12 @@
 // id and by the light read holds; each filter field of a walk; the search's odd cases; the
 // dump against a text written by hand from the operators' table; handles freed in every
 // order a daemon might (ASan reports leaks and double frees).
+#include <db.h>
 #include <unistd.h>
 
 #include <sstream>
 
+#include "libvsk/store/context.h"
 #include "session_fixture.h"
 #include "session_rows.h"
 
@@ -14,7 +16,8 @@ namespace {
 
 std::string Bytes(std::initializer_list<uint8_t> b) { return std::string(b.begin(), b.end()); }
 
-vsk_snapshot_filter Filter(uint32_t flags, uint32_t type_mask = 0, vsk_attr_list_t* client = nullptr,
+vsk_snapshot_filter Filter(uint32_t flags, uint32_t type_mask = 0,
+                           vsk_attr_list_t* client = nullptr,
                            vsk_dyn_attr_list_t* dynamic = nullptr,
                            vsk_attr_list_t* service = nullptr, uint8_t* bits = nullptr,
                            uint16_t bits_len = 0) {
@@ -35,7 +38,7 @@ class SnapshotTest : public VskTest {
  protected:
   void SetUp() override {
     VskTest::SetUp();
-    ASSERT_EQ(UpAsOrvd(&link_), 0) << traces().Dump();
+    ASSERT_EQ(Up(&link_, true), 0) << traces().Dump();
     traces().Clear();
   }
   void TearDown() override {
@@ -76,13 +79,14 @@ class SnapshotTest : public VskTest {
   AttrList s20_{{VSK_SERVICE_NAME, Text("s1")}}, s21_{{VSK_SERVICE_NAME, Text("s2")}};
 };
 
-TEST_F(SnapshotTest, ClientServiceAndGenericIdsLoadWhatTheDesignSays) {
+TEST_F(SnapshotTest, ClientServiceGenericAndLightReadsLoadWhatTheyShould) {
   AttrList client{{VSK_USER_NAME, Text("alice")}, {VSK_SESSION_STATE, U32(2)}};
   AttrList svc_a{{VSK_SESSION_STATE, U32(1)}, {VSK_SERVICE_NAME, Text("gold")}};
   AttrList svc_b{{VSK_SERVICE_NAME, Text("silver")}};
   DynList dyn{{"kelvo-plain", "p"}}, svc_dyn{{"kelvo-rate", "9"}};
-  ASSERT_EQ(PutSession({100, &client, &dyn, {0x05}, {{101, &svc_a, &svc_dyn, {0x07}}, {102, &svc_b}}}),
-            0);
+  ASSERT_EQ(
+      PutSession({100, &client, &dyn, {0x05}, {{101, &svc_a, &svc_dyn, {0x07}}, {102, &svc_b}}}),
+      0);
 
   // By client id with its services.
   vsk_snapshot_handle h{};
@@ -114,6 +118,18 @@ TEST_F(SnapshotTest, ClientServiceAndGenericIdsLoadWhatTheDesignSays) {
   EXPECT_EQ(h.config_bits, nullptr);
   vsk_free_snapshot_handle(&h);  // silent
 
+  // Preset service ids: each loads its service and its owner again.
+  vsk_session_id_t preset[] = {102, 101};
+  h.service_ids = preset;
+  h.service_count = 2;
+  h.include_services = 0;
+  ASSERT_EQ(vsk_get_snapshot(&h), 0) << traces().Dump();
+  EXPECT_EQ(ServiceValue(&h, 101, VSK_SERVICE_NAME), Text("gold"));
+  EXPECT_EQ(ServiceValue(&h, 102, VSK_SERVICE_NAME), Text("silver"));
+  EXPECT_EQ(DynamicValue(&h, 0, "kelvo-plain"), "p");
+  EXPECT_EQ(h.service_ids, preset) << "a caller's array stays the caller's";
+  vsk_free_snapshot_handle(&h);
+
   // A generic id naming a service: the service, its owner's data, client id left at 0.
   vsk_snapshot_handle g{};
   g.session_id = 101;
@@ -143,28 +159,27 @@ TEST_F(SnapshotTest, ClientServiceAndGenericIdsLoadWhatTheDesignSays) {
   EXPECT_EQ(vsk_get_snapshot(&none), -6);
   EXPECT_EQ(vsk_get_snapshot(nullptr), -6);
   vsk_free_snapshot_handle(nullptr);
-}
 
-TEST_F(SnapshotTest, LightReadKeepsOneResultThatEachReadOverwrites) {
-  AttrList client{{VSK_USER_NAME, Text("bob")}, {VSK_PROFILE_NAME, Text("gold")}};
-  ASSERT_EQ(PutSession({200, &client, nullptr, {0x09}}), 0);
-  vsk_snapshot_handle h{};
-  h.client_session_id = 200;
-  h.flags = VSK_HANDLE_FLAG_ATTRS_ONLY;
-  ASSERT_EQ(vsk_get_snapshot(&h), 0);
+  // The light read keeps one result entry, which each read overwrites.
+  AttrList bob{{VSK_USER_NAME, Text("bob")}, {VSK_PROFILE_NAME, Text("gold")}};
+  ASSERT_EQ(PutSession({200, &bob, nullptr, {0x09}}), 0);
+  vsk_snapshot_handle l{};
+  l.client_session_id = 200;
+  l.flags = VSK_HANDLE_FLAG_ATTRS_ONLY;
+  ASSERT_EQ(vsk_get_snapshot(&l), 0);
   vsk_attr_value_t* first = nullptr;
   vsk_attr_value_t* second = nullptr;
-  ASSERT_EQ(vsk_get_client_session_attr(&h, VSK_USER_NAME, &first), 0);
+  ASSERT_EQ(vsk_get_client_session_attr(&l, VSK_USER_NAME, &first), 0);
   EXPECT_EQ(First(0, first), Text("bob"));
-  ASSERT_EQ(vsk_get_client_session_attr(&h, VSK_PROFILE_NAME, &second), 0);
+  ASSERT_EQ(vsk_get_client_session_attr(&l, VSK_PROFILE_NAME, &second), 0);
   EXPECT_EQ(first, second);
   EXPECT_EQ(First(0, first), Text("gold")) << "the second read changes what the first shows";
-  EXPECT_EQ(ClientValue(&h, VSK_ROUTING_INSTANCE), "st-7");
-  EXPECT_EQ(h.config_bits_len, 1);
-  vsk_free_snapshot_handle(&h);
-  vsk_free_snapshot_handle(&h);
-  h.client_session_id = 201;
-  EXPECT_EQ(vsk_get_snapshot(&h), -7);
+  EXPECT_EQ(ClientValue(&l, VSK_ROUTING_INSTANCE), "st-7");
+  EXPECT_EQ(l.config_bits_len, 1);
+  vsk_free_snapshot_handle(&l);
+  vsk_free_snapshot_handle(&l);
+  l.client_session_id = 201;
+  EXPECT_EQ(vsk_get_snapshot(&l), -7);
 }
 
 // Each filter field selects exactly the sessions it should.
@@ -188,9 +203,7 @@ TEST_F(SnapshotTest, EachFilterFieldSelectsExactlyItsSessions) {
        {"10:bits", "11", "12", "13"}},
       {"clients with services", Filter(kClients | kServices), {"10+20", "11+21", "12", "13"}},
       {"service walk", Filter(kServices), {"20+20", "21+21"}},
-      {"service attrs",
-       Filter(kServices, 0, nullptr, nullptr, svc_s2.get()),
-       {"21+21"}},
+      {"service attrs", Filter(kServices, 0, nullptr, nullptr, svc_s2.get()), {"21+21"}},
   };
   for (const Case& c : cases) {
     vsk_status_t end = 0;
@@ -209,22 +222,18 @@ TEST_F(SnapshotTest, EachFilterFieldSelectsExactlyItsSessions) {
                 &f),
             0);
   EXPECT_EQ(seen, (std::vector<uint64_t>{10, 12}));
-  vsk_snapshot_handle h{};
-  EXPECT_EQ(vsk_get_next_snapshot(&h, nullptr, 0), -6);
-  vsk_snapshot_filter zero{};
-  EXPECT_EQ(vsk_get_next_snapshot(&h, &zero, 0), -6);
-  EXPECT_EQ(h.walk, nullptr);
-}
-
-TEST_F(SnapshotTest, ServiceWalkEndsAtAServiceWhoseClientIsGoneAndSkipsOwnerlessOnes) {
-  PutFilterRows();
+  // A service whose client is gone ends the service walk with -7.
   AttrList orphan{{VSK_SERVICE_NAME, Text("orphan")}};
-  // Service 30 names client 99, which does not exist.
   ASSERT_EQ(PutSession({13, &c13_, &d13_, {0x03}, {{30, &orphan, nullptr, {}, 99}}}), 0);
   vsk_status_t end = 0;
   EXPECT_EQ(Walk(Filter(kServices), &end), (std::vector<std::string>{"20+20", "21+21"}));
   EXPECT_EQ(end, -7);
   EXPECT_TRUE(traces().Contains("vsk_get_client_dyn_internal: client_session_record is NULL"));
+  vsk_snapshot_handle h{};
+  EXPECT_EQ(vsk_get_next_snapshot(&h, nullptr, 0), -6);
+  vsk_snapshot_filter zero{};
+  EXPECT_EQ(vsk_get_next_snapshot(&h, &zero, 0), -6);
+  EXPECT_EQ(h.walk, nullptr);
 }
 
 // A null filter or flags 0 never ends the search: bounded by a callback that leaves.
@@ -234,7 +243,7 @@ TEST_F(SnapshotTest, SearchWithNullOrZeroFilterRepeatsEmptySnapshotsForever) {
   for (int zero_flags = 0; zero_flags < 2; ++zero_flags) {
     ChildResult r = RunInChild([zero_flags] {
       orvd_ctx link{};
-      if (UpAsClient(&link) != 0) return 100;
+      if (Up(&link, false) != 0) return 100;
       static int calls = 0;
       vsk_snapshot_filter f{};
       vsk_search_session(
@@ -248,7 +257,7 @@ TEST_F(SnapshotTest, SearchWithNullOrZeroFilterRepeatsEmptySnapshotsForever) {
     });
     EXPECT_TRUE(r.exited && r.code == 7) << r;
   }
-  ASSERT_EQ(UpAsOrvd(&link_), 0);
+  ASSERT_EQ(Up(&link_, true), 0);
 }
 
 TEST_F(SnapshotTest, HandlesFreedInEveryOrderLeakNothing) {
@@ -332,12 +341,44 @@ TEST_F(SnapshotTest, ArrayCursorReadsInstancesAndTheirMembers) {
   EXPECT_EQ(h.array_attr_name, nullptr);
 }
 
+// Corrupt rows: the read fails with a status, the handle holds nothing, nothing leaks, and
+// the neighbours stay readable.
+TEST_F(SnapshotTest, CorruptRecordsFailTheReadAndLeaveTheHandleEmpty) {
+  PutFilterRows();
+  auto put_raw = [](DB* db, uint64_t key, std::string bytes) {
+    DBT k{}, d{};
+    k.data = &key;
+    k.size = sizeof key;
+    d.data = bytes.data();
+    d.size = static_cast<uint32_t>(bytes.size());
+    return db->put(db, nullptr, &k, &d, DB_AUTO_COMMIT);
+  };
+  const store::StoreContext* ctx = store::Context();
+  ASSERT_EQ(put_raw(ctx->client_session_db, 60, "\x01\x00\xff\xff\xff\x7f"), 0);
+  ASSERT_EQ(put_raw(ctx->dynamic_config_db, 12, std::string("\x01\x00\x05\x00\x40", 5)), 0);
+  for (uint64_t id : {60, 12}) {
+    vsk_snapshot_handle h{};
+    h.client_session_id = id;
+    h.include_services = 1;
+    vsk_status_t st = vsk_get_snapshot(&h);
+    EXPECT_LT(st, 0) << id;
+    EXPECT_NE(st, -7) << id;
+    EXPECT_EQ(h.data, nullptr) << id;
+    vsk_free_snapshot_handle(&h);
+  }
+  vsk_snapshot_handle ok{};
+  ok.client_session_id = 11;
+  EXPECT_EQ(vsk_get_snapshot(&ok), 0);
+  EXPECT_EQ(ClientValue(&ok, VSK_USER_NAME), Text("b"));
+  vsk_free_snapshot_handle(&ok);
+}
+
 TEST(ToaTest, DigitsComeLowestFirstAsPublished) {
   struct {
     uint64_t value;
     const char* text;
-  } cases[] = {{0, "0"}, {7, "7"}, {120, "021"}, {1000, "0001"},
-               {UINT64_MAX, "51615590737044764481"}};
+  } cases[] = {
+      {0, "0"}, {7, "7"}, {120, "021"}, {1000, "0001"}, {UINT64_MAX, "51615590737044764481"}};
   for (const auto& c : cases) {
     char buf[24];
     std::memset(buf, 'x', sizeof buf);
@@ -351,6 +392,7 @@ TEST_F(SnapshotTest, DumpMatchesTheOperatorsTableLineByLine) {
   uint32_t six[4] = {1, 2, 3, 4};
   AttrList client{{VSK_PREFERRED_IPV6_ADDRESS, std::string(reinterpret_cast<char*>(six), 16)},
                   {VSK_USER_NAME, Text("alice")},
+                  {VSK_PROFILE_NAME, "gold"},  // no NUL of its own
                   {VSK_USER_IPV4_ADDRESS, U32(0x0a000001)},
                   {VSK_USER_IPV6_ADDRESS, Bytes({1, 2, 3})},
                   {VSK_SESSION_STATE, U32(2)},
@@ -382,6 +424,7 @@ TEST_F(SnapshotTest, DumpMatchesTheOperatorsTableLineByLine) {
       "Session attributes {\n"
       "session preferred ipv6 address=1 2 3 4\n"
       "user name=alice\n"
+      "profile name=gold\n"
       "user ipv4 address=167772161\n"
       "user ipv address={\n"
       "1 2 3 }\n"
