@@ -179,77 +179,44 @@ vsk_status_t vsk_attr_tree_remove(patricia_root_t* tree, uint16_t key_length, co
 
 void vsk_array_index_free(patricia_root_t* root) { FreeIndexTree(root, false); }
 
-}  // extern "C"
-
-namespace {
-
-// Frees one node's values, key and the node itself. Member lists and index trees are gone.
-void FreeNodeStorage(vsk_attr_tree_node_t* node) {
-  vsk_attr_value_t* v = node->values_first;
-  while (v != nullptr) {
-    vsk_attr_value_t* next = v->next;
-    if (node->owns_key) std::free(v->value);
-    std::free(v);
-    v = next;
+void vsk_attr_tree_free(patricia_root_t* tree) {
+  if (tree == nullptr) return;
+  // The nodes leave the tree first, lowest key first (each step a descent, never a search
+  // for a successor); a node out of the tree lends its header's first link to a chain of
+  // them. Then every member list and index tree goes, while all values are still alive;
+  // then the nodes with their values.
+  patricia_node_t* chain = nullptr;
+  patricia_node_t* p;
+  while ((p = patricia_find_next(tree, nullptr)) != nullptr) {
+    patricia_delete(tree, p);
+    p->pn_child[0] = reinterpret_cast<uintptr_t>(chain);
+    chain = p;
   }
-  if (node->owns_key) std::free(node->key);
-  std::free(node);
-}
-
-// First every member list and index tree, while all values are still alive; then the
-// nodes with their values.
-void FreeNodes(vsk_attr_tree_node_t* const* nodes, size_t count) {
-  for (size_t i = 0; i < count; ++i) {
-    for (vsk_attr_value_t* v = nodes[i]->values_first; v != nullptr; v = v->next) {
+  auto next_of = [](patricia_node_t* n) {
+    return reinterpret_cast<patricia_node_t*>(n->pn_child[0]);
+  };
+  for (p = chain; p != nullptr; p = next_of(p)) {
+    auto* node = reinterpret_cast<vsk_attr_tree_node_t*>(p);
+    for (vsk_attr_value_t* v = node->values_first; v != nullptr; v = v->next) {
       FreeMemberList(v->members);
       v->members = nullptr;
     }
+    FreeIndexTree(node->index_root, true);
+    node->index_root = nullptr;
   }
-  for (size_t i = 0; i < count; ++i) {
-    FreeIndexTree(nodes[i]->index_root, true);
-    nodes[i]->index_root = nullptr;
-  }
-  for (size_t i = 0; i < count; ++i) FreeNodeStorage(nodes[i]);
-}
-
-}  // namespace
-
-extern "C" {
-
-void vsk_attr_tree_free(patricia_root_t* tree) {
-  if (tree == nullptr) return;
-  // One walk collects the nodes; the tree is then dropped whole rather than node by node,
-  // which keeps a free linear in the number of attributes (an update frees one per call).
-  constexpr size_t kLocal = 64;
-  vsk_attr_tree_node_t* local[kLocal] = {};
-  vsk_attr_tree_node_t** nodes = local;
-  size_t count = 0, room = kLocal;
-  for (patricia_node_t* p = patricia_find_next(tree, nullptr); p != nullptr;
-       p = patricia_find_next(tree, p)) {
-    if (count == room) {
-      auto* grown = static_cast<vsk_attr_tree_node_t**>(std::malloc(2 * room * sizeof *nodes));
-      if (grown == nullptr) break;  // the rest is freed by the slow way below
-      std::memcpy(grown, nodes, count * sizeof *nodes);
-      if (nodes != local) std::free(nodes);
-      nodes = grown;
-      room *= 2;
+  while (chain != nullptr) {
+    auto* node = reinterpret_cast<vsk_attr_tree_node_t*>(chain);
+    chain = next_of(chain);
+    vsk_attr_value_t* v = node->values_first;
+    while (v != nullptr) {
+      vsk_attr_value_t* next = v->next;
+      if (node->owns_key) std::free(v->value);
+      std::free(v);
+      v = next;
     }
-    nodes[count++] = reinterpret_cast<vsk_attr_tree_node_t*>(p);
+    if (node->owns_key) std::free(node->key);
+    std::free(node);
   }
-  if (count == room) {
-    // Out of memory while collecting: unlink what was collected and free the rest one by one.
-    for (size_t i = 0; i < count; ++i) patricia_delete(tree, &nodes[i]->header);
-    FreeNodes(nodes, count);
-    count = 0;
-    patricia_node_t* p;
-    while ((p = patricia_find_next(tree, nullptr)) != nullptr) {
-      patricia_delete(tree, p);
-      auto* node = reinterpret_cast<vsk_attr_tree_node_t*>(p);
-      FreeNodes(&node, 1);
-    }
-  }
-  FreeNodes(nodes, count);
-  if (nodes != local) std::free(nodes);
   patricia_root_delete(tree);
 }
 

@@ -114,27 +114,22 @@ void Attr(const vsk_attr_t* a, const Line* line) {
   }
 }
 
-void ClientAttrs(const vsk_attr_list_t* list) {
+// Each attribute of `list` by its table's line; a type the table lacks is announced (with
+// its type for a client, without for a service) and its bytes follow with no line end.
+template <size_t N>
+void Attrs(const vsk_attr_list_t* list, const Line (&table)[N], bool client) {
   for (const vsk_attr_t* a = list != nullptr ? list->first : nullptr; a != nullptr; a = a->next) {
-    const Line* line = Find(std::begin(kClientLines), std::end(kClientLines), a->type);
+    const Line* line = Find(std::begin(table), std::end(table), a->type);
     if (line != nullptr) {
       Attr(a, line);
-    } else {
-      VSK_TRACE("unknown session attribute %d = ", a->type);
-      Bytes(a->value, a->length);
+      continue;
     }
-  }
-}
-
-void ServiceAttrs(const vsk_attr_list_t* list) {
-  for (const vsk_attr_t* a = list != nullptr ? list->first : nullptr; a != nullptr; a = a->next) {
-    const Line* line = Find(std::begin(kServiceLines), std::end(kServiceLines), a->type);
-    if (line != nullptr) {
-      Attr(a, line);
+    if (client) {
+      VSK_TRACE("unknown session attribute %d = ", a->type);
     } else {
       VSK_TRACE("unknown session attribute=");
-      Bytes(a->value, a->length);
     }
+    Bytes(a->value, a->length);
   }
 }
 
@@ -170,7 +165,7 @@ void Dump(const vsk_snapshot_handle* h) {
   } else {
     VSK_TRACE("Client session %llu {\n", Ull(h->client_session_id));
     VSK_TRACE("Session attributes {\n");
-    ClientAttrs(c->record->attrs);
+    Attrs(c->record->attrs, kClientLines, true);
     if (c->dynamic_record != nullptr) DynamicBlock(c->dynamic_record);
     VSK_TRACE("Dynamic default configuration {\n");
     for (patricia_node_t* n = c->predefined != nullptr ? patricia_find_next(c->predefined, nullptr)
@@ -189,7 +184,7 @@ void Dump(const vsk_snapshot_handle* h) {
   for (patricia_node_t* n = services != nullptr ? patricia_find_next(services, nullptr) : nullptr;
        n != nullptr; n = patricia_find_next(services, n)) {
     auto* s = reinterpret_cast<vsk_snapshot_service_node*>(n);
-    if (s->record != nullptr) ServiceAttrs(s->record->attrs);
+    if (s->record != nullptr) Attrs(s->record->attrs, kServiceLines, false);
     // The test is on the client's dynamic record, not the service's: published behaviour.
     if (c != nullptr && c->dynamic_record != nullptr) DynamicBlock(s->dynamic_record);
   }

@@ -18,7 +18,6 @@ namespace {
 const vsk_create_options_t kCache{0, 1, {0, 0}};
 constexpr char kFn[] = "vsk_remove_bundled_client_session";
 
-std::string Drift() { return CountDifferences(RecountFromTables(), ReadSharedCounts()); }
 uint32_t Total() { return vsk_summary_counter[VSK_SUMMARY_COUNTER_TOTAL]; }
 
 std::string DynRow(uint64_t id) {
@@ -26,36 +25,21 @@ std::string DynRow(uint64_t id) {
   return vsk_db_dynamic_config_record_exists(&txn, &id, false) == 0 ? "present" : "absent";
 }
 
-class RemoveTest : public VskTest {
+class RemoveTest : public EngineTest {
  protected:
-  void SetUp() override {
-    VskTest::SetUp();
-    ASSERT_EQ(Up(&link_, true), 0) << traces().Dump();
-    shm_ = vsk_snap_get_shared_memory_ptr();
-    traces().Clear();
-  }
-  void TearDown() override {
-    vsk_close_internal();
-    vsk_db_reset_orvd_handle();
-    VskTest::TearDown();
-  }
-  // A session with its own interface and a unit from the pool in its dynamic record.
-  uint64_t Create(AttrList& attrs, bool cache, const std::string& unit = "") {
+  // A session with its own dynamic record, naming `unit` there when given.
+  static uint64_t Create(AttrList& attrs, bool cache, const std::string& unit = "") {
     DynList dyn{{"kelvo-a", "1"}};
     if (!unit.empty()) dyn.Add("kelvo-interface-unit", unit);
-    vsk_session_ids_t ids{};
-    EXPECT_EQ(vsk_create_extended_client_session(2, attrs.get(), nullptr, dyn.get(), &ids,
-                                                 cache ? &kCache : nullptr, nullptr),
-              0);
-    return ids.session_id;
+    uint64_t id = EngineTest::Create(attrs, cache, 2, &dyn);
+    EXPECT_NE(id, 0u);
+    return id;
   }
-  std::string PoolUnit() {
+  static std::string PoolUnit() {
     uint32_t unit = 0;
     EXPECT_EQ(vsk_unit_allocate(&unit, 0), 0);
     return std::to_string(unit);
   }
-  orvd_ctx link_{};
-  void* shm_ = nullptr;
 };
 
 TEST_F(RemoveTest, EverythingGoesAndASecondRemovalStillCountsTotal) {
@@ -138,13 +122,23 @@ TEST_F(RemoveTest, LastClientOfASharedUnderlyingInterfaceTakesTheDynamicRecord) 
   EXPECT_EQ(vsk_db_get_num_clients_on_uifl("ae7", &n), VSK_ERR_NOT_FOUND);
 }
 
-TEST_F(RemoveTest, NoInterfaceNameGivesMinusSevenAfterAFullRemoval) {
+TEST_F(RemoveTest, NoInterfaceNameOrNoDynamicRecordStillRemovesAll) {
   AttrList attrs{{VSK_SESSION_STATE, U32(3)}, {VSK_USER_NAME, "lou"}};
   const uint64_t id = Create(attrs, true);
   ASSERT_TRUE(vsk_is_session_in_shm(id, shm_));
   // Published: removed completely, and still -7.
   EXPECT_EQ(vsk_remove_client_session(id), VSK_ERR_NOT_FOUND);
   EXPECT_EQ(LeftBehind(id, id), "");
+  EXPECT_EQ(Drift(), "");
+
+  // A session without a dynamic record: traced, and the removal goes on.
+  AttrList bare{{VSK_INTERFACE_NAME, Text("ge-5/0/0")}};
+  const uint64_t plain = EngineTest::Create(bare, false);
+  EXPECT_EQ(vsk_remove_client_session(plain), 0);
+  EXPECT_EQ(traces().Count("Dynamic record not found when removing client session " +
+                           std::to_string(plain)),
+            1);
+  EXPECT_EQ(LeftBehind(plain, plain), "");
   EXPECT_EQ(Drift(), "");
 }
 

@@ -9,7 +9,7 @@
 #include <set>
 
 #include "session_fixture.h"
-#include "session_rows.h"
+#include "snapshot_rows.h"
 
 namespace vsk::test {
 namespace {

@@ -19,10 +19,7 @@
 namespace vsk::test {
 namespace {
 
-const vsk_create_options_t kCache{0, 1, {0, 0}};
 constexpr char kFn[] = "vsk_update_client_session_internal";
-
-std::string Drift() { return CountDifferences(RecountFromTables(), ReadSharedCounts()); }
 
 uint32_t Counter(uint32_t slot) {
   uint32_t c[VSK_SUMMARY_COUNTER_SLOTS];
@@ -30,30 +27,14 @@ uint32_t Counter(uint32_t slot) {
 }
 uint32_t StateCount(int32_t s) { return Counter(vsk_session_state_to_summary_counter(s)); }
 
-class UpdateTest : public VskTest {
+class UpdateTest : public EngineTest {
  protected:
-  void SetUp() override {
-    VskTest::SetUp();
-    ASSERT_EQ(Up(&link_, true), 0) << traces().Dump();
-    shm_ = vsk_snap_get_shared_memory_ptr();
-    traces().Clear();
+  uint64_t Create(AttrList& attrs, bool cache, uint32_t type = 2) {
+    uint64_t id = EngineTest::Create(attrs, cache, type);
+    EXPECT_NE(id, 0u);
+    EXPECT_EQ(vsk_is_session_in_shm(id, shm_), cache);
+    return id;
   }
-  void TearDown() override {
-    vsk_close_internal();
-    vsk_db_reset_orvd_handle();
-    VskTest::TearDown();
-  }
-  uint64_t Create(AttrList& attrs, bool cache, uint32_t type = 2, DynList* dyn = nullptr) {
-    vsk_session_ids_t ids{};
-    EXPECT_EQ(vsk_create_extended_client_session(type, attrs.get(), nullptr,
-                                                 dyn != nullptr ? dyn->get() : nullptr, &ids,
-                                                 cache ? &kCache : nullptr, nullptr),
-              0);
-    EXPECT_EQ(vsk_is_session_in_shm(ids.session_id, shm_), cache);
-    return ids.session_id;
-  }
-  orvd_ctx link_{};
-  void* shm_ = nullptr;
 };
 
 TEST_F(UpdateTest, CachedSessionChangesInTheSlotUntilItsStateChanges) {
