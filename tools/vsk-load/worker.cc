@@ -23,7 +23,22 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-void DropTrace(void*, int, const char*, va_list) {}
+// The library's last traces in this worker, printed when the worker fails.
+constexpr int kTraceRing = 8;
+std::string g_traces[kTraceRing];
+int g_trace_count = 0;
+
+void KeepTrace(void*, int, const char* format, va_list args) {
+  char text[512];
+  std::vsnprintf(text, sizeof text, format, args);
+  g_traces[g_trace_count++ % kTraceRing] = text;
+}
+
+void PrintTraces(int index) {
+  for (int i = std::max(0, g_trace_count - kTraceRing); i < g_trace_count; ++i)
+    std::fprintf(stderr, "vsk-load: worker %d (pid %d) trace: %s\n", index, getpid(),
+                 g_traces[i % kTraceRing].c_str());
+}
 
 uint32_t Ns(Clock::time_point start) {
   auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now() - start).count();
@@ -163,7 +178,7 @@ int RunWorker(const Options& o, Shared& shared, int index, const std::string& sa
   WorkerLine& line = shared.board->lines[index];
   orvd_ctx_t* ctx = orvd_init_handle();
   if (ctx == nullptr) return 1;
-  vsk_status_t st = orvd_set_trace_callback(ctx, nullptr, DropTrace);
+  vsk_status_t st = orvd_set_trace_callback(ctx, nullptr, KeepTrace);
   if (st == 0) st = orvd_set_reg_type_poll(ctx);
   if (st == 0) st = orvd_register(ctx);
   if (st == 0) st = vsk_db_check();
@@ -171,6 +186,7 @@ int RunWorker(const Options& o, Shared& shared, int index, const std::string& sa
   if (st != 0) {
     line.first_error.store(st, std::memory_order_relaxed);
     line.phase.store(kFailed, std::memory_order_relaxed);
+    PrintTraces(index);
     orvd_unregister(&ctx);
     return 1;
   }
@@ -188,6 +204,7 @@ int RunWorker(const Options& o, Shared& shared, int index, const std::string& sa
   }
   while (ok && run.held() > 0) ok = run.CloseOldest();
 
+  if (!ok) PrintTraces(index);
   bool written = WriteSamples(samples_path, run.samples());
   st = orvd_unregister(&ctx);
   line.phase.store(ok && written && st == 0 ? kFinished : kFailed, std::memory_order_relaxed);
