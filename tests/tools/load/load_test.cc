@@ -37,7 +37,8 @@ LoadRun RunLoad(const std::string& args) {
 class LoadTest : public VskTest {};
 
 TEST_F(LoadTest, SmallRunPassesTheCheckWithEveryCallCounted) {
-  LoadRun r = RunLoad("--workers 2 --sessions 2000 --live 200 --setup-updates 5 --reads 3 --json");
+  LoadRun r = RunLoad(
+      "--workers 2 --sessions 2000 --live 200 --setup-updates 5 --reads 3 --json --baseline");
   ASSERT_EQ(r.code, 0) << r.out;
   nlohmann::json j = nlohmann::json::parse(r.out.substr(r.out.find('{')), nullptr, false);
   ASSERT_FALSE(j.is_discarded()) << r.out;
@@ -52,8 +53,34 @@ TEST_F(LoadTest, SmallRunPassesTheCheckWithEveryCallCounted) {
   for (const auto& c : kCalls) {
     EXPECT_EQ(j["steps"][c.step]["calls"], c.calls) << c.step;
     EXPECT_GT(j["steps"][c.step]["p999_us"].get<double>(), 0) << c.step;
+    // The raw replay makes the same table operations, and none for the slot-only update.
+    const bool slot_only = std::string(c.step) == "setup-update";
+    EXPECT_EQ(j["steps"][c.step]["raw"]["calls"], slot_only ? 0 : c.calls) << c.step;
+    EXPECT_EQ(j["steps"][c.step]["ratio"].is_null(), slot_only) << c.step;
   }
+  EXPECT_EQ(j["raw"]["lifecycles"], 2000);
   EXPECT_GT(j["lifecycles_per_second"].get<double>(), 0);
+}
+
+// A run for a time rather than a count stops by itself and leaves nothing behind.
+TEST_F(LoadTest, DurationRunEndsAndPassesTheCheck) {
+  LoadRun r = RunLoad("--workers 2 --duration 1 --live 50 --json");
+  ASSERT_EQ(r.code, 0) << r.out;
+  nlohmann::json j = nlohmann::json::parse(r.out.substr(r.out.find('{')), nullptr, false);
+  ASSERT_FALSE(j.is_discarded()) << r.out;
+  EXPECT_EQ(j["oracle"], "ok");
+  EXPECT_GT(j["lifecycles"].get<uint64_t>(), 0u);
+  EXPECT_EQ(j["steps"]["remove"]["calls"], j["lifecycles"]);
+}
+
+// Options out of range are refused before anything starts.
+TEST_F(LoadTest, BadOptionsAreRefusedWithUsage) {
+  for (const char* args : {"--workers 0", "--workers 65", "--sessions 0", "--live 0",
+                           "--duration -1", "--setup-updates -1", "--sessions x"}) {
+    LoadRun r = RunLoad(args);
+    EXPECT_NE(r.code, 0) << args;
+    EXPECT_EQ(r.out.find("oracle"), std::string::npos) << args << ": " << r.out;
+  }
 }
 
 // A session left on the root by an earlier daemon is one the run did not make: the check
