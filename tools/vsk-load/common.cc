@@ -29,19 +29,22 @@ void Shared::Unmap() {
 }
 
 void Samples::Add(const Samples& other) {
-  for (int s = 0; s < kSteps; ++s) ns[s].insert(ns[s].end(), other.ns[s].begin(), other.ns[s].end());
+  for (int s = 0; s < kSteps; ++s)
+    ns[s].insert(ns[s].end(), other.ns[s].begin(), other.ns[s].end());
 }
 
 Subscriber::Subscriber() {
   values.reserve(64);
   auto add = [&](std::vector<vsk_attr_t>& to, uint16_t type, std::string v) {
     values.push_back(std::move(v));
-    to.push_back({type, static_cast<uint16_t>(values.back().size()), values.back().data(), nullptr});
+    to.push_back(
+        {type, static_cast<uint16_t>(values.back().size()), values.back().data(), nullptr});
   };
   const uint32_t state = 1, ifl_type = 1;
   add(attrs, VSK_SESSION_STATE, std::string(reinterpret_cast<const char*>(&state), 4));
   add(attrs, VSK_SESSION_IFL_TYPE, std::string(reinterpret_cast<const char*>(&ifl_type), 4));
-  for (uint16_t type = 90; attrs.size() < 27; ++type) add(attrs, type, std::string(8 + type % 9, 'a'));
+  for (uint16_t type = 90; attrs.size() < 27; ++type)
+    add(attrs, type, std::string(8 + type % 9, 'a'));
   attrs.push_back({VSK_USER_NAME, 0, user, nullptr});
   attrs.push_back({VSK_INTERFACE_NAME, 0, ifl, nullptr});
   attrs.push_back({VSK_UNDERLYING_INTERFACE_NAME, 0, uifl, nullptr});

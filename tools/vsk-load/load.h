@@ -55,7 +55,7 @@ struct WorkerLine {
   std::atomic<uint64_t> errors;
   std::atomic<int32_t> first_error;  // the first failing status
   std::atomic<uint32_t> failed_step;
-  std::atomic<uint32_t> kills;       // times a process of this line was killed (chaos)
+  std::atomic<uint32_t> kills;  // times a process of this line was killed (chaos)
 };
 
 struct Board {

@@ -72,7 +72,8 @@ class Root {
     setenv("VSK_RE_ROLE", "master", 0);
     std::string failed;
     if (!platform::MakeSystemDirs(&failed)) {
-      std::fprintf(stderr, "vsk-load: cannot create %s: %s\n", failed.c_str(), std::strerror(errno));
+      std::fprintf(stderr, "vsk-load: cannot create %s: %s\n", failed.c_str(),
+                   std::strerror(errno));
       return false;
     }
     return true;
@@ -137,12 +138,12 @@ class Orvd {
   pid_t pid_ = -1;
 };
 
-
 // Runs one phase: W processes on the board's lines, each running `body`, until all have
 // ended. With chaos, kills some at random and starts a new process on the line.
 class Phase {
  public:
-  Phase(const Options& o, Shared& shared, std::string tag) : o_(o), shared_(shared), tag_(std::move(tag)) {}
+  Phase(const Options& o, Shared& shared, std::string tag)
+      : o_(o), shared_(shared), tag_(std::move(tag)) {}
 
   template <typename Body>
   bool Run(Body body, bool chaos, PhaseFigures* figures) {
@@ -155,7 +156,8 @@ class Phase {
     auto last_progress = Clock::now();
     // The next kill: a random moment, about four per line over a run of the expected length.
     std::exponential_distribution<double> gap(8.0);
-    auto next_kill = Clock::now() + std::chrono::milliseconds(static_cast<int>(1000 * gap(rng)) + 50);
+    auto next_kill =
+        Clock::now() + std::chrono::milliseconds(static_cast<int>(1000 * gap(rng)) + 50);
     int running = o_.workers;
     bool ok = true;
     uint64_t last_done = 0;
@@ -191,15 +193,15 @@ class Phase {
       if (chaos && Clock::now() >= next_kill) {
         const int w = static_cast<int>(rng() % static_cast<uint64_t>(o_.workers));
         WorkerLine& line = shared_.board->lines[w];
-        if (pids[w] > 0 && line.kills.load() < kMaxKillsPerLine &&
-            line.phase.load() == kRunning) {
+        if (pids[w] > 0 && line.kills.load() < kMaxKillsPerLine && line.phase.load() == kRunning) {
           kill(pids[w], SIGKILL);
           waitpid(pids[w], nullptr, 0);
           line.kills.fetch_add(1);
           line.live.store(0, std::memory_order_relaxed);
           pids[w] = Spawn(body, w);
         }
-        next_kill = Clock::now() + std::chrono::milliseconds(static_cast<int>(1000 * gap(rng)) + 20);
+        next_kill =
+            Clock::now() + std::chrono::milliseconds(static_cast<int>(1000 * gap(rng)) + 20);
       }
       if (tty && Clock::now() - last_progress > std::chrono::milliseconds(500)) {
         last_progress = Clock::now();
@@ -215,7 +217,8 @@ class Phase {
       if (line.errors.load() != 0 || line.phase.load() == kFailed) {
         ok = false;
         std::fprintf(stderr, "vsk-load: %s worker %d failed: status %d at %s (%llu errors)\n",
-                     tag_.c_str(), w, line.first_error.load(), kStepNames[line.failed_step.load() % kSteps],
+                     tag_.c_str(), w, line.first_error.load(),
+                     kStepNames[line.failed_step.load() % kSteps],
                      static_cast<unsigned long long>(line.errors.load()));
       }
       Samples s;

@@ -46,11 +46,12 @@ std::string CheckIds(const std::vector<uint64_t>& ids) {
   return {};
 }
 
-std::string RemoveLeftovers(const Options& o, const std::vector<uint64_t>& ids,
-                            uint32_t kills, uint64_t* leftovers) {
+std::string RemoveLeftovers(const Options& o, const std::vector<uint64_t>& ids, uint32_t kills,
+                            uint64_t* leftovers) {
   std::string out;
   const vsk::recount::SessionCounts before = vsk::recount::RecountFromTables();
-  if (before.status != VSK_OK) return Line("walk of the client table: " + std::to_string(before.status));
+  if (before.status != VSK_OK)
+    return Line("walk of the client table: " + std::to_string(before.status));
   std::vector<uint64_t> sorted = ids;
   std::sort(sorted.begin(), sorted.end());
   uint64_t unlisted = 0;
@@ -62,9 +63,11 @@ std::string RemoveLeftovers(const Options& o, const std::vector<uint64_t>& ids,
       continue;
     }
     if (!listed) ++unlisted;
-    if (!Readable(id)) out += Line("session " + std::to_string(id) + " of a killed worker cannot be read");
+    if (!Readable(id))
+      out += Line("session " + std::to_string(id) + " of a killed worker cannot be read");
     vsk_status_t st = vsk_remove_client_session(id);
-    if (st != VSK_OK) out += Line("removal of session " + std::to_string(id) + ": " + std::to_string(st));
+    if (st != VSK_OK)
+      out += Line("removal of session " + std::to_string(id) + ": " + std::to_string(st));
   }
   if (unlisted > kills) {
     out += Line(std::to_string(unlisted) + " sessions are in no worker's id list, more than the " +

@@ -36,12 +36,10 @@ constexpr uint32_t kCacheBytes = 1048576;
 constexpr uint32_t kMaxMutexes = 8192;
 constexpr uint32_t kMaxLocks = 4096;
 constexpr uint32_t kMaxLockers = 4096;
-constexpr uint32_t kEnvFlags =
-    DB_THREAD | DB_INIT_LOCK | DB_INIT_LOG | DB_INIT_MPOOL | DB_INIT_TXN;
+constexpr uint32_t kEnvFlags = DB_THREAD | DB_INIT_LOCK | DB_INIT_LOG | DB_INIT_MPOOL | DB_INIT_TXN;
 constexpr const char kFile[] = "raw.db";
 enum Table { kClient, kDynamic, kAuthRequest, kAuthResponse, kTables };
-constexpr const char* kTableNames[kTables] = {"client", "dynamic", "auth-request",
-                                              "auth-response"};
+constexpr const char* kTableNames[kTables] = {"client", "dynamic", "auth-request", "auth-response"};
 
 struct EnvCloser {
   void operator()(DB_ENV* e) const { e->close(e, 0); }

@@ -47,7 +47,8 @@ void PrintTable(const Options& o, int workers, const PhaseFigures& lib, const Ph
   auto cost_us = [&](const PhaseFigures& p) {
     return p.lifecycles ? p.seconds * workers * 1e6 / static_cast<double>(p.lifecycles) : 0;
   };
-  const double lifecycle_ratio = raw && raw->lifecycles && lib.lifecycles ? cost_us(lib) / cost_us(*raw) : 0;
+  const double lifecycle_ratio =
+      raw && raw->lifecycles && lib.lifecycles ? cost_us(lib) / cost_us(*raw) : 0;
   if (o.json) {
     nlohmann::json j;
     j["workers"] = workers;
@@ -63,7 +64,7 @@ void PrintTable(const Options& o, int workers, const PhaseFigures& lib, const Ph
                           {"p50_us", f.p50},  {"p99_us", f.p99}, {"p999_us", f.p999}};
       if (raw != nullptr) {
         StepFigures r = Figures(*raw, s);
-        step["raw"] = {{"calls", r.calls}, {"rate", r.rate}, {"mean_us", r.mean_us},
+        step["raw"] = {{"calls", r.calls}, {"rate", r.rate},  {"mean_us", r.mean_us},
                        {"p50_us", r.p50},  {"p99_us", r.p99}, {"p999_us", r.p999}};
         step["ratio"] = r.calls ? nlohmann::json(f.mean_us / r.mean_us) : nlohmann::json(nullptr);
       }
@@ -105,15 +106,17 @@ void PrintTable(const Options& o, int workers, const PhaseFigures& lib, const Ph
     std::printf("\n");
   }
   if (raw != nullptr) {
-    std::printf("raw Berkeley DB: %.0f lifecycles/s, %.1f us per lifecycle; library/raw %.2fx "
-                "(target <= 1.30x per step)\n",
-                Rate(*raw), cost_us(*raw), lifecycle_ratio);
+    std::printf(
+        "raw Berkeley DB: %.0f lifecycles/s, %.1f us per lifecycle; library/raw %.2fx "
+        "(target <= 1.30x per step)\n",
+        Rate(*raw), cost_us(*raw), lifecycle_ratio);
   }
   if (leftovers != 0)
     std::printf("sessions of killed workers read back and removed: %llu\n",
                 static_cast<unsigned long long>(leftovers));
-  std::printf("oracle: %s\n", oracle.empty() ? "every count equals the recount; nothing left; ids unique"
-                                             : "MISMATCH");
+  std::printf("oracle: %s\n", oracle.empty()
+                                  ? "every count equals the recount; nothing left; ids unique"
+                                  : "MISMATCH");
   if (!oracle.empty()) std::printf("%s", oracle.c_str());
 }
 

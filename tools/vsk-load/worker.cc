@@ -67,9 +67,8 @@ class Lifecycles {
     const vsk_create_options_t cache{0, 1, {0, 0}};
     vsk_session_ids_t ids{};
     auto t = Clock::now();
-    vsk_status_t st = vsk_create_extended_client_session(kClientType, &sub_.attr_list,
-                                                         &sub_.auth_list, &sub_.dyn_list, &ids,
-                                                         &cache, nullptr);
+    vsk_status_t st = vsk_create_extended_client_session(
+        kClientType, &sub_.attr_list, &sub_.auth_list, &sub_.dyn_list, &ids, &cache, nullptr);
     if (st != VSK_OK) return Fail(kCreate, st);
     samples_.ns[kCreate].push_back(Ns(t));
     const uint64_t count = line_.created.load(std::memory_order_relaxed);

@@ -1,7 +1,6 @@
 #include "libvsk/vsk/recount.h"
 
 #include <atomic>
-
 #include <cstdlib>
 #include <cstring>
 
@@ -75,8 +74,8 @@ SessionCounts RecountFromTables() {
   for (;;) {
     vsk_session_key_t *key = nullptr, *ahead = nullptr;
     vsk_client_session_t* rec = nullptr;
-    out.status = vsk_db_iterate_client_session(&walk, current, next, 0, false, &key, &ahead,
-                                               &rec, nullptr, 0);
+    out.status = vsk_db_iterate_client_session(&walk, current, next, 0, false, &key, &ahead, &rec,
+                                               nullptr, 0);
     if (out.status != VSK_OK) break;
     current = key->id, next = ahead != nullptr ? ahead->id : 0;
     vsk_db_release_key_session_id(key, true), vsk_db_release_key_session_id(ahead, true);
@@ -170,7 +169,8 @@ std::string LeftBehind(uint64_t id, uint64_t dynamic_id) {
     if (st != VSK_ERR_NOT_FOUND) out += std::string(what) + " " + std::to_string(st) + "; ";
   };
   row("client", vsk_db_client_session_record_exists(&txn, &id, false));
-  if (dynamic_id != 0) row("dynamic", vsk_db_dynamic_config_record_exists(&txn, &dynamic_id, false));
+  if (dynamic_id != 0)
+    row("dynamic", vsk_db_dynamic_config_record_exists(&txn, &dynamic_id, false));
   row("auth request", vsk_db_auth_request_record_exists(&txn, &id, false));
   row("auth response", vsk_db_auth_response_record_exists(&txn, &id, false));
   for (uint32_t app = 0; app < 10; ++app) {

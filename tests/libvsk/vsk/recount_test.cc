@@ -1,11 +1,12 @@
 // The recount that the load generator's closing check rests on, against a real orvd and a
 // client daemon: a cached session counts its slot on both sides, and a slot whose session
 // went from the tables behind the library's back is a difference, named.
+#include "libvsk/vsk/recount.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "libvsk/vsk/recount.h"
 #include "session_fixture.h"
 #include "support/attr_lists.h"
 
@@ -29,8 +30,8 @@ int CachedSessionThenLostRow() {
                  {VSK_UNDERLYING_INTERFACE_NAME, std::string("ge-0/0/7.0") + '\0'}};
   vsk_session_ids_t ids{};
   const vsk_create_options_t cache{0, 1, {0, 0}};
-  if (vsk_create_extended_client_session(2, attrs.get(), nullptr, nullptr, &ids, &cache,
-                                         nullptr) != VSK_OK)
+  if (vsk_create_extended_client_session(2, attrs.get(), nullptr, nullptr, &ids, &cache, nullptr) !=
+      VSK_OK)
     return 1;
   vsk::recount::SessionCounts tables = vsk::recount::RecountFromTables();
   vsk::recount::SessionCounts shared = vsk::recount::ReadSharedCounts();

@@ -48,8 +48,11 @@ TEST_F(LoadTest, SmallRunPassesTheCheckWithEveryCallCounted) {
   const struct {
     const char* step;
     int calls;
-  } kCalls[] = {{"create", 2000}, {"setup-update", 10000}, {"activate", 2000},
-                {"snapshot+reads", 2000}, {"remove", 2000}};
+  } kCalls[] = {{"create", 2000},
+                {"setup-update", 10000},
+                {"activate", 2000},
+                {"snapshot+reads", 2000},
+                {"remove", 2000}};
   for (const auto& c : kCalls) {
     EXPECT_EQ(j["steps"][c.step]["calls"], c.calls) << c.step;
     EXPECT_GT(j["steps"][c.step]["p999_us"].get<double>(), 0) << c.step;
