@@ -38,6 +38,7 @@ constexpr uint32_t kMaxLocks = 4096;
 constexpr uint32_t kMaxLockers = 4096;
 constexpr uint32_t kEnvFlags = DB_THREAD | DB_INIT_LOCK | DB_INIT_LOG | DB_INIT_MPOOL | DB_INIT_TXN;
 constexpr const char kFile[] = "raw.db";
+constexpr int kPasses = 250;
 enum Table { kClient, kDynamic, kAuthRequest, kAuthResponse, kTables };
 constexpr const char* kTableNames[kTables] = {"client", "dynamic", "auth-request", "auth-response"};
 
@@ -151,11 +152,12 @@ class RawLifecycles {
   }
 
  private:
-  // One transaction, retried on a deadlock as the library's passes are.
+  // One transaction, retried on a deadlock as the library's removal is (the most patient
+  // of its operations), so that the raw side never gives up where the library would not.
   template <typename Body>
   int InTxn(Body body) {
     int ret = 0;
-    for (int pass = 0; pass < 10; ++pass) {
+    for (int pass = 0; pass <= kPasses; ++pass) {
       DB_TXN* txn = nullptr;
       ret = env_->txn_begin(env_, nullptr, &txn, 0);
       if (ret != 0) return ret;
