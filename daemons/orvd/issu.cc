@@ -20,8 +20,14 @@ using namespace vsk::orvd;
 
 constexpr const char kIssuStatusFile[] = "/var/run/orvd_issu";
 
-constexpr const char* kCommandNames[] = {"status", "prepare", "done",
-                                         "switchover", "abort", "idle"};
+constexpr const char* kCommandNames[] = {"status", "prepare", "done",  "switchover",
+                                         "abort",  "idle",    "inject"};
+
+// The chassis states of a normal upgrade; an injected value may be outside them.
+bool Usual(uint32_t chassis) {
+  return chassis <= ISSU_PLATD_PREPARE_DONE ||
+         (chassis >= ISSU_PLATD_SWITCHOVER && chassis <= ISSU_PLATD_ABORT);
+}
 
 // The daemon state in which a participant has nothing left to do for `chassis`.
 uint32_t SettledState(uint32_t chassis) {
@@ -122,8 +128,17 @@ std::vector<std::string> IssuCoordinator::NotIn(uint32_t want) const {
   return out;
 }
 
-std::string IssuCoordinator::Check(uint32_t command, uint32_t* next) const {
+std::string IssuCoordinator::Check(uint32_t command, uint32_t value, uint32_t* next) const {
   *next = chassis_;
+  if (command == kIssuCmdInject) {
+    *next = value;
+    return {};
+  }
+  if (!Usual(chassis_) && command != kIssuCmdStatus) {
+    if (command != kIssuCmdIdle) return "the chassis state is unexpected; only idle leads out";
+    *next = ISSU_PLATD_IDLE;
+    return {};
+  }
   switch (command) {
     case kIssuCmdStatus:
       return {};
@@ -206,7 +221,7 @@ void IssuCoordinator::OnControl(Connection* conn, vsk::base::ByteReader raw) {
   IssuControlMsg msg{};
   if (!raw.Get(&msg)) return;
   uint32_t next = chassis_;
-  std::string error = Check(msg.command, &next);
+  std::string error = Check(msg.command, msg.value, &next);
   const char* what = msg.command < std::size(kCommandNames) ? kCommandNames[msg.command] : "?";
   if (!error.empty()) {
     Log("issu: %s refused in state %s: %s", what, mgtlib_format_platd_issu_state(chassis_),

@@ -14,7 +14,9 @@
 //                   switchover -> switchover done, once every one is switchover-ready
 //       switchover  from prepare done
 //       abort       from prepare, prepare done or switchover
-//       idle        from switchover done; from abort once every participant is idle again
+//       idle        from switchover done; from abort once every participant is idle again;
+//                   from any state outside these (only an injected state gets there)
+//       inject N    relays N without any check (rehearsing unexpected states)
 //     anything else is refused with a reason and changes nothing;
 //  4. a participant that dies or leaves during an upgrade is dropped from the count, and
 //     the status names it, as it names who waits (and for how long it asked) and who
@@ -66,7 +68,7 @@ class IssuCoordinator {
 
  private:
   // Reason the command can't run now, or empty when it can; `next` gets the new state.
-  std::string Check(uint32_t command, uint32_t* next) const;
+  std::string Check(uint32_t command, uint32_t value, uint32_t* next) const;
   // Names of connected participants not (yet) in daemon state `want`.
   std::vector<std::string> NotIn(uint32_t want) const;
   void Announce(uint32_t state);

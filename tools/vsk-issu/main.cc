@@ -2,6 +2,7 @@
 // the chassis daemon's part and relays each state to the daemons that take part.
 //
 //   vsk-issu prepare|done|switchover|abort|idle|status
+//   vsk-issu inject STATE      relays STATE unchecked, to rehearse how daemons take it
 //
 // A rehearsal runs: prepare, done (once every daemon is ready), switchover, done (session
 // operations now stop), idle. abort calls it off; idle follows once every daemon is back.
@@ -52,12 +53,15 @@ int main(int argc, char** argv) {
   const std::map<std::string, uint32_t> commands = {
       {"status", kIssuCmdStatus}, {"prepare", kIssuCmdPrepare},
       {"done", kIssuCmdDone},     {"switchover", kIssuCmdSwitchover},
-      {"abort", kIssuCmdAbort},   {"idle", kIssuCmdIdle}};
+      {"abort", kIssuCmdAbort},   {"idle", kIssuCmdIdle},
+      {"inject", kIssuCmdInject}};
   CLI::App app{"vsk-issu: drive an in-service upgrade through orvd"};
   std::string command;
-  app.add_option("command", command, "prepare|done|switchover|abort|idle|status")
+  uint32_t value = 0;
+  app.add_option("command", command, "prepare|done|switchover|abort|idle|status|inject")
       ->required()
       ->check(CLI::IsMember(commands));
+  app.add_option("state", value, "the chassis state that inject relays");
   bool pretty = false;
   app.add_flag("--pretty", pretty, "indent the JSON");
   CLI11_PARSE(app, argc, argv);
@@ -71,7 +75,11 @@ int main(int argc, char** argv) {
   if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
     return Fail("cannot reach orvd at " + path + ": " + std::strerror(errno));
   }
-  IssuControlMsg msg{ORVD_MSG_ISSU_CONTROL, commands.at(command)};
+  if ((command == "inject") != (app.count("state") == 1)) {
+    std::fprintf(stderr, "vsk-issu: a state goes with inject, and only with it\n");
+    return 2;
+  }
+  IssuControlMsg msg{ORVD_MSG_ISSU_CONTROL, commands.at(command), value};
   if (send(fd, &msg, sizeof msg, MSG_NOSIGNAL) != static_cast<ssize_t>(sizeof msg)) {
     return Fail(std::string("cannot send to orvd: ") + std::strerror(errno));
   }

@@ -102,13 +102,17 @@ inline constexpr uint32_t kIssuCmdDone = 2;  // ends the prepare or the switchov
 inline constexpr uint32_t kIssuCmdSwitchover = 3;
 inline constexpr uint32_t kIssuCmdAbort = 4;
 inline constexpr uint32_t kIssuCmdIdle = 5;
+// Relays `value` as the chassis state without any check, for rehearsing how daemons
+// take unexpected states; only idle leads out of a state outside the usual set.
+inline constexpr uint32_t kIssuCmdInject = 6;
 inline constexpr uint32_t kIssuReplyMax = 1u << 20;  // a reader refuses a longer length
 
 struct __attribute__((packed)) IssuControlMsg {
   uint32_t type;  // ORVD_MSG_ISSU_CONTROL
   uint32_t command;  // kIssuCmd*
+  uint32_t value;    // the state of kIssuCmdInject; 0 otherwise
 };
-static_assert(sizeof(IssuControlMsg) == 8);
+static_assert(sizeof(IssuControlMsg) == 12);
 
 struct __attribute__((packed)) IssuControlReply {
   uint32_t type;    // ORVD_MSG_ISSU_CONTROL_REPLY
