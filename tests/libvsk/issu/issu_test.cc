@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
@@ -287,6 +288,313 @@ TEST_F(IssuTest, EveryTransitionInEachMode) {
     EXPECT_TRUE(r.Ok()) << r;
     ASSERT_EQ(Issu("inject 0").exit_code, 0);
   }
+}
+
+}  // namespace
+}  // namespace vsk::test
+
+namespace vsk::test {
+namespace {
+
+// ---- a full rehearsal with three daemons ---------------------------------------------------
+
+// One participant of the rehearsal; `slow` asks for time in its first prepare. Each
+// phase ends with Ready and goes on at Go: the operator acts in between.
+int Rehearse(Mode mode, const char* name, bool slow, Child::Channel& ch) {
+  Daemon d{mode};
+  CHILD_CHECK(d.Register(name) == 0);
+  auto phase = [&ch] {
+    ch.Ready();
+    return ch.WaitGo();
+  };
+  g_script = slow ? Script{false, false, 30, "flushing sessions"} : Script{};
+  if (!phase()) return 1;  // the operator starts the prepare
+  CHILD_CHECK(d.ServiceUntilState(ISSU_PLATD_PREPARE, slow ? 1 : 2));
+  if (!phase()) return 1;
+  if (slow) CHILD_CHECK(orvd_send_issu_wait_extend(d.ctx, 60, "still flushing") == 0);
+  if (!phase()) return 1;
+  if (slow) CHILD_CHECK(orvd_send_issu_state_ready(d.ctx) == 0);
+  g_script = Script{};
+  if (!phase()) return 1;  // done, switchover, done
+  CHILD_CHECK(d.ServiceUntilState(ISSU_PLATD_SWITCHOVER_DONE, 4));
+  CHILD_CHECK(g_calls == (std::vector<std::string>{"prepare", "prepare done", "switchover",
+                                                   "switchover done"}));
+  CHILD_CHECK(vsk_db_check() == VSK_ERR_ISSU);  // session operations stop
+  if (!phase()) return 1;  // idle
+  CHILD_CHECK(d.ServiceUntilState(ISSU_PLATD_IDLE, 0));
+  CHILD_CHECK(vsk_db_check() == 0);
+  // The second upgrade is called off after its prepare; each daemon ends its abort by
+  // its own ready.
+  g_script = Script{false, true, 10, "rolling back"};
+  if (!phase()) return 1;  // prepare, abort
+  CHILD_CHECK(d.ServiceUntilState(ISSU_PLATD_ABORT, 5));
+  if (!phase()) return 1;
+  CHILD_CHECK(orvd_send_issu_state_ready(d.ctx) == 0);
+  CHILD_CHECK(orvd_get_daemon_issu_state(d.ctx) == 0);
+  if (!phase()) return 1;  // idle
+  CHILD_CHECK(d.ServiceUntilState(ISSU_PLATD_IDLE, 0));
+  CHILD_CHECK(g_calls.back() == "idle");
+  d.End();
+  return 0;
+}
+
+TEST_F(IssuTest, RehearsalWithThreeDaemons) {
+  const char* names[] = {"issu-event", "issu-select", "issu-poll"};
+  Child daemons[3];
+  for (int i = 0; i < 3; ++i) {
+    daemons[i].Start([i, &names](Child::Channel& ch) {
+      return Rehearse(kModes[i], names[i], i == 0, ch);
+    });
+  }
+  auto ready = [&daemons] {
+    for (auto& d : daemons) {
+      if (!d.WaitReady()) return false;
+    }
+    return true;
+  };
+  auto go = [&daemons] {
+    for (auto& d : daemons) d.Go();
+  };
+  auto ok = [](const std::string& cmd) { return Issu(cmd).exit_code == 0; };
+  auto refused = [](const std::string& cmd, const std::string& why) {
+    Answer a = Issu(cmd);
+    return a.exit_code == 1 && a.body["ok"] == false &&
+           a.body["error"].get<std::string>().find(why) != std::string::npos;
+  };
+  ASSERT_TRUE(ready());  // registered
+  EXPECT_TRUE(refused("switchover", "needs a finished prepare"));
+  EXPECT_TRUE(refused("abort", "no upgrade"));
+  EXPECT_TRUE(refused("idle", "already idle"));
+  ASSERT_TRUE(ok("prepare"));
+  go();
+  ASSERT_TRUE(ready());
+  json s = StatusWhen([](const json& s) { return s["ready"] == 2 && s["waiting"].size() == 1; });
+  EXPECT_EQ(s["participants"], 3);
+  EXPECT_EQ(s["waiting"], json::parse(R"([{"name":"issu-event","wait":30,
+                                          "reason":"flushing sessions"}])"));
+  EXPECT_TRUE(refused("done", "not ready yet: issu-event"));
+  EXPECT_TRUE(refused("switchover", "has not finished"));
+  go();
+  ASSERT_TRUE(ready());  // the slow one has asked for more time
+  s = StatusWhen([](const json& s) { return s["waiting"][0]["wait"] == 60; });
+  EXPECT_EQ(s["waiting"][0]["reason"], "still flushing");
+  go();
+  ASSERT_TRUE(ready());  // and then is ready
+  StatusWhen([](const json& s) { return s["all_ready"] == true; });
+  ASSERT_TRUE(ok("done"));
+  ASSERT_TRUE(ok("switchover"));
+  EXPECT_TRUE(refused("prepare", "switchover has begun"));
+  go();
+  StatusWhen([](const json& s) { return s["ready"] == 3 && s["chassis_state"] == 5; });
+  ASSERT_TRUE(ok("done"));
+  EXPECT_TRUE(refused("abort", "can no longer be called off"));
+  ASSERT_TRUE(ready());  // every daemon refuses session operations
+  for (const auto& row : OrvdProcess::Table()) EXPECT_EQ(row.second.issu_state, 4u) << row.first;
+  ASSERT_TRUE(ok("idle"));
+  go();
+  ASSERT_TRUE(ready());  // accepted again
+  ASSERT_TRUE(ok("prepare"));
+  go();
+  StatusWhen([](const json& s) { return s["all_ready"] == true; });
+  ASSERT_TRUE(ok("abort"));
+  ASSERT_TRUE(ready());  // each daemon is in abort wait
+  s = StatusWhen([](const json& s) { return s["waiting"].size() == 3; });
+  EXPECT_EQ(s["waiting"][1]["reason"], "rolling back");
+  EXPECT_TRUE(refused("idle", "still aborting"));
+  go();
+  ASSERT_TRUE(ready());  // each has said ready: back at idle
+  s = StatusWhen([](const json& s) { return s["all_ready"] == true; });
+  EXPECT_EQ(s["aborted"], json::array()) << "the operator's abort, not a daemon's";
+  ASSERT_TRUE(ok("idle"));
+  go();
+  for (auto& d : daemons) {
+    ChildResult r = d.Wait();
+    EXPECT_TRUE(r.Ok()) << r;
+  }
+}
+
+}  // namespace
+}  // namespace vsk::test
+
+namespace vsk::test {
+namespace {
+
+// ---- daemons lost during an upgrade, and bad input ------------------------------------------
+
+TEST_F(IssuTest, LostAndLateDaemonsDuringAnUpgrade) {
+  // Three waiting daemons: one is killed, one leaves, one stays and becomes ready.
+  Child daemons[3];
+  const char* names[] = {"issu-killed", "issu-leaves", "issu-stays"};
+  for (int i = 0; i < 3; ++i) {
+    daemons[i].Start([i, &names](Child::Channel& ch) {
+      Daemon d{kModes[i]};
+      CHILD_CHECK(d.Register(names[i]) == 0);
+      g_script = Script{false, false, 5, "busy"};
+      ch.Ready();
+      CHILD_CHECK(d.ServiceUntilState(ISSU_PLATD_PREPARE, 1));
+      ch.Ready();
+      if (!ch.WaitGo()) return 1;
+      if (i == 1) {
+        d.End();
+        return 0;
+      }
+      CHILD_CHECK(orvd_send_issu_state_ready(d.ctx) == 0);
+      CHILD_CHECK(d.ServiceUntilState(ISSU_PLATD_IDLE, 0));
+      d.End();
+      return 0;
+    });
+    ASSERT_TRUE(daemons[i].WaitReady());
+  }
+  ASSERT_EQ(Issu("prepare").exit_code, 0);
+  for (auto& d : daemons) ASSERT_TRUE(d.WaitReady());
+  StatusWhen([](const json& s) { return s["waiting"].size() == 3; });
+  daemons[0].Kill();
+  StatusWhen([](const json& s) { return s["gone"].size() == 1; });
+  daemons[1].Go();
+  EXPECT_TRUE(daemons[1].Wait().Ok());
+  json s = StatusWhen([](const json& s) { return s["gone"].size() == 2; });
+  EXPECT_EQ(s["participants"], 1);
+  EXPECT_EQ(s["gone"][0]["name"], "issu-killed");
+  EXPECT_EQ(s["gone"][0]["how"], "was lost");
+  EXPECT_EQ(s["gone"][1]["name"], "issu-leaves");
+  EXPECT_EQ(s["gone"][1]["how"], "left");
+  EXPECT_EQ(s["gone"][1]["state_name"], "prepare wait");
+  // A daemon that registers now gets the chassis state with its acknowledgement and
+  // answers at once.
+  ChildResult late = RunInChild([] {
+    Daemon d{Mode::kPoll};
+    CHILD_CHECK(d.Register("issu-late") == 0);
+    CHILD_CHECK(orvd_get_platd_issu_state(d.ctx) == ISSU_PLATD_PREPARE);
+    CHILD_CHECK(orvd_get_daemon_issu_state(d.ctx) == ISSU_DAEMON_PREPARE_READY);
+    CHILD_CHECK(g_calls == std::vector<std::string>{"prepare"});
+    CHILD_CHECK(GlobalTraces().Count("Send ISSU message <prepare ready>") == 1);
+    d.End();
+    return 0;
+  });
+  EXPECT_TRUE(late.Ok()) << late;
+  daemons[2].Go();
+  StatusWhen([](const json& s) { return s["participants"] == 1 && s["all_ready"] == true; });
+  ASSERT_EQ(Issu("done").exit_code, 0) << "the lost daemons no longer hold the upgrade up";
+  ASSERT_EQ(Issu("abort").exit_code, 0);
+  // The remaining daemon ends its abort; idle then ends the upgrade for it.
+  ASSERT_EQ(Issu("inject 0").exit_code, 0);
+  EXPECT_TRUE(daemons[2].Wait().Ok());
+}
+
+// A raw client of orvd's socket: registers as a participant, then sends what it likes.
+struct RawClient {
+  int fd = -1;
+  bool Connect(const std::string& path) {
+    fd = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    std::snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
+    return connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+  }
+  bool Send(const void* p, size_t n) { return send(fd, p, n, MSG_NOSIGNAL) == ssize_t(n); }
+  bool Register(const char* name) {
+    orvd::RegisterMsg m{};
+    m.type = orvd::ORVD_MSG_REGISTER;
+    std::snprintf(m.program, sizeof m.program, "%s", name);
+    m.pid = getpid();
+    m.role = orvd::kRoleMaster;
+    m.issu_enabled = 1;
+    orvd::RegisterAckMsg ack{};
+    return Send(&m, sizeof m) && recv(fd, &ack, sizeof ack, MSG_WAITALL) == sizeof ack &&
+           (ack.flags & orvd::kAckAccepted);
+  }
+  // True when orvd has closed this connection (waits up to 5 s per read); what orvd
+  // relayed before is read and dropped.
+  bool Closed() {
+    char buf[64];
+    for (;;) {
+      pollfd p{fd, POLLIN, 0};
+      if (poll(&p, 1, 5000) != 1) return false;
+      ssize_t n = recv(fd, buf, sizeof buf, 0);
+      if (n <= 0) return n == 0;
+    }
+  }
+  ~RawClient() {
+    if (fd >= 0) close(fd);
+  }
+};
+
+TEST_F(IssuTest, MalformedIssuMessagesDisturbNobody) {
+  const std::string path = Path("/var/run/orvd_server_communication");
+  Child good;
+  good.Start([](Child::Channel& ch) {
+    Daemon d{Mode::kSelect};
+    CHILD_CHECK(d.Register("issu-good") == 0);
+    ch.Ready();
+    CHILD_CHECK(d.ServiceUntilState(ISSU_PLATD_PREPARE, 2));
+    CHILD_CHECK(d.ServiceUntilState(ISSU_PLATD_IDLE, 0));
+    d.End();
+    return 0;
+  });
+  ASSERT_TRUE(good.WaitReady());
+  RawClient raw;
+  ASSERT_TRUE(raw.Connect(path));
+  ASSERT_TRUE(raw.Register("issu-raw"));
+  ASSERT_EQ(Issu("prepare").exit_code, 0);
+  // Blocks orvd must not take: a state outside the six, a reason longer than the block,
+  // a reason that does not end where its length says.
+  struct Bad {
+    uint32_t state;
+    uint8_t err_len;
+    char last;
+  } bad[] = {{9, 0, 0}, {2, 200, 0}, {2, 5, 'x'}};
+  for (const Bad& b : bad) {
+    orvd::IssuStateMsg m{};
+    m.type = orvd::ORVD_MSG_ISSU_STATE;
+    m.issu_info.state = b.state;
+    m.issu_info.err_len = b.err_len;
+    std::memset(m.issu_info.err_text, 'r', sizeof m.issu_info.err_text - 1);
+    if (b.err_len != 0 && b.err_len <= 128) m.issu_info.err_text[b.err_len - 1] = b.last;
+    ASSERT_TRUE(raw.Send(&m, sizeof m));
+  }
+  // Another connection that never registered: its answer is nobody's.
+  RawClient stranger;
+  ASSERT_TRUE(stranger.Connect(path));
+  orvd::IssuStateMsg ready{};
+  ready.type = orvd::ORVD_MSG_ISSU_STATE;
+  ready.issu_info.state = ISSU_DAEMON_PREPARE_READY;
+  ASSERT_TRUE(stranger.Send(&ready, sizeof ready));
+  // A cut message: the first half of a valid answer, then silence, is dropped in time.
+  RawClient cut;
+  ASSERT_TRUE(cut.Connect(path));
+  ASSERT_TRUE(cut.Register("issu-cut"));
+  ASSERT_TRUE(cut.Send(&ready, sizeof ready / 2));
+  // An unknown type is dropped at once.
+  RawClient junk;
+  ASSERT_TRUE(junk.Connect(path));
+  uint32_t type = 77;
+  ASSERT_TRUE(junk.Send(&type, sizeof type));
+  EXPECT_TRUE(junk.Closed());
+  EXPECT_TRUE(cut.Closed());
+  // An operator command orvd does not know is refused and changes nothing.
+  RawClient op;
+  ASSERT_TRUE(op.Connect(path));
+  orvd::IssuControlMsg cmd{orvd::ORVD_MSG_ISSU_CONTROL, 42, 0};
+  ASSERT_TRUE(op.Send(&cmd, sizeof cmd));
+  orvd::IssuControlReply head{};
+  ASSERT_EQ(recv(op.fd, &head, sizeof head, MSG_WAITALL), ssize_t(sizeof head));
+  EXPECT_EQ(head.status, VSK_ERR_ORVD_FATAL);
+
+  json s = StatusWhen([](const json& s) {
+    json g = Client(s, "issu-good"), c = Client(s, "issu-cut");
+    return g != nullptr && g["state"] == 2 && c != nullptr && c["connected"] == false;
+  });
+  EXPECT_EQ(Client(s, "issu-raw")["state"], 0) << "nothing malformed was recorded";
+  EXPECT_EQ(Client(s, "issu-raw")["connected"], true);
+  EXPECT_EQ(s["chassis"], "prepare");
+  EXPECT_EQ(s["participants"], 2);
+  EXPECT_EQ(kill(orvd_.pid(), 0), 0) << "orvd is still there";
+  // The raw participant answers properly after all, and the upgrade goes on.
+  ASSERT_TRUE(raw.Send(&ready, sizeof ready));
+  StatusWhen([](const json& s) { return s["all_ready"] == true; });
+  ASSERT_EQ(Issu("abort").exit_code, 0);
+  ASSERT_EQ(Issu("inject 0").exit_code, 0);
+  EXPECT_TRUE(good.Wait().Ok());
 }
 
 }  // namespace
