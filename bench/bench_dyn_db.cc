@@ -37,11 +37,10 @@
 #include "libvsk/store/view.h"
 #include "platform/lodex.h"
 #include "platform/paths.h"
+#include "support/bench_open.h"
 #include "vsk/dyn_db.h"
 #include "vsk/shared.h"
 #include "vsk/store.h"
-
-extern "C" char* __progname;  // the library tells the creating daemon by this name
 
 namespace {
 
@@ -56,7 +55,6 @@ constexpr double kTargetRatio = 1.10;  // the layer may cost at most 10% over ba
 volatile sig_atomic_t g_stop = 0;
 void OnSignal(int) { g_stop = 1; }
 
-char g_creator_name[] = "orvd";
 orvd_ctx g_link{};
 
 struct Value {
@@ -187,18 +185,6 @@ uint64_t Commits(DB_ENV* env) {
   return n;
 }
 
-// Opens the shared state and the store as the creating daemon on the master. The status,
-// or -1 when the shared regions could not be opened.
-vsk_status_t OpenStore() {
-  if (!vsk::platform::MakeSystemDirs()) return VSK_ERR_FATAL;
-  __progname = g_creator_name;
-  if (vsk_open_internal(true) != 0) return VSK_ERR_FATAL;
-  g_link.fd = -1;
-  g_link.is_orvd = true;
-  vsk_db_set_master(true);
-  return vsk_db_init(&g_link, true);
-}
-
 bool Measure(DB_ENV* env, DB* db, std::vector<Pair>& pairs) {
   std::mt19937_64 rng(20240611);
   std::vector<uint64_t> ids(kKeys);
@@ -279,7 +265,7 @@ int main() {
   signal(SIGTERM, OnSignal);
 
   int code = 0;
-  vsk_status_t st = OpenStore();
+  vsk_status_t st = vsk::bench::OpenAsCreator(&g_link, false);
   if (st != VSK_OK) {
     std::fprintf(stderr, "cannot open the store: %d (%s)\n", st, vsk_get_err_msg(st));
     code = 1;

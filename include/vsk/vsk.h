@@ -19,6 +19,8 @@
 #include "vsk/attr.h"
 #include "vsk/tables.h"
 #include "vsk/snapshot.h"
+#include "vsk/session_cache.h"
+#include "vsk/attr_read.h"
 #include "vsk/libstats.h"
 #include "vsk/provdb.h"
 #include "vsk/pfltd.h"

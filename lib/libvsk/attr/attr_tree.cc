@@ -181,26 +181,32 @@ void vsk_array_index_free(patricia_root_t* root) { FreeIndexTree(root, false); }
 
 void vsk_attr_tree_free(patricia_root_t* tree) {
   if (tree == nullptr) return;
-  // First every member list and index tree, while all values are still alive; then the
-  // nodes with their values.
-  for (patricia_node_t* p = patricia_find_next(tree, nullptr); p != nullptr;
-       p = patricia_find_next(tree, p)) {
+  // The nodes leave the tree first, lowest key first (each step a descent, never a search
+  // for a successor); a node out of the tree lends its header's first link to a chain of
+  // them. Then every member list and index tree goes, while all values are still alive;
+  // then the nodes with their values.
+  patricia_node_t* chain = nullptr;
+  patricia_node_t* p;
+  while ((p = patricia_find_next(tree, nullptr)) != nullptr) {
+    patricia_delete(tree, p);
+    p->pn_child[0] = reinterpret_cast<uintptr_t>(chain);
+    chain = p;
+  }
+  auto next_of = [](patricia_node_t* n) {
+    return reinterpret_cast<patricia_node_t*>(n->pn_child[0]);
+  };
+  for (p = chain; p != nullptr; p = next_of(p)) {
     auto* node = reinterpret_cast<vsk_attr_tree_node_t*>(p);
     for (vsk_attr_value_t* v = node->values_first; v != nullptr; v = v->next) {
       FreeMemberList(v->members);
       v->members = nullptr;
     }
-  }
-  for (patricia_node_t* p = patricia_find_next(tree, nullptr); p != nullptr;
-       p = patricia_find_next(tree, p)) {
-    auto* node = reinterpret_cast<vsk_attr_tree_node_t*>(p);
     FreeIndexTree(node->index_root, true);
     node->index_root = nullptr;
   }
-  patricia_node_t* p;
-  while ((p = patricia_find_next(tree, nullptr)) != nullptr) {
-    auto* node = reinterpret_cast<vsk_attr_tree_node_t*>(p);
-    patricia_delete(tree, p);
+  while (chain != nullptr) {
+    auto* node = reinterpret_cast<vsk_attr_tree_node_t*>(chain);
+    chain = next_of(chain);
     vsk_attr_value_t* v = node->values_first;
     while (v != nullptr) {
       vsk_attr_value_t* next = v->next;

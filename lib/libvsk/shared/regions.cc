@@ -148,16 +148,4 @@ extern "C" {
 
 int vsk_snap_detach_shm(void) { return vsk::shared::SnapDetachShm(); }
 
-// The factor 1500 (not the slot size 3000) and the unchecked cut to 16 bits are what the
-// readers of shm_offset expect; the cache computes its own slot offset independently.
-int vsk_get_shared_mem(vsk_session_ids_t* ids) {
-  if (ids == nullptr) {
-    VSK_TRACE("%s: null id block", "vsk_get_shared_mem");
-    return 0;
-  }
-  uint64_t slot = (ids->session_id - 1) % 1500;
-  ids->shm_offset = static_cast<uint16_t>(slot * 1500);
-  return 0;
-}
-
 }  // extern "C"

@@ -1,0 +1,78 @@
+// A second process that holds a client record's write lock, and a trace hook that tells it
+// when to let go: the lock is released after a given number of failed passes, seen in the
+// traces of the process that meets it, never after a time. The process that meets the lock
+// does not wait for locks (NoLockWaits), so every pass fails on it at once and no lock
+// time-out is involved.
+#pragma once
+
+#include <db.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "session_fixture.h"
+
+namespace vsk::test {
+
+inline int g_signal_fd = -1;
+inline const char* g_signal_on = nullptr;
+inline int g_signal_after = 0;
+inline std::atomic<int> g_seen{0};
+
+// A trace hook that records like the harness and, on the `g_signal_after`th trace holding
+// `g_signal_on`, writes one byte to `g_signal_fd`: the lock holder then lets go.
+inline void SignallingTrace(void* handle, int level, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  va_list copy;
+  va_copy(copy, args);
+  CaptureTraceV(handle, level, format, copy);
+  va_end(copy);
+  char text[512];
+  vsnprintf(text, sizeof text, format, args);
+  va_end(args);
+  if (g_signal_on != nullptr && std::strstr(text, g_signal_on) != nullptr &&
+      ++g_seen == g_signal_after) {
+    char b = 1;
+    (void)!write(g_signal_fd, &b, 1);
+  }
+}
+
+// This process's lock requests do not wait (DB_TXN_NOWAIT): a request that meets the
+// holder fails at once with DB_LOCK_NOTGRANTED, which the library reports as -4.
+inline void NoLockWaits() {
+  DB_ENV* env = nullptr;
+  vsk_db_get_dbenv(&env);
+  env->set_flags(env, DB_TXN_NOWAIT, 1);
+}
+
+// Holds the write lock of client record `id` in an open transaction until a byte arrives
+// on `fd` (then waits for Go() before it ends) or, with `fd` -1, until Go().
+inline void HoldRecordLock(Child& holder, uint64_t id, int fd) {
+  holder.Start([id, fd](Child::Channel& ch) {
+    orvd_ctx link{};
+    if (Up(&link, false) != 0) return 1;
+    vsk_db_txn_t txn{};
+    vsk_client_session_t* rec = nullptr;
+    if (vsk_db_start_txn(&txn) != 0 || vsk_db_get_client_session(&txn, &id, &rec, true) != 0)
+      return 2;
+    ch.Ready();
+    char b;
+    // The holder lets go after 20 s all the same, so that a test whose signal never comes
+    // ends with a failure instead of hanging.
+    pollfd p{fd, POLLIN, 0};
+    if (fd >= 0 && poll(&p, 1, 20000) == 1) (void)!read(fd, &b, 1);
+    if (fd < 0) ch.WaitGo();
+    vsk_db_release_client_session(rec, true);
+    vsk_db_abort_txn(&txn, 0);
+    if (fd >= 0) ch.WaitGo();
+    vsk_close_internal();
+    return 0;
+  });
+}
+
+}  // namespace vsk::test

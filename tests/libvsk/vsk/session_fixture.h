@@ -1,0 +1,71 @@
+// A whole system for session tests: `orvd` in a real child process, client daemons in
+// further children, and the test process as an observer that attaches only the segments
+// and the interface table (Berkeley DB handles never cross a fork). Processes come up as
+// registration brings them up, without the socket.
+#pragma once
+
+#include <memory>
+
+#include "../shared/shared_fixture.h"
+#include "libvsk/orvd_ctx.h"
+#include "libvsk/shared/intf_file.h"
+#include "vsk/vsk.h"
+
+namespace vsk::test {
+
+// This process on the master as `orvd` (everything up, rebuilt: status word 3) or as a
+// client daemon joining it. 0 or the failing step's status.
+inline vsk_status_t Up(orvd_ctx* link, bool orvd) {
+  SetProgramName(orvd ? "orvd" : "vsk-client");
+  link->fd = -1;
+  link->is_orvd = orvd;
+  vsk_db_set_master(true);
+  if (vsk_open_internal(orvd) != 0) return VSK_ERR_FATAL;
+  vsk_status_t st = vsk_db_init(link, orvd);
+  if (st == VSK_OK) st = vsk_db_secondary_init(orvd);
+  if (st == VSK_OK && orvd) st = vsk_db_secondary_recover();
+  return st;
+}
+
+class SessionSystemTest : public SharedTest {
+ protected:
+  void TearDown() override {
+    if (orvd_ != nullptr) orvd_->Go(), orvd_->Wait();
+    vsk_close_internal();
+    SharedTest::TearDown();
+  }
+
+  // Starts orvd in a child, then attaches this process as an observer.
+  bool StartSystem() {
+    orvd_ = std::make_unique<Child>();
+    orvd_->Start([](Child::Channel& ch) {
+      orvd_ctx link{};
+      if (Up(&link, true) != VSK_OK) return 1;
+      ch.Ready();
+      ch.WaitGo();
+      vsk_close_internal();
+      return 0;
+    });
+    if (!orvd_->WaitReady()) return false;
+    AsClient();
+    vsk::shared::intf::TestSeam::Forget();  // a mapping of an earlier test's root
+    return vsk_open_internal(false) == 0 && vsk_db_secondary_init(false) == VSK_OK;
+  }
+
+  // Runs `fn` in a client daemon child; its result is the exit code (100: no client).
+  template <typename Fn>
+  static ChildResult AsClientDaemon(Fn fn) {
+    return RunInChild([fn] {
+      orvd_ctx link{};
+      if (Up(&link, false) != VSK_OK) return 100;
+      int rc = fn();
+      vsk_close_internal();
+      return rc;
+    });
+  }
+
+ private:
+  std::unique_ptr<Child> orvd_;
+};
+
+}  // namespace vsk::test
