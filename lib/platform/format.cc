@@ -44,3 +44,42 @@ extern "C" int format_ipaddr(int family, const void* address, unsigned address_l
   }
   return n;
 }
+
+extern "C" int format_mac_addr(char* out, size_t room, const void* address, int separator,
+                               int upper) {
+  if (out == nullptr || room == 0) return 0;
+  out[0] = '\0';
+  if (address == nullptr) return 0;
+  const auto* b = static_cast<const unsigned char*>(address);
+  const char sep = separator != 0 ? static_cast<char>(separator) : ':';
+  const char* form = upper != 0 ? "%02X%c%02X%c%02X%c%02X%c%02X%c%02X"
+                                : "%02x%c%02x%c%02x%c%02x%c%02x%c%02x";
+  int n = std::snprintf(out, room, form, b[0], sep, b[1], sep, b[2], sep, b[3], sep, b[4], sep,
+                        b[5]);
+  if (n < 0 || static_cast<size_t>(n) >= room) {
+    out[0] = '\0';
+    return 0;
+  }
+  return n;
+}
+
+extern "C" char* addr2ascii(int family, const void* address, int address_len, char* out) {
+  static char shared[INET6_ADDRSTRLEN];
+  char* text = out != nullptr ? out : shared;
+  text[0] = '\0';
+  if (format_ipaddr(family, address, static_cast<unsigned>(address_len > 0 ? address_len : 0), 0,
+                    0, 0, 0, text, INET6_ADDRSTRLEN) == 0) {
+    text[0] = '\0';
+  }
+  return text;
+}
+
+extern "C" const char* time_isostr(time_t seconds) {
+  static char text[32];
+  struct tm parts {};
+  if (localtime_r(&seconds, &parts) == nullptr ||
+      std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts) == 0) {
+    text[0] = '\0';
+  }
+  return text;
+}

@@ -12,13 +12,31 @@
 //   - with_prefix: non-zero appends "/prefix_len" (the length is printed as given).
 //   - with_port: non-zero appends ":port", with an IPv6 address in brackets.
 //   Forms: "192.0.2.1", "10.0.0.0/8", "2001:db8::1", "2001:db8::/32", "[2001:db8::1]:80".
+//
+// format_mac_addr(out, room, address, separator, upper)
+//   Writes the 6 bytes at `address` as "00:11:22:aa:bb:cc" (separator 0 means ':'; upper
+//   non-zero gives upper-case digits); the text's length, 0 on failure.
+//
+// addr2ascii(family, address, address_len, out)
+//   The address as text in a process-wide buffer (out null) or in `out` (at least 46
+//   bytes); "" for an address it cannot format.
+//
+// time_isostr(seconds)
+//   Local time as "YYYY-MM-DDThh:mm:ss" in a process-wide buffer.
 #pragma once
 
 #include <cstddef>
+#include <ctime>
 
 extern "C" {
 __attribute__((visibility("default"))) int format_ipaddr(int family, const void* address,
                                                          unsigned address_len, int with_prefix,
                                                          unsigned prefix_len, int with_port,
                                                          unsigned port, char* out, size_t room);
+__attribute__((visibility("default"))) int format_mac_addr(char* out, size_t room,
+                                                           const void* address, int separator,
+                                                           int upper);
+__attribute__((visibility("default"))) char* addr2ascii(int family, const void* address,
+                                                        int address_len, char* out);
+__attribute__((visibility("default"))) const char* time_isostr(time_t seconds);
 }

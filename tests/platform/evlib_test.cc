@@ -1,15 +1,16 @@
 // The event library on a real libevent loop: readiness callbacks, deselection (also from
-// inside a callback), wrapping a daemon's own event_base, and argument checks.
+// inside a callback), breaking the loop, wrapping a daemon's own event_base, and argument
+// checks.
+#include "platform/evlib.h"
+
 #include <errno.h>
 #include <event2/event.h>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <vector>
 
-#include "platform/evlib.h"
 #include "support/harness.h"
 
 namespace vsk::test {
@@ -61,38 +62,33 @@ class EvlibTest : public VskTest {
   int pipe_[2] = {-1, -1};
 };
 
-TEST_F(EvlibTest, ReadableDescriptorCallsBackWithItsArguments) {
-  Recorder rec;
+TEST_F(EvlibTest, ADescriptorCallsBackUntilDeselected) {
+  int other[2];
+  ASSERT_EQ(pipe(other), 0);
+  Recorder rec, idle;
   ASSERT_EQ(__evSelectFD(ctx_, rd(), EV_READ, Record, &rec, &rec.self), 0);
-  EXPECT_NE(rec.self.opaque, nullptr);
-
+  ASSERT_EQ(__evSelectFD(ctx_, other[0], EV_READ, Record, &idle, &idle.self), 0);
   ASSERT_EQ(evDispatchOnce(ctx_, 30), 0);
   EXPECT_TRUE(rec.calls.empty()) << "nothing was written yet";
-
-  Poke();
-  ASSERT_EQ(evDispatchOnce(ctx_, 1000), 0);
-  ASSERT_EQ(rec.calls.size(), 1u);
-  EXPECT_EQ(rec.calls[0].fd, rd());
-  EXPECT_EQ(rec.calls[0].mask, EV_READ);
-}
-
-TEST_F(EvlibTest, RegistrationStaysUntilDeselected) {
-  Recorder rec;
-  ASSERT_EQ(__evSelectFD(ctx_, rd(), EV_READ, Record, &rec, &rec.self), 0);
   for (int i = 0; i < 3; ++i) {
     Poke();
     ASSERT_EQ(evDispatchOnce(ctx_, 1000), 0);
   }
-  EXPECT_EQ(rec.calls.size(), 3u);
+  ASSERT_EQ(rec.calls.size(), 3u);
+  EXPECT_EQ(rec.calls[0].fd, rd());
+  EXPECT_EQ(rec.calls[0].mask, EV_READ);
+  EXPECT_TRUE(idle.calls.empty()) << "each descriptor reaches its own callback";
 
   ASSERT_EQ(__evDeselectFD(ctx_, rec.self), 0);
   Poke();
   ASSERT_EQ(evDispatchOnce(ctx_, 50), 0);
   EXPECT_EQ(rec.calls.size(), 3u) << "a deselected descriptor must not call back";
-
   errno = 0;
   EXPECT_EQ(__evDeselectFD(ctx_, rec.self), -1) << "the id is gone";
   EXPECT_EQ(errno, ENOENT);
+  ASSERT_EQ(__evDeselectFD(ctx_, idle.self), 0);
+  close(other[0]);
+  close(other[1]);
 }
 
 TEST_F(EvlibTest, CallbackMayDeselectItselfAndLoopEndsWhenNothingIsLeft) {
@@ -101,52 +97,15 @@ TEST_F(EvlibTest, CallbackMayDeselectItselfAndLoopEndsWhenNothingIsLeft) {
   rec.drain = false;  // still readable: only the deselection stops further calls
   ASSERT_EQ(__evSelectFD(ctx_, rd(), EV_READ, Record, &rec, &rec.self), 0);
   Poke();
-  auto start = std::chrono::steady_clock::now();
   ASSERT_EQ(evMainLoop(ctx_), 0);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
   EXPECT_EQ(rec.calls.size(), 1u);
-}
-
-TEST_F(EvlibTest, WritableDescriptorAndBothMasks) {
-  Recorder rec;
-  rec.break_loop = true;
-  ASSERT_EQ(__evSelectFD(ctx_, wr(), EV_WRITE, Record, &rec, &rec.self), 0);
+  // evBreak from a callback ends the loop although the descriptor stays registered.
+  Recorder writable;
+  writable.break_loop = true;
+  ASSERT_EQ(__evSelectFD(ctx_, wr(), EV_WRITE, Record, &writable, &writable.self), 0);
   ASSERT_EQ(evMainLoop(ctx_), 0);
-  ASSERT_EQ(rec.calls.size(), 1u) << "evBreak ends the loop after the callback";
-  EXPECT_EQ(rec.calls[0].mask, EV_WRITE);
-  ASSERT_EQ(__evDeselectFD(ctx_, rec.self), 0);
-
-  Recorder both;
-  int sv[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-  ASSERT_EQ(write(sv[1], "y", 1), 1);
-  ASSERT_EQ(__evSelectFD(ctx_, sv[0], EV_READ | EV_WRITE, Record, &both, &both.self), 0);
-  ASSERT_EQ(evDispatchOnce(ctx_, 1000), 0);
-  ASSERT_FALSE(both.calls.empty());
-  EXPECT_EQ(both.calls[0].mask, EV_READ | EV_WRITE);
-  ASSERT_EQ(__evDeselectFD(ctx_, both.self), 0);
-  close(sv[0]);
-  close(sv[1]);
-}
-
-TEST_F(EvlibTest, TwoDescriptorsEachReachTheirOwnCallback) {
-  int other[2];
-  ASSERT_EQ(pipe(other), 0);
-  Recorder a, b;
-  ASSERT_EQ(__evSelectFD(ctx_, rd(), EV_READ, Record, &a, &a.self), 0);
-  ASSERT_EQ(__evSelectFD(ctx_, other[0], EV_READ, Record, &b, &b.self), 0);
-  ASSERT_EQ(write(other[1], "z", 1), 1);
-  ASSERT_EQ(evDispatchOnce(ctx_, 1000), 0);
-  EXPECT_TRUE(a.calls.empty());
-  ASSERT_EQ(b.calls.size(), 1u);
-  EXPECT_EQ(b.calls[0].fd, other[0]);
-  // Deselecting one leaves the other working.
-  ASSERT_EQ(__evDeselectFD(ctx_, b.self), 0);
-  Poke();
-  ASSERT_EQ(evDispatchOnce(ctx_, 1000), 0);
-  EXPECT_EQ(a.calls.size(), 1u);
-  close(other[0]);
-  close(other[1]);
+  ASSERT_EQ(writable.calls.size(), 1u);
+  EXPECT_EQ(writable.calls[0].mask, EV_WRITE);
 }
 
 TEST_F(EvlibTest, WrapsAnExistingBaseAndLeavesItToItsOwner) {
@@ -163,20 +122,13 @@ TEST_F(EvlibTest, WrapsAnExistingBaseAndLeavesItToItsOwner) {
   ASSERT_EQ(event_base_loop(base, EVLOOP_ONCE), 0);
   EXPECT_EQ(rec.calls.size(), 1u);
 
-  // Destroying the wrapper drops its registrations, not the base.
+  // Destroying the wrapper drops its live registrations (the leak checker sees any left),
+  // not the base.
   ASSERT_EQ(evDestroy(wrapped), 0);
   Poke();
   EXPECT_EQ(event_base_loop(base, EVLOOP_NONBLOCK), 1) << "no events left on the base";
   EXPECT_EQ(rec.calls.size(), 1u);
   event_base_free(base);
-}
-
-TEST_F(EvlibTest, DestroyDropsLiveRegistrations) {
-  Recorder rec;
-  ASSERT_EQ(__evSelectFD(ctx_, rd(), EV_READ, Record, &rec, &rec.self), 0);
-  ASSERT_EQ(__evSelectFD(ctx_, wr(), EV_WRITE, Record, &rec, nullptr), 0);
-  EXPECT_EQ(evDestroy(ctx_), 0);  // ASan reports anything left behind
-  ctx_.opaque = nullptr;
 }
 
 TEST_F(EvlibTest, BadArgumentsAreRefusedWithEinval) {
@@ -189,9 +141,8 @@ TEST_F(EvlibTest, BadArgumentsAreRefusedWithEinval) {
     int mask;
     evFileFunc fn;
   } cases[] = {
-      {empty, rd(), EV_READ, Record},   {ctx_, -1, EV_READ, Record},
-      {ctx_, rd(), 0, Record},          {ctx_, rd(), 0x100, Record},
-      {ctx_, rd(), EV_READ, nullptr},
+      {empty, rd(), EV_READ, Record}, {ctx_, -1, EV_READ, Record},    {ctx_, rd(), 0, Record},
+      {ctx_, rd(), 0x100, Record},    {ctx_, rd(), EV_READ, nullptr},
   };
   for (const auto& c : cases) {
     errno = 0;
@@ -205,20 +156,6 @@ TEST_F(EvlibTest, BadArgumentsAreRefusedWithEinval) {
   EXPECT_EQ(evCreate(nullptr), -1);
   EXPECT_EQ(evCreateFromBase(nullptr, &empty), -1);
   EXPECT_EQ(evGetBase(empty), nullptr);
-}
-
-TEST_F(EvlibTest, DispatchOnceHonoursItsTimeout) {
-  auto start = std::chrono::steady_clock::now();
-  ASSERT_EQ(evDispatchOnce(ctx_, 80), 0);
-  auto elapsed = std::chrono::steady_clock::now() - start;
-  EXPECT_GE(elapsed, std::chrono::milliseconds(75));
-  EXPECT_LT(elapsed, std::chrono::seconds(2));
-  // The bounding timer is gone: a following round with data returns at once.
-  Recorder rec;
-  ASSERT_EQ(__evSelectFD(ctx_, rd(), EV_READ, Record, &rec, &rec.self), 0);
-  Poke();
-  ASSERT_EQ(evDispatchOnce(ctx_, 5000), 0);
-  EXPECT_EQ(rec.calls.size(), 1u);
 }
 
 }  // namespace

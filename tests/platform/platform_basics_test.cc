@@ -1,10 +1,11 @@
-// Root relocation, the program-name test and the platform's model id.
+// Root relocation, the program-name test, the routing engine's role and the platform's
+// model id.
 #include <sys/stat.h>
 
 #include <cstdlib>
 #include <fstream>
 
-#include "platform/logging.h"
+#include "platform/hwframe.h"
 #include "platform/paths.h"
 #include "platform/product_info.h"
 #include "platform/progname.h"
@@ -47,21 +48,10 @@ TEST_F(PlatformTest, SemaphoreKeyIsPerRoot) {
 }
 
 TEST_F(PlatformTest, OrvdIsRecognisedByFirstFourCharacters) {
-  {
-    ScopedProgramName name("orvd");
-    EXPECT_TRUE(platform::IsOrvdProgram());
-  }
-  {
-    ScopedProgramName name("orvdx-helper");
-    EXPECT_TRUE(platform::IsOrvdProgram());
-  }
-  {
-    ScopedProgramName name("orv");
-    EXPECT_FALSE(platform::IsOrvdProgram());
-  }
-  {
-    ScopedProgramName name("xorvd");
-    EXPECT_FALSE(platform::IsOrvdProgram());
+  for (auto [name, orvd] : {std::pair{"orvd", true}, std::pair{"orvdx-helper", true},
+                            std::pair{"orv", false}, std::pair{"xorvd", false}}) {
+    ScopedProgramName as(name);
+    EXPECT_EQ(platform::IsOrvdProgram(), orvd) << name;
   }
 }
 
@@ -128,27 +118,21 @@ TEST_F(PlatformTest, ProgramSetRecordWins) {
   unsetenv("VSK_MODEL_ID");
 }
 
-std::vector<std::string>* g_logged = nullptr;
-void LogSink(int level, const char* format, va_list args) {
-  char buf[256];
-  vsnprintf(buf, sizeof buf, format, args);
-  g_logged->push_back(std::to_string(level) + ":" + buf);
-}
-
-TEST_F(PlatformTest, InsistLogsAndLetsCallerGoOn) {
-  std::vector<std::string> logged;
-  g_logged = &logged;
-  auto old = platform::SetLoggingSink(&LogSink);
-  const void* ctx = nullptr;
-  bool held = VSK_INSIST(ctx);
-  bool fine = VSK_INSIST(1 + 1 == 2);
-  platform::SetLoggingSink(old);
-  EXPECT_FALSE(held);
-  EXPECT_TRUE(fine);
-  ASSERT_EQ(logged.size(), 1u);
-  EXPECT_NE(logged[0].find("0:"), std::string::npos);
-  EXPECT_NE(logged[0].find(": insist 'ctx' failed"), std::string::npos);
-  EXPECT_NE(logged[0].find("platform_basics_test.cc:"), std::string::npos);
+TEST_F(PlatformTest, RoleFollowsTheDeploymentVariable) {
+  struct Case {
+    const char* value;  // null: unset
+    bool master;
+  } cases[] = {{nullptr, true}, {"standby", false}, {"master", true}, {"stand-by", true}};
+  for (const Case& c : cases) {
+    if (c.value == nullptr) {
+      unsetenv("VSK_RE_ROLE");
+    } else {
+      setenv("VSK_RE_ROLE", c.value, 1);
+    }
+    EXPECT_EQ(hwframe_is_vc_or_single_re_protocol_master(), c.master)
+        << (c.value != nullptr ? c.value : "unset");
+  }
+  unsetenv("VSK_RE_ROLE");
 }
 
 }  // namespace

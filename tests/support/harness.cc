@@ -1,10 +1,12 @@
 #include "support/harness.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/ipc.h>
+#include <sys/prctl.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
 #include <sys/stat.h>
@@ -18,6 +20,7 @@
 #include <sstream>
 #include <thread>
 
+#include "libvsk/base/fault.h"
 #include "libvsk/shared/root_objects.h"
 #include "platform/paths.h"
 #include "platform/product_info.h"
@@ -152,11 +155,20 @@ ChildResult WaitFor(pid_t pid, std::chrono::milliseconds timeout) {
 
 }  // namespace
 
+void DieWithParent(pid_t parent) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(99);  // the parent died before the request took effect
+}
+
 ChildResult RunInChild(const std::function<int()>& fn, std::chrono::milliseconds timeout) {
+  const pid_t parent = getpid();
   std::fflush(nullptr);
   pid_t pid = fork();
   if (pid < 0) return {};
-  if (pid == 0) ExitChild(fn());
+  if (pid == 0) {
+    DieWithParent(parent);
+    ExitChild(fn());
+  }
   return WaitFor(pid, timeout);
 }
 
@@ -187,9 +199,11 @@ Child::~Child() {
 void Child::Start(const std::function<int(Channel&)>& fn) {
   int up[2], down[2];
   if (pipe(up) != 0 || pipe(down) != 0) return;
+  const pid_t parent = getpid();
   std::fflush(nullptr);
   pid_ = fork();
   if (pid_ == 0) {
+    DieWithParent(parent);
     close(up[0]);
     close(down[1]);
     Channel ch;
@@ -238,14 +252,129 @@ int RemoveSysvObjectsFor(const std::vector<std::string>& key_files) {
   return removed;
 }
 
-// ---- fixture --------------------------------------------------------------------------
+// ---- roots that outlive their test process --------------------------------------------
 
+namespace {
+
+constexpr char kOwnerFile[] = "/.owner";
+constexpr char kSweeper[] = VSK_BINARY_DIR "/tests/vsk_test_sweep";
+
+// The start time of `pid` in clock ticks since boot (field 22 of /proc/<pid>/stat), or 0.
+unsigned long long StartTimeOf(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  size_t close = stat.rfind(')');  // the command name may hold spaces
+  if (close == std::string::npos) return 0;
+  std::istringstream fields(stat.substr(close + 2));
+  std::string field;
+  for (int i = 3; i < 22 && fields >> field; ++i) {
+  }
+  unsigned long long start = 0;
+  fields >> start;
+  return start;
+}
+
+bool OwnerAlive(const std::string& root) {
+  std::ifstream in(root + kOwnerFile);
+  long long pid = 0;
+  unsigned long long start = 0;
+  if (!(in >> pid >> start) || pid <= 0) return false;
+  return StartTimeOf(static_cast<pid_t>(pid)) == start;
+}
+
+// The live root of this process, for its fatal-signal and exit paths, which must not
+// allocate: they hand the root to the sweeper program.
+constexpr int kMaxRoots = 4;
+struct DyingRoots {
+  pid_t owner = 0;  // 0 while no root is live
+  char roots[kMaxRoots][256] = {};
+  char* argv[kMaxRoots + 2] = {};  // the sweeper's: its name, the roots, null
+  struct sigaction previous[NSIG];
+};
+DyingRoots g_dying;
+constexpr int kFatalSignals[] = {SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTERM, SIGINT};
+
+void CleanUpDyingRoot() {
+  if (g_dying.owner == 0 || g_dying.owner != getpid()) return;  // a forked child's copy
+  pid_t sweeper = fork();
+  if (sweeper == 0) {
+    execv(kSweeper, g_dying.argv);
+    _exit(127);
+  }
+  if (sweeper > 0) waitpid(sweeper, nullptr, 0);
+  g_dying.owner = 0;
+}
+
+void OnFatalSignal(int sig) {
+  CleanUpDyingRoot();
+  sigaction(sig, &g_dying.previous[sig], nullptr);
+  raise(sig);  // delivered with the previous action once this handler returns
+}
+
+// Adds `root` to what this process's death removes, and records its owner.
+void WatchForDeath(const std::string& root, bool first) {
+  static bool installed = false;
+  if (!installed) {
+    installed = true;
+    for (int sig : kFatalSignals) {
+      struct sigaction sa {};
+      sa.sa_handler = OnFatalSignal;
+      sigemptyset(&sa.sa_mask);
+      sigaction(sig, &sa, &g_dying.previous[sig]);
+    }
+    std::atexit(CleanUpDyingRoot);
+  }
+  static int count = 0;
+  if (first) count = 0;
+  if (count == kMaxRoots) return;
+  std::snprintf(g_dying.roots[count], sizeof g_dying.roots[count], "%s", root.c_str());
+  static char name[] = "vsk_test_sweep";
+  g_dying.argv[0] = name;
+  g_dying.argv[count + 1] = g_dying.roots[count];
+  ++count;
+  g_dying.argv[count + 1] = nullptr;
+  std::ofstream(root + kOwnerFile) << getpid() << ' ' << StartTimeOf(getpid()) << '\n';
+  g_dying.owner = getpid();
+}
+
+}  // namespace
+
+bool RemoveRoot(const std::string& root) {
+  RemoveSysvObjectsFor({root + platform::kShmKeyFile, root + platform::kLodexKeyFile});
+  std::error_code ec;
+  std::filesystem::remove_all(root, ec);
+  return !ec;
+}
+
+int SweepStaleRoots() {
+  const std::filesystem::path pattern(kRootPattern);
+  std::string prefix = pattern.filename().string();
+  prefix = prefix.substr(0, prefix.find('X'));
+  int removed = 0;
+  std::error_code ec;
+  for (const auto& entry : std::filesystem::directory_iterator(pattern.parent_path(), ec)) {
+    const std::string root = entry.path().string();
+    if (entry.path().filename().string().rfind(prefix, 0) != 0) continue;
+    if (std::filesystem::exists(root + kOwnerFile, ec)) {
+      if (OwnerAlive(root)) continue;
+    } else {
+      auto age = std::filesystem::file_time_type::clock::now() -
+                 std::filesystem::last_write_time(root, ec);
+      if (ec || age < std::chrono::hours(1)) continue;
+    }
+    removed += RemoveRoot(root) ? 1 : 0;
+  }
+  return removed;
+}
+
+// ---- fixture --------------------------------------------------------------------------
 
 void VskTest::SetUp() {
   const char* old = getenv("VSK_ROOT");
   had_root_ = old != nullptr;
   if (had_root_) saved_root_ = old;
-  char tmpl[] = "/tmp/vsk-test.XXXXXX";
+  char tmpl[sizeof kRootPattern];
+  std::memcpy(tmpl, kRootPattern, sizeof tmpl);
   ASSERT_NE(mkdtemp(tmpl), nullptr) << strerror(errno);
   root_ = tmpl;
   setenv("VSK_ROOT", root_.c_str(), 1);
@@ -253,6 +382,7 @@ void VskTest::SetUp() {
   ASSERT_TRUE(platform::MakeSystemDirs(&failed)) << failed;
   for (const auto& f : shared::RootKeyFiles()) std::ofstream(f, std::ios::app).close();
   RemoveSysvObjectsFor(shared::RootKeyFiles());  // a stale object of a reused inode
+  WatchForDeath(root_, true);
   platform::ResetProductInfo();
   saved_progname_ = __progname;
   AsClient();
@@ -261,13 +391,15 @@ void VskTest::SetUp() {
 }
 
 void VskTest::TearDown() {
+  fault::DisarmAll();
   vsk_set_trace_cbk(nullptr);
   // The store keeps the daemon's link handle across a close; a test's handle dies with
   // the test, so a later test in the same process must not find it.
   vsk_db_reset_orvd_handle();
-  RemoveSysvObjectsFor(shared::RootKeyFiles());
-  std::error_code ec;
-  std::filesystem::remove_all(root_, ec);
+  RemoveRoot(root_);
+  for (const auto& r : extra_roots_) RemoveRoot(r);
+  extra_roots_.clear();
+  g_dying.owner = 0;
   if (had_root_) {
     setenv("VSK_ROOT", saved_root_.c_str(), 1);
   } else {
@@ -275,6 +407,22 @@ void VskTest::TearDown() {
   }
   platform::ResetProductInfo();
   __progname = saved_progname_;
+}
+
+std::string VskTest::AddRoot() {
+  char tmpl[sizeof kRootPattern];
+  std::memcpy(tmpl, kRootPattern, sizeof tmpl);
+  if (mkdtemp(tmpl) == nullptr) return {};
+  std::string root = tmpl;
+  extra_roots_.push_back(root);
+  std::string saved = root_;
+  setenv("VSK_ROOT", root.c_str(), 1);
+  platform::MakeSystemDirs();
+  for (const auto& f : shared::RootKeyFiles()) std::ofstream(f, std::ios::app).close();
+  RemoveSysvObjectsFor(shared::RootKeyFiles());
+  setenv("VSK_ROOT", saved.c_str(), 1);
+  WatchForDeath(root, false);
+  return root;
 }
 
 std::string VskTest::Path(std::string_view design_path) const {

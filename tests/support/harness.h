@@ -11,14 +11,24 @@
 //
 // RunInChild() forks, runs a function in the child and reports how the child ended.
 // Child processes report through their exit code, never through gtest assertions.
+//
+// Nothing outlives a test process, however it ends:
+//  - every process the harness starts (RunInChild, Child, OrvdProcess) is killed by the
+//    kernel when the test process dies;
+//  - a test process that dies of a signal it can catch (an abort, a crash, SIGTERM) or
+//    exits in the middle of a test has its root and the root's System V objects removed
+//    on its way out (by the sweeper program, tests/sweep);
+//  - a root records its owner (pid and start time); SweepStaleRoots(), run by CTest
+//    before and after the suite, removes the roots of owners that are gone, with their
+//    System V objects: that covers a test process killed with SIGKILL at its timeout.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <chrono>
-#include <cstdio>
 #include <cstdarg>
+#include <cstdio>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -94,6 +104,10 @@ struct ChildResult {
 };
 std::ostream& operator<<(std::ostream& os, const ChildResult& r);
 
+// In a process just forked by the harness: dies with `parent`, even if that has died
+// already.
+void DieWithParent(pid_t parent);
+
 // Runs `fn` in a forked child; the child exits with fn's result (0 means success).
 ChildResult RunInChild(const std::function<int()>& fn,
                        std::chrono::milliseconds timeout = std::chrono::seconds(60));
@@ -104,8 +118,8 @@ class Child {
   // The child's end of the channel.
   class Channel {
    public:
-    void Ready();      // tells the parent that the child reached its point
-    bool WaitGo();     // waits until the parent says Go(); false if the parent is gone
+    void Ready();   // tells the parent that the child reached its point
+    bool WaitGo();  // waits until the parent says Go(); false if the parent is gone
    private:
     friend class Child;
     int to_parent_ = -1;
@@ -137,12 +151,25 @@ class Child {
 // project number) from one of `key_files`. Returns how many objects were removed.
 int RemoveSysvObjectsFor(const std::vector<std::string>& key_files);
 
+// The directory under which test roots are made, and their name prefix.
+inline constexpr const char kRootPattern[] = "/tmp/vsk-test.XXXXXX";
+// Removes `root` and the System V objects keyed by its key files. True when it is gone.
+bool RemoveRoot(const std::string& root);
+// Removes every test root whose owner process is gone, with the System V objects keyed
+// by its key files. A root without an owner record is removed only when it is older than
+// an hour (made by a harness that wrote none). Returns the number of roots removed.
+int SweepStaleRoots();
+
 class VskTest : public ::testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
 
   const std::string& root() const { return root_; }
+  // A further root, for a second system on the machine (a standby engine): its
+  // directories and key files are made, and it is removed with its System V objects like
+  // the test's own. VSK_ROOT stays the test's root. Empty on failure.
+  std::string AddRoot();
   // `design_path` under this test's root.
   std::string Path(std::string_view design_path) const;
   TraceLog& traces() { return GlobalTraces(); }
@@ -153,6 +180,7 @@ class VskTest : public ::testing::Test {
 
  private:
   std::string root_;
+  std::vector<std::string> extra_roots_;
   std::string saved_root_;
   bool had_root_ = false;
   char* saved_progname_ = nullptr;

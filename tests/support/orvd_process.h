@@ -15,6 +15,7 @@
 
 #include "libvsk/orvd_client/clients_table.h"
 #include "platform/paths.h"
+#include "support/harness.h"
 
 namespace vsk::test {
 
@@ -29,8 +30,10 @@ class OrvdProcess {
     std::string socket = platform::RootedPath(platform::kOrvdSocket);
     std::string table = platform::RootedPath(orvd::kClientsTableFile);
     unlink(table.c_str());
+    const pid_t parent = getpid();
     pid_ = fork();
     if (pid_ == 0) {
+      DieWithParent(parent);
       execl(VSK_BINARY_DIR "/daemons/orvd", "orvd", "--foreground", "--stderr",
             static_cast<char*>(nullptr));
       _exit(127);

@@ -34,9 +34,11 @@ ScopedRoot::~ScopedRoot() { setenv("VSK_ROOT", saved_.c_str(), 1); }
 
 bool DaemonProcess::Start(const std::string& program, const std::vector<std::string>& args,
                           const std::string& log_file) {
+  const pid_t parent = getpid();
   std::fflush(nullptr);
   pid_ = fork();
   if (pid_ == 0) {
+    DieWithParent(parent);
     int fd = open(log_file.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
     if (fd >= 0) {
       dup2(fd, 1);
@@ -181,15 +183,8 @@ uint16_t FreeLoopbackPort() {
 
 void ReplPairTest::SetUp() {
   VskTest::SetUp();
-  char tmpl[] = "/tmp/vsk-test2.XXXXXX";
-  ASSERT_NE(mkdtemp(tmpl), nullptr);
-  root2_ = tmpl;
-  {
-    ScopedRoot root(root2_);
-    ASSERT_TRUE(platform::MakeSystemDirs());
-    for (const auto& f : shared::RootKeyFiles()) std::ofstream(f, std::ios::app).close();
-    RemoveSysvObjectsFor(shared::RootKeyFiles());
-  }
+  root2_ = AddRoot();
+  ASSERT_FALSE(root2_.empty());
   uint16_t pa = FreeLoopbackPort();
   uint16_t pb = FreeLoopbackPort();
   a_ = std::make_unique<Engine>(root(), pa, pb);
@@ -204,13 +199,7 @@ void ReplPairTest::TearDown() {
   }
   a_->StopAll(SIGKILL);
   b_->StopAll(SIGKILL);
-  {
-    ScopedRoot root(root2_);
-    RemoveSysvObjectsFor(shared::RootKeyFiles());
-  }
-  std::error_code ec;
-  std::filesystem::remove_all(root2_, ec);
-  VskTest::TearDown();
+  VskTest::TearDown();  // removes both roots
 }
 
 void ReplPairTest::StartPair() {

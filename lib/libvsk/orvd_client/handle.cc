@@ -44,8 +44,10 @@ using vsk::orvd::Settable;
 
 extern "C" {
 
+// A second call without orvd_unregister is logged and makes a new handle all the same:
+// the first one is the daemon's to free.
 orvd_ctx_t* orvd_init_handle(void) {
-  if (!VSK_INSIST(!orvd_init_handle_done)) return vsk::orvd::g_handle;
+  VSK_INSIST(!orvd_init_handle_done);
   auto* ctx = static_cast<orvd_ctx*>(std::calloc(1, sizeof(orvd_ctx)));
   if (ctx == nullptr) return nullptr;
   ctx->fd = -1;

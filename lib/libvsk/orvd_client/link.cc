@@ -232,6 +232,9 @@ void OnReregisterTimer(wtimer_leaf_t*, void* arg) {
   auto* ctx = static_cast<orvd_ctx*>(arg);
   if (!VSK_INSIST(ctx)) return;
   if (ctx->fd >= 0) return;  // the link is up again
+  // Only a registered daemon is re-registered: one whose first registration failed
+  // retries by itself, and nothing opens the store unasked.
+  if (!ctx->user_reg) return;
   if (orvd_reregister(ctx) != VSK_OK) {
     ORVD_TRACE(ctx, "Start a timer to try to reregister with ORVD");
     wtimer_start_oneshot_precise(ctx->timer_leaf, &ctx->timer_interval, 0);

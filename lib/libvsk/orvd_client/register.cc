@@ -45,6 +45,17 @@ void TellEnvironment(orvd_ctx* ctx) {
   ctx->db_env_change_cbk(env);
 }
 
+// A first registration that fails leaves nothing running: a re-registration timer armed
+// by the failure would open the store behind the daemon's back, which then finds its own
+// retry of orvd_register refused. The timer is made again by the retry.
+vsk_status_t Abandon(orvd_ctx* ctx, vsk_status_t status) {
+  if (ctx->timer_leaf != nullptr) wtimer_destroy(ctx->timer_leaf);
+  ctx->timer_leaf = nullptr;
+  wtimer_root_destroy(ctx->timer_root);
+  ctx->timer_root = nullptr;
+  return status;
+}
+
 // The store, then the interface table: each needs the one before.
 vsk_status_t OpenStore(orvd_ctx* ctx, bool is_orvd) {
   vsk_status_t rc = vsk::store::Init(ctx, is_orvd);
@@ -78,16 +89,19 @@ constexpr uint32_t kPlatdSwitchover = 6;
 }  // namespace
 }  // namespace vsk::orvd
 
+using vsk::orvd::Abandon;
 using vsk::orvd::OpenStore;
 using vsk::orvd::SharedStateReady;
 using vsk::orvd::TellEnvironment;
 
 extern "C" {
 
+// A broken precondition is logged and the registration goes on, except with no handle
+// at all, where going on could only crash.
 vsk_status_t orvd_register(orvd_ctx_t* ctx) {
-  if (!VSK_INSIST(orvd_init_handle_done)) return VSK_ERR_ORVD_FATAL;
+  VSK_INSIST(orvd_init_handle_done);
   if (!VSK_INSIST(ctx)) return VSK_ERR_ORVD_FATAL;
-  if (!VSK_INSIST(!ctx->user_reg)) return VSK_ERR_ORVD_FATAL;
+  VSK_INSIST(!ctx->user_reg);
   if (ctx->issu_enabled && ctx->issu_prepare_cbk == nullptr) return VSK_ERR_ORVD_FATAL;
   if (!vsk::store::Supported()) {
     ORVD_TRACE(ctx, "ORVD not supported on this platform");
@@ -105,17 +119,17 @@ vsk_status_t orvd_register(orvd_ctx_t* ctx) {
 
   int opened = vsk_open_internal(ctx->is_orvd);
   if (ctx->is_orvd) {
-    if (opened != 0) return opened;
+    if (opened != 0) return Abandon(ctx, opened);
   } else {
     if (opened != 0 || !SharedStateReady()) {
       vsk_close_internal();
-      return VSK_ERR_NOT_STARTED;
+      return Abandon(ctx, VSK_ERR_NOT_STARTED);
     }
     vsk_status_t rc = vsk::orvd::ConnectAndRegister(ctx);
     if (rc != VSK_OK) {
       orvd_reg_cleanup(ctx, false, false);
       vsk_close_internal();
-      return rc;
+      return Abandon(ctx, rc);
     }
   }
 
@@ -127,7 +141,7 @@ vsk_status_t orvd_register(orvd_ctx_t* ctx) {
       orvd_reg_cleanup(ctx, false, false);
     }
     vsk_close_internal();
-    return rc;
+    return Abandon(ctx, rc);
   }
   if (ctx->is_orvd) {
     ORVD_TRACE(ctx, "Successfully opened VSK");
@@ -136,7 +150,7 @@ vsk_status_t orvd_register(orvd_ctx_t* ctx) {
       if (rc != VSK_OK) {
         ORVD_TRACE(ctx, "Failed to recover VSK");
         vsk_close_internal();
-        return rc;
+        return Abandon(ctx, rc);
       }
       ORVD_TRACE(ctx, "Successfully recovered secondary table");
     }
@@ -150,7 +164,7 @@ vsk_status_t orvd_register(orvd_ctx_t* ctx) {
 
 vsk_status_t orvd_reregister(orvd_ctx_t* ctx) {
   if (!VSK_INSIST(ctx)) return VSK_ERR_ORVD_FATAL;
-  if (!VSK_INSIST(!ctx->is_orvd)) return VSK_ERR_ORVD_FATAL;
+  VSK_INSIST(!ctx->is_orvd);  // logged; the re-registration goes on as a client's
   if (!vsk::store::Supported()) {
     ORVD_TRACE(ctx, "ORVD not supported on this platform");
     return VSK_ERR_UNSUPPORTED;

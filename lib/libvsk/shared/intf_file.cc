@@ -22,6 +22,11 @@ namespace vsk::shared::intf {
 namespace {
 
 Mapping g_map;
+// The process that holds semaphore 2 for a rebuild, or 0. A pid rather than a flag, so
+// that a process forked meanwhile does not take itself for the holder.
+pid_t g_rebuilding_pid = 0;
+
+bool Rebuilding() { return g_rebuilding_pid != 0 && g_rebuilding_pid == getpid(); }
 
 int CompareInterface(const void* node, const void* key) {
   const char* rec = static_cast<const char*>(node) - offsetof(InterfaceRecord, node);
@@ -118,6 +123,10 @@ uint32_t Allocate(uint32_t size) {
 
 vsk_status_t Lock() {
   if (g_map.base == nullptr) return VSK_ERR_FATAL;
+  if (Rebuilding()) {
+    Header()->lock_pid = g_map.pid;
+    return VSK_OK;
+  }
   if (AcquireLock(VSK_LOCK_HEAP) != 0) return VSK_ERR_FATAL;
   int32_t holder = Header()->lock_pid;
   if (holder != 0) {
@@ -133,9 +142,30 @@ vsk_status_t Lock() {
 }
 
 vsk_status_t Unlock() {
+  if (Rebuilding()) return VSK_OK;  // the rebuild gives the semaphore back at its end
   if (g_map.base != nullptr) Header()->lock_pid = 0;
   return ReleaseLock(VSK_LOCK_HEAP) == 0 ? VSK_OK : VSK_ERR_FATAL;
 }
+
+bool RebuildHold::Acquire() {
+  if (AcquireLock(VSK_LOCK_HEAP) != 0) return false;
+  held_ = true;
+  g_rebuilding_pid = getpid();
+  return true;
+}
+
+void RebuildHold::Mark() {
+  if (held_ && g_map.base != nullptr) Header()->lock_pid = g_map.pid;
+}
+
+vsk_status_t RebuildHold::Release() {
+  if (!held_) return VSK_OK;
+  held_ = false;
+  g_rebuilding_pid = 0;
+  return Unlock();
+}
+
+RebuildHold::~RebuildHold() { Release(); }
 
 vsk_status_t Begin() {
   if (g_map.base == nullptr) {

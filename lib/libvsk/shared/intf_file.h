@@ -11,6 +11,9 @@
 //  3. FileHeader::lock_pid is this process's pid exactly while it is inside an operation;
 //     a non-zero value seen right after taking the semaphore belongs to a dead holder.
 //  4. Offsets kept across an allocation stay valid; addresses do not (growth remaps).
+//  5. While this process rebuilds the table under a RebuildHold, it holds semaphore 2 for
+//     the whole rebuild: the table operations it runs meanwhile neither take nor give
+//     back the semaphore, and lock_pid keeps its mark.
 #pragma once
 
 #include <sys/types.h>
@@ -60,6 +63,25 @@ uint32_t Allocate(uint32_t size);
 vsk_status_t Lock();
 // Clears lock_pid (when mapped) and gives semaphore 2 back. 0 or -1.
 vsk_status_t Unlock();
+
+// Semaphore 2 held by this process across a whole rebuild (see invariant 5): taken by
+// Acquire, given back by the destructor, which clears lock_pid. Not copyable.
+class RebuildHold {
+ public:
+  RebuildHold() = default;
+  ~RebuildHold();
+  RebuildHold(const RebuildHold&) = delete;
+  RebuildHold& operator=(const RebuildHold&) = delete;
+  // Takes semaphore 2. False when it cannot be taken (nothing is held then).
+  bool Acquire();
+  // Marks the table as held by this process (after a format cleared the mark).
+  void Mark();
+  // Gives the semaphore back now. 0, or -1 when the semaphore fails.
+  vsk_status_t Release();
+
+ private:
+  bool held_ = false;
+};
 
 // The common opening of every table operation: mapped, locked, at the file's current
 // size, with this process's functions stored in the interface tree's handle. 0 or the

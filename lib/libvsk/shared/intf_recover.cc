@@ -32,6 +32,7 @@ namespace vsk::shared::intf {
 namespace {
 
 uint32_t* g_recovery_record = nullptr;
+RecoveryJoin g_recovery_join{};
 
 void* MapFile(int fd, int32_t size) {
   void* p = mmap(nullptr, static_cast<size_t>(size), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -40,6 +41,7 @@ void* MapFile(int fd, int32_t size) {
 
 vsk_status_t InitClient() {
   Mapping& m = Map();
+  m.mapped_size = InitialSize();
   std::string path = FilePath();
   if (m.fd >= 0) close(m.fd);
   m.fd = open(path.c_str(), O_RDWR);
@@ -72,6 +74,7 @@ vsk_status_t InitClient() {
 
 vsk_status_t InitOrvd() {
   Mapping& m = Map();
+  // The mapping may have grown since it was made: all of it goes.
   if (m.base != nullptr) {
     if (munmap(m.base, static_cast<size_t>(m.mapped_size)) != 0) {
       VSK_TRACE("Failed to unmap memory, %s", strerror(errno));
@@ -79,6 +82,7 @@ vsk_status_t InitOrvd() {
     }
     m.base = nullptr;
   }
+  m.mapped_size = InitialSize();
   if (m.fd >= 0) close(m.fd);
   std::string path = FilePath();
   platform::MakeDirs(platform::RootedPath(platform::kInterfaceDir));
@@ -136,6 +140,8 @@ void PutCountersInPlace() {
 
 uint32_t* RecoveryCounterRecord() { return g_recovery_record; }
 
+void RegisterRecoveryJoin(const RecoveryJoin& join) { g_recovery_join = join; }
+
 }  // namespace vsk::shared::intf
 
 extern "C" {
@@ -143,7 +149,6 @@ extern "C" {
 vsk_status_t vsk_db_secondary_init(bool is_orvd) {
   Mapping& m = Map();
   if (m.base != nullptr && !is_orvd) return VSK_OK;
-  m.mapped_size = InitialSize();
   m.pid = getpid();
   return is_orvd ? InitOrvd() : InitClient();
 }
@@ -156,13 +161,13 @@ vsk_status_t vsk_db_secondary_recover(void) {
   if (vsk_db_status != nullptr) *vsk_db_status = VSK_DB_STATUS_RECOVERING;
   VSK_TRACE("Recover Secondary Table");
   ResetHeader();
-  // Join: with vsk_debug set, vsk_recover_debug_init() opens the recovery log here.
+  const RecoveryJoin& join = g_recovery_join;
+  if (vsk_debug && join.debug_init != nullptr) join.debug_init();
   PrepareCounters();
 
-  // Join: the session walk, vsk_recover_sessions(vsk_recover_one_session, filter with
-  // flags 3), refills the table and counts into RecoveryCounterRecord(). Until it is
-  // built in, the table is rebuilt empty and the walk counts as done.
-  vsk_status_t walk = VSK_OK;
+  // The session walk refills the table and counts into RecoveryCounterRecord(). A failed
+  // walk is only traced: the store opens with what was rebuilt.
+  vsk_status_t walk = join.walk_sessions != nullptr ? join.walk_sessions() : VSK_OK;
 
   PutCountersInPlace();
   if (walk != VSK_OK) {
@@ -179,7 +184,7 @@ vsk_status_t vsk_db_secondary_recover(void) {
   } else {
     vsk_unit_recovered(VSK_UNIT_POOL_UID);
   }
-  // Join: with vsk_debug set, vsk_recover_debug_end() closes the recovery log here.
+  if (vsk_debug && join.debug_end != nullptr) join.debug_end();
 
   if (uid != VSK_OK) return uid;
   if (vsk_db_status != nullptr) *vsk_db_status = VSK_DB_STATUS_READY;
@@ -191,14 +196,24 @@ vsk_status_t vsk_db_secondary_failcheck(void) {
     VSK_TRACE("Please init API before calling");
     return VSK_ERR_FATAL;
   }
-  if (vsk::shared::AcquireLock(VSK_LOCK_HEAP) != 0) return VSK_ERR_FATAL;
+  RebuildHold hold;
+  if (!hold.Acquire()) return VSK_ERR_FATAL;
   int32_t holder = Header()->lock_pid;
-  if (holder != 0) VSK_TRACE("*** LOCK was still open by pid %d, recover", holder);
-  vsk_status_t rc = Unlock();
-  if (rc != VSK_OK) return rc;
-  if (holder == 0) return rc;
+  if (holder == 0) return hold.Release();
+  VSK_TRACE("*** LOCK was still open by pid %d, recover", holder);
+  // Safe deviation: semaphore 2 stays held from the dead-holder check to the end of the
+  // rebuild, rather than being given back before it. The rebuild shrinks the file and
+  // resets its heap; a client let in meanwhile could die of SIGBUS past the new end of the
+  // file, or write into a heap that the reset then throws away. Holding it is safe: no
+  // process waits for semaphore 2 while it holds another semaphore or a Berkeley DB lock
+  // (the table is only touched after a commit), so the rebuild's own walk of the store
+  // cannot deadlock with a waiter; the walk's table operations see the hold and leave the
+  // semaphore alone.
+  hold.Mark();
   vsk_db_secondary_init(true);
-  return vsk_db_secondary_recover();
+  hold.Mark();  // the format cleared the mark: a death from here on is found again
+  vsk_status_t rc = vsk_db_secondary_recover();
+  return hold.Release() == VSK_OK ? rc : VSK_ERR_FATAL;
 }
 
 vsk_status_t vsk_failcheck(void) { return vsk_db_secondary_failcheck(); }

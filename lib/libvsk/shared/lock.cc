@@ -16,6 +16,7 @@
 
 #include <cstring>
 
+#include "libvsk/base/fault.h"
 #include "libvsk/base/trace.h"
 #include "libvsk/shared/lock_hold.h"
 #include "platform/paths.h"
@@ -30,6 +31,25 @@ constexpr int kMaxAttempts = 1000;
 
 int g_semaphore_set = -1;
 
+// semget and semop through the fault seam.
+int GetSet(key_t key, int flags) {
+  int err;
+  if (fault::Inject(fault::Kind::kSemget, &err)) {
+    errno = err;
+    return -1;
+  }
+  return semget(key, kSemaphoreCount, flags);
+}
+
+int Op(sembuf* op) {
+  int err;
+  if (fault::Inject(fault::Kind::kSemop, &err)) {
+    errno = err;
+    return -1;
+  }
+  return semop(g_semaphore_set, op, 1);
+}
+
 // One semop on semaphore `n` (delta -1 or +1), retried on EINTR. Returns 0 or -1 and sets
 // *attempts to the number of semop calls made.
 int SemaphoreOp(int n, short delta, int* attempts) {
@@ -39,7 +59,7 @@ int SemaphoreOp(int n, short delta, int* attempts) {
   op.sem_flg = SEM_UNDO;
   int count = 0;
   for (;;) {
-    int rc = semop(g_semaphore_set, &op, 1);
+    int rc = Op(&op);
     ++count;
     if (rc == 0) break;
     if (errno != EINTR || count >= kMaxAttempts) {
@@ -61,7 +81,7 @@ int LockInit(bool create) {
     VSK_TRACE("Failed to get semaphore");
     return -1;
   }
-  g_semaphore_set = semget(key, kSemaphoreCount, 0666);
+  g_semaphore_set = GetSet(key, 0666);
   if (g_semaphore_set != -1) {
     VSK_TRACE("semaphore exist");
     return 0;
@@ -71,7 +91,7 @@ int LockInit(bool create) {
     return -1;
   }
   VSK_TRACE("semaphore does not exist");
-  g_semaphore_set = semget(key, kSemaphoreCount, IPC_CREAT | 0666);
+  g_semaphore_set = GetSet(key, IPC_CREAT | 0666);
   if (g_semaphore_set == -1) {
     VSK_TRACE("Failed to init semaphore");
     return -1;

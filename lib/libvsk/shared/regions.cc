@@ -19,6 +19,7 @@
 #include <cstring>
 #include <string>
 
+#include "libvsk/base/fault.h"
 #include "libvsk/base/trace.h"
 #include "libvsk/shared/layout.h"
 #include "platform/paths.h"
@@ -35,7 +36,22 @@ key_t KeyOf(int project) {
   return ftok(key_file.c_str(), project);
 }
 
+// shmget and shmat through the fault seam.
+int FindOrMake(key_t key, size_t size, int flags) {
+  int err;
+  if (fault::Inject(fault::Kind::kShmget, &err)) {
+    errno = err;
+    return -1;
+  }
+  return shmget(key, size, flags);
+}
+
 void* Attach(int id) {
+  int err;
+  if (fault::Inject(fault::Kind::kShmat, &err)) {
+    errno = err;
+    return nullptr;
+  }
   void* base = shmat(id, nullptr, 0);
   return base == reinterpret_cast<void*>(-1) ? nullptr : base;
 }
@@ -49,7 +65,7 @@ int vsk::shared::SharedMemoryInit(bool create) {
   key_t key = KeyOf(kMainProject);
   if (key == -1) return -1;
   bool created = false;
-  int id = shmget(key, kMainSize, 0666);
+  int id = FindOrMake(key, kMainSize, 0666);
   if (id != -1) {
     VSK_TRACE("shared memory exist");
   } else {
@@ -58,7 +74,7 @@ int vsk::shared::SharedMemoryInit(bool create) {
       return -1;
     }
     VSK_TRACE("shared memory does not exist");
-    id = shmget(key, kMainSize, IPC_CREAT | 0666);
+    id = FindOrMake(key, kMainSize, IPC_CREAT | 0666);
     if (id == -1) {
       VSK_TRACE("Failed to create shared memory");
       return -1;
@@ -86,7 +102,7 @@ int vsk::shared::SnapSharedMemoryInit(bool create) {
     return -1;
   }
   bool created = false;
-  int id = shmget(key, kSnapshotSize, 0666);
+  int id = FindOrMake(key, kSnapshotSize, 0666);
   if (id != -1) {
     VSK_TRACE("%s: Snap shared memory exist", kFn);
   } else {
@@ -94,7 +110,7 @@ int vsk::shared::SnapSharedMemoryInit(bool create) {
       VSK_TRACE("Failed to get snapshot shared memory");
       return -1;
     }
-    id = shmget(key, kSnapshotSize, IPC_CREAT | 0666);
+    id = FindOrMake(key, kSnapshotSize, IPC_CREAT | 0666);
     if (id == -1) {
       VSK_TRACE("%s:Failed to get shared memory id %s", kFn, strerror(errno));
       return -1;

@@ -18,8 +18,10 @@
 //  2. Allocation takes from the head and release appends at the tail, so a number is not
 //     reused before the whole free list has turned over.
 //  3. No index beyond the pool's room in the segment is ever touched, whatever `max` says.
-//     An index equal to `max` is let through by release and recover (callers filter first);
-//     it reaches the word just behind the last entry, which still lies in the segment.
+//     An index equal to `max` is let through by release and recover with the status the
+//     pool gives it (callers filter first), but nothing is written for it: its entry would
+//     be the word just behind the pool, the next pool's header or a summary counter. A
+//     release may read that word, which still lies in the segment, to decide its status.
 #include <cstdio>
 #include <cstring>
 
@@ -175,7 +177,8 @@ int vsk_unit_release(uint32_t unit, uint32_t type) {
   // A free entry other than the tail holds a next index. A second release of the current
   // tail is not caught (its entry reads -1) and links it to itself.
   if (pool->entries[i] != kNone) return Unlock(VSK_UNIT_ERR_FREE);
-  if (h.tail < kNone || (h.tail != kNone && static_cast<uint32_t>(h.tail) > Entries(*pool))) {
+  if (i == Entries(*pool)) return Unlock(VSK_UNIT_OK);  // behind the pool: invariant 3
+  if (h.tail < kNone || (h.tail != kNone && static_cast<uint32_t>(h.tail) >= Entries(*pool))) {
     VSK_TRACE("%s: free list tail %d outside pool %d", "vsk_unit_release", h.tail,
               static_cast<int>(type));
     return Unlock(VSK_UNIT_ERR_ARG);
@@ -198,6 +201,7 @@ int vsk_unit_recover(uint32_t unit, uint32_t type) {
   if (pool.header == nullptr) return VSK_UNIT_ERR_ARG;
   uint32_t i = unit - pool.first_unit;
   if (i > Entries(pool)) return VSK_UNIT_ERR_ARG;
+  if (i == Entries(pool)) return VSK_UNIT_OK;  // behind the pool: invariant 3
   pool.entries[i] = kNone;
   return VSK_UNIT_OK;
 }

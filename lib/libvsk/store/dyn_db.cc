@@ -13,6 +13,7 @@
 
 #include <cstring>
 
+#include "libvsk/base/fault.h"
 #include "libvsk/base/status.h"
 #include "libvsk/base/trace.h"
 #include "libvsk/store/dyn_db_internal.h"
@@ -26,6 +27,25 @@ constexpr const char kClientSessionTable[] = "client-session-db";
 // Table open flags by role: the master creates, the standby only reads.
 constexpr uint32_t kMasterOpenFlags = DB_AUTO_COMMIT | DB_THREAD | DB_CREATE;
 constexpr uint32_t kStandbyOpenFlags = DB_AUTO_COMMIT | DB_THREAD | DB_RDONLY;
+
+// The table calls, through the fault seam.
+int Del(DB* db, DB_TXN* txn, DBT* key, uint32_t flags) {
+  int ret;
+  if (fault::Inject(fault::Kind::kDbDel, &ret)) return ret;
+  return db->del(db, txn, key, flags);
+}
+
+int Put(DB* db, DB_TXN* txn, DBT* key, DBT* value, uint32_t flags) {
+  int ret;
+  if (fault::Inject(fault::Kind::kDbPut, &ret)) return ret;
+  return db->put(db, txn, key, value, flags);
+}
+
+int Get(DB* db, DB_TXN* txn, DBT* key, DBT* value, uint32_t flags) {
+  int ret;
+  if (fault::Inject(fault::Kind::kDbGet, &ret)) return ret;
+  return db->get(db, txn, key, value, flags);
+}
 
 uint64_t SessionIdOfKey(const DBT* key) {
   uint32_t words[2] = {0, 0};
@@ -154,7 +174,7 @@ vsk_status_t vsk::store::DynDel(DB* db, DB_TXN* txn, const void* key, vsk_encode
   Encoded<kWriteKeyRoom> k;
   if (!EncodeWriteKey(k, key, key_encoder)) return VSK_ERR_NOMEM;
   DBT kd = KeyDbt(k.data(), k.size());
-  return vsk::base::TranslateError(db->del(db, txn, &kd, flags));
+  return vsk::base::TranslateError(vsk::store::Del(db, txn, &kd, flags));
 }
 
 extern "C" vsk_status_t dyn_db_del(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
@@ -177,7 +197,7 @@ vsk_status_t vsk::store::DynPut(DB* db, DB_TXN* txn, const void* key, vsk_encode
   DBT vd{};
   vd.data = v.data();
   vd.size = v.size();
-  return vsk::base::TranslateError(db->put(db, txn, &kd, &vd, flags));
+  return vsk::base::TranslateError(vsk::store::Put(db, txn, &kd, &vd, flags));
 }
 
 extern "C" vsk_status_t dyn_db_put(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
@@ -197,7 +217,7 @@ vsk_status_t vsk::store::DynGet(DB* db, DB_TXN* txn, const void* key, vsk_encode
   DBT kd = KeyDbt(k.data(), k.size());
   DBT vd{};
   vd.flags = DB_DBT_MALLOC;
-  int ret = db->get(db, txn, &kd, &vd, flags);
+  int ret = vsk::store::Get(db, txn, &kd, &vd, flags);
   if (ret != 0) return vsk::base::TranslateError(ret);
   int used = decoder(out, vd.data, vd.size, mask, mask_len);
   if (used >= 0 && static_cast<uint32_t>(used) == vd.size) return VSK_OK;

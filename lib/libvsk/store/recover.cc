@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "libvsk/base/fault.h"
 #include "libvsk/base/trace.h"
 #include "platform/paths.h"
 #include "vsk/store.h"
@@ -19,11 +20,30 @@ namespace {
 // Room for one file's path, as on the system's own layout; a root adds its length.
 constexpr size_t kPathRoom = 80;
 
+// opendir and unlink through the fault seam.
+DIR* OpenDir(const char* dir) {
+  int err;
+  if (vsk::fault::Inject(vsk::fault::Kind::kOpendir, &err)) {
+    errno = err;
+    return nullptr;
+  }
+  return opendir(dir);
+}
+
+int Unlink(const char* path) {
+  int err;
+  if (vsk::fault::Inject(vsk::fault::Kind::kUnlink, &err)) {
+    errno = err;
+    return -1;
+  }
+  return unlink(path);
+}
+
 // Removes every entry of `dir` (ending in a slash) that is not a directory. "." and ".."
 // are directories and so are never named. 0, or -1 when the directory cannot be read or
 // some file stays.
 vsk_status_t EmptyDirectory(const std::string& dir) {
-  DIR* d = opendir(dir.c_str());
+  DIR* d = OpenDir(dir.c_str());
   if (d == nullptr) {
     VSK_TRACE("could not open dir : %s", dir.c_str());
     return VSK_ERR_FATAL;
@@ -33,7 +53,7 @@ vsk_status_t EmptyDirectory(const std::string& dir) {
   while (dirent* e = readdir(d)) {
     if (e->d_type == DT_DIR) continue;
     std::snprintf(path.data(), path.size(), "%s%s", dir.c_str(), e->d_name);
-    if (unlink(path.data()) != 0) {
+    if (Unlink(path.data()) != 0) {
       VSK_TRACE("Failed to remove %s: %s", path.data(), std::strerror(errno));
       ++not_removed;
     }

@@ -8,6 +8,7 @@
 
 #include <db.h>
 
+#include "libvsk/base/fault.h"
 #include "libvsk/base/status.h"
 #include "libvsk/base/trace.h"
 #include "libvsk/store/context.h"
@@ -42,7 +43,10 @@ vsk_status_t StartTxn(vsk_db_txn_t* block) {
   if (st != VSK_OK) return st;
   DB_TXN* parent = block->parent != nullptr ? block->parent->txn : nullptr;
   DB_ENV* env = Context()->dbenv;
-  int ret = env->txn_begin(env, parent, &block->txn, 0);
+  int ret;
+  if (!fault::Inject(fault::Kind::kTxnBegin, &ret)) {
+    ret = env->txn_begin(env, parent, &block->txn, 0);
+  }
   if (ret != 0) {
     VSK_TRACE("Failed to start transaction: %s", db_strerror(ret));
     block->txn = nullptr;
@@ -52,7 +56,12 @@ vsk_status_t StartTxn(vsk_db_txn_t* block) {
 
 vsk_status_t EndTxn(vsk_db_txn_t* block) {
   if (block->txn == nullptr) return VSK_OK;
-  int ret = block->txn->commit(block->txn, 0);
+  int ret;
+  if (fault::Inject(fault::Kind::kTxnCommit, &ret)) {
+    block->txn->abort(block->txn);  // a failed commit has aborted, as Berkeley DB's does
+  } else {
+    ret = block->txn->commit(block->txn, 0);
+  }
   if (ret != 0) VSK_TRACE("Failed to end transaction: %s\n", db_strerror(ret));
   block->txn = nullptr;
   return vsk::base::TranslateError(ret);

@@ -2,9 +2,8 @@
 // array one step per call.
 //
 // Name lookup: the service's (or client's) `dynamic` tree, then the client's `predefined`
-// tree of values computed on demand. The predefined names themselves (interface unit,
-// addresses in text form, ...) are computed by the dynamic-configuration code when it
-// lands; until then such a name that was never computed is -7, like any absent name.
+// tree of values computed on demand, then the computation of a predefined name
+// (predefined.cc); any other name is -7.
 //
 // The array cursor keeps its state in the handle (vsk/attr_read.h), except `g_saved_level`,
 // the deepest level of the previous pass, which is process-wide: two handles read in turn
@@ -13,6 +12,7 @@
 #include <cstring>
 
 #include "libvsk/base/trace.h"
+#include "libvsk/vsk/dynamic_internal.h"
 #include "libvsk/vsk/snapshot_internal.h"
 #include "vsk/attr_read.h"
 
@@ -123,7 +123,8 @@ vsk_status_t Lookup(vsk_snapshot_handle* h, uint64_t id, const char* name, vsk_a
     *out = reinterpret_cast<vsk_attr_value_t*>(&node->values_first);
     return VSK_OK;
   }
-  return VSK_ERR_NOT_FOUND;
+  // A predefined "kelvo-" name is computed now (for a service too, into the client's tree).
+  return session::Predefined(h, id, name, out);
 }
 
 // A plain or member name: the value of the array instance being read.

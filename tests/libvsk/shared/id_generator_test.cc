@@ -70,35 +70,5 @@ TEST_F(IdGeneratorTest, RecoverOnlyRaises) {
   EXPECT_EQ(id, 0x7FFFFFFFFFFFFFF1ull);
 }
 
-TEST_F(IdGeneratorTest, ConcurrentProcessesDrawUniqueIdsWithoutGaps) {
-  ASSERT_EQ(OpenAsCreator(), 0);
-  constexpr int kWorkers = 4;
-  constexpr int kPerWorker = 2000;
-  ASSERT_TRUE(RunConcurrently(kWorkers, [this](int k) {
-    // Each worker attaches on its own, as a client daemon does.
-    SetProgramName("vsk-client");
-    if (vsk_open_internal(false) != 0) return 1;
-    std::vector<vsk_session_id_t> ids;
-    for (int i = 0; i < kPerWorker; ++i) {
-      vsk_session_id_t id = 0;
-      if (vsk_id_generate(&id) != 0) return 2;
-      ids.push_back(id);
-    }
-    return WriteNumbers(ResultFile(k), ids) ? 0 : 3;
-  }));
-  std::set<vsk_session_id_t> all;
-  for (int k = 0; k < kWorkers; ++k) {
-    auto ids = ReadNumbers<vsk_session_id_t>(ResultFile(k));
-    ASSERT_EQ(ids.size(), size_t{kPerWorker});
-    EXPECT_TRUE(std::is_sorted(ids.begin(), ids.end())) << "ids of one process ascend";
-    all.insert(ids.begin(), ids.end());
-  }
-  ASSERT_EQ(all.size(), size_t{kWorkers * kPerWorker}) << "an id was handed out twice";
-  EXPECT_EQ(*all.begin(), 1u);
-  EXPECT_EQ(*all.rbegin(), vsk_session_id_t{kWorkers * kPerWorker});
-  EXPECT_EQ(vsk_id_get_last(), vsk_session_id_t{kWorkers * kPerWorker});
-  EXPECT_EQ(semctl(SemaphoreSet(), VSK_LOCK_ID, GETVAL), 1);
-}
-
 }  // namespace
 }  // namespace vsk::test

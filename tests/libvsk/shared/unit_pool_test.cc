@@ -1,7 +1,6 @@
-// Unit number pools: the free list in shared memory, recovery, exhaustion, the operator dump
-// and several processes allocating at once; plus the text helpers around unit numbers.
+// Unit number pools in one process: the free list in shared memory, recovery, exhaustion,
+// the bounds, the operator dump; plus the text helpers around unit numbers.
 #include <cstring>
-#include <set>
 #include <string>
 
 #include "shared_fixture.h"
@@ -50,19 +49,12 @@ TEST_F(UnitPoolTest, PoolSizesMatchTheSegmentLayout) {
             uint32_t{VSK_SHM_SUMMARY_COUNTER_OFFSET});
 }
 
-TEST_F(UnitPoolTest, FormattingMarksNothingInUse) {
+TEST_F(UnitPoolTest, RecoveryChainsFreeEntriesInAscendingOrder) {
+  // Formatting marks nothing in use and makes no list yet.
   vsk_unit_init(4, true, VSK_UNIT_POOL_UID);
-  EXPECT_EQ(Uid()->max, 4u);
   EXPECT_EQ(Uid()->head, 0);
   EXPECT_EQ(Uid()->tail, 0);
   for (int i = 0; i < 4; ++i) EXPECT_EQ(Entries()[i], 0);
-  // Attaching without formatting keeps what is there.
-  Uid()->head = 3;
-  vsk_unit_init(4, false, VSK_UNIT_POOL_UID);
-  EXPECT_EQ(Uid()->head, 3);
-}
-
-TEST_F(UnitPoolTest, RecoveryChainsFreeEntriesInAscendingOrder) {
   Listed(4, {1000, 1002});
   EXPECT_EQ(Uid()->head, 1);
   EXPECT_EQ(Entries()[1], 3);
@@ -145,20 +137,54 @@ TEST_F(UnitPoolTest, NumbersOutsideThePoolAreRefused) {
   EXPECT_EQ(Uid()->max, 4u);
 }
 
+// Release and recover let an index equal to `max` through with the status a pool gives
+// it, but its entry would lie behind the pool: in the next pool's header or a counter.
+TEST_F(UnitPoolTest, IndexAtMaxGetsItsStatusButWritesNothingBehindThePool) {
+  struct Case {
+    uint32_t type;
+    int32_t max;
+    uint32_t first;
+    int32_t foreign_offset;  // the word where entry[max] would be
+  } cases[] = {
+      {VSK_UNIT_POOL_IFL, VSK_UNIT_POOL_IFL_MAX, VSK_UNIT_POOL_IFL_FIRST,
+       VSK_SHM_UNIT_POOL1_OFFSET},
+      {VSK_UNIT_POOL_UID, VSK_UNIT_POOL_UID_MAX, VSK_UNIT_POOL_UID_FIRST,
+       VSK_SHM_SUMMARY_COUNTER_OFFSET},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.type);
+    vsk_unit_init(c.max, true, c.type);
+    vsk_unit_recovered(c.type);
+    auto* foreign = static_cast<int32_t*>(vsk_get_shm_ptr(c.foreign_offset));
+    auto* pool = static_cast<PoolWords*>(
+        vsk_get_shm_ptr(c.type == 0 ? VSK_SHM_UNIT_POOL0_OFFSET : VSK_SHM_UNIT_POOL1_OFFSET));
+    const uint32_t at_max = c.first + static_cast<uint32_t>(c.max);
+    for (int32_t word : {0x1234, -1}) {
+      *foreign = word;
+      const int32_t tail = pool->tail;
+      EXPECT_EQ(vsk_unit_recover(at_max, c.type), 0);
+      // A word reading -1 looks like an allocated entry: the release goes through.
+      EXPECT_EQ(vsk_unit_release(at_max, c.type), word == -1 ? 0 : -2);
+      EXPECT_EQ(*foreign, word);
+      EXPECT_EQ(pool->tail, tail) << "the list must not end behind the pool";
+    }
+    *foreign = 0;
+  }
+  EXPECT_EQ(Uid()->max, uint32_t{VSK_UNIT_POOL_UID_MAX});
+}
+
 TEST_F(UnitPoolTest, DetachedPoolIsReportedNotTouched) {
   uint32_t unit = 0;
   EXPECT_EQ(vsk_unit_allocate(&unit, VSK_UNIT_POOL_IFL), -1);
-  EXPECT_TRUE(traces().Contains("vsk_unit_allocate: unit_allocator[type] is NULL"));
   EXPECT_EQ(vsk_unit_release(0x40000000, VSK_UNIT_POOL_IFL), -1);
-  EXPECT_TRUE(traces().Contains("vsk_unit_release: unit_allocator[type] is NULL"));
   vsk_unit_recovered(VSK_UNIT_POOL_IFL);
-  EXPECT_TRUE(traces().Contains("vsk_unit_recovered: unit_allocator[0] is NULL"));
   EXPECT_EQ(Dump(VSK_UNIT_POOL_IFL), "");
-  EXPECT_TRUE(traces().Contains("vsk_dump_pool: unit_allocator[type] is NULL"));
-
+  for (const char* fn : {"vsk_unit_allocate", "vsk_unit_release", "vsk_dump_pool"}) {
+    EXPECT_TRUE(traces().Contains(std::string(fn) + ": unit_allocator[type] is NULL")) << fn;
+  }
+  EXPECT_TRUE(traces().Contains("vsk_unit_recovered: unit_allocator[0] is NULL"));
   Listed(4);
   vsk_unit_allocator_detach(VSK_UNIT_POOL_UID);
-  vsk_unit_allocator_detach(9);  // out of range: nothing happens
   EXPECT_EQ(vsk_unit_allocate(&unit, VSK_UNIT_POOL_UID), -1);
   EXPECT_EQ(Uid()->head, 0);
 }
@@ -176,89 +202,40 @@ TEST_F(UnitPoolTest, InterfacePoolHandsOutUnitsFrom0x40000000) {
   EXPECT_EQ(Uid()->max, 0u);
 }
 
-TEST_F(UnitPoolTest, ConcurrentProcessesGetUniqueUnitsThatComeBack) {
-  Listed(VSK_UNIT_POOL_UID_MAX);
-  constexpr int kWorkers = 3;
-  constexpr int kPerWorker = 3000;
-  ASSERT_TRUE(RunConcurrently(kWorkers, [this](int k) {
-    SetProgramName("vsk-client");
-    if (vsk_open_internal(false) != 0) return 1;
-    vsk_unit_init(VSK_UNIT_POOL_UID_MAX, false, VSK_UNIT_POOL_UID);
-    std::vector<uint32_t> units;
-    for (int i = 0; i < kPerWorker; ++i) {
-      uint32_t unit = 0;
-      if (vsk_unit_allocate(&unit, VSK_UNIT_POOL_UID) != 0) return 2;
-      units.push_back(unit);
-    }
-    if (!WriteNumbers(ResultFile(k), units)) return 3;
-    for (uint32_t unit : units) {
-      if (vsk_unit_release(unit, VSK_UNIT_POOL_UID) != 0) return 4;
-    }
-    return 0;
-  }));
-  std::set<uint32_t> all;
-  for (int k = 0; k < kWorkers; ++k) {
-    for (uint32_t unit : ReadNumbers<uint32_t>(ResultFile(k))) {
-      EXPECT_GE(unit, 1000u);
-      EXPECT_LT(unit, 1000u + VSK_UNIT_POOL_UID_MAX);
-      all.insert(unit);
-    }
+TEST(UnitText, ParseItoaAndInterfaceNames) {
+  // Leading digits only, no sign, no overflow check; null is -1.
+  for (auto [text, value] : {std::pair<const char*, int32_t>{"12ab", 12},
+                             {"ab", 0},
+                             {"", 0},
+                             {nullptr, -1},
+                             {"1073741824", 0x40000000},
+                             {"-5", 0},
+                             {"4294967295", -1}}) {
+    EXPECT_EQ(vsk_unit_parse(text), value) << (text != nullptr ? text : "null");
   }
-  EXPECT_EQ(all.size(), size_t{kWorkers * kPerWorker}) << "a unit was handed out twice";
-  // Every unit is back: the whole pool can be drawn once more, and then it is empty.
-  std::set<uint32_t> again;
-  uint32_t unit = 0;
-  for (int i = 0; i < VSK_UNIT_POOL_UID_MAX; ++i) {
-    ASSERT_EQ(vsk_unit_allocate(&unit, VSK_UNIT_POOL_UID), 0) << i;
-    again.insert(unit);
-  }
-  EXPECT_EQ(again.size(), size_t{VSK_UNIT_POOL_UID_MAX});
-  EXPECT_EQ(vsk_unit_allocate(&unit, VSK_UNIT_POOL_UID), -5);
-}
-
-TEST(UnitText, ParseTakesLeadingDigitsOnly) {
-  EXPECT_EQ(vsk_unit_parse("12ab"), 12);
-  EXPECT_EQ(vsk_unit_parse("ab"), 0);
-  EXPECT_EQ(vsk_unit_parse(""), 0);
-  EXPECT_EQ(vsk_unit_parse(nullptr), -1);
-  EXPECT_EQ(vsk_unit_parse("1073741824"), 0x40000000);
-  EXPECT_EQ(vsk_unit_parse("-5"), 0);  // no sign
-}
-
-TEST(UnitText, ItoaWritesUnsignedDecimal) {
   char text[12];
-  vsk_unit_itoa(0, text);
-  EXPECT_STREQ(text, "0");
-  vsk_unit_itoa(1073741824u, text);
-  EXPECT_STREQ(text, "1073741824");
-  vsk_unit_itoa(0xFFFFFFFFu, text);
-  EXPECT_STREQ(text, "4294967295");
-  EXPECT_EQ(vsk_unit_parse(text), -1);  // wraps back through the unsigned value
-}
-
-TEST(UnitText, InterfaceNameSplitsAtTheLastPoint) {
-  char device[32] = {};
-  char unit[32] = {};
-  vsk_parse_ifd_name("x-0/0/1.100", device, unit);
-  EXPECT_STREQ(device, "x-0/0/1");
-  EXPECT_STREQ(unit, "100");
-
-  std::memset(device, 0, sizeof device);
-  vsk_parse_ifd_name("a.b.c", device, unit);
-  EXPECT_STREQ(device, "a.b");
-  EXPECT_STREQ(unit, "c");
-
-  std::memset(device, 0, sizeof device);
-  std::strcpy(unit, "keep");
-  vsk_parse_ifd_name("ge-1/2/3", device, unit);
-  EXPECT_STREQ(device, "ge-1/2/3");
-  EXPECT_STREQ(unit, "keep");
-
-  std::strcpy(device, "dev");
-  vsk_parse_ifd_name("a", device, unit);
-  vsk_parse_ifd_name(nullptr, device, unit);
-  EXPECT_STREQ(device, "dev");
-  EXPECT_STREQ(unit, "keep");
+  for (uint32_t unit : {0u, 1073741824u, 0xFFFFFFFFu}) {
+    vsk_unit_itoa(unit, text);
+    EXPECT_EQ(std::string(text), std::to_string(unit));
+  }
+  // Split at the last point; without one the unit is left as it was; a name shorter than
+  // two characters writes nothing.
+  struct Case {
+    const char* name;
+    const char* device;
+    const char* unit;
+  } cases[] = {{"x-0/0/1.100", "x-0/0/1", "100"},
+               {"a.b.c", "a.b", "c"},
+               {"ge-1/2/3", "ge-1/2/3", "keep"},
+               {"a", "", "keep"},
+               {nullptr, "", "keep"}};
+  for (const Case& c : cases) {
+    char device[32] = {};
+    char unit[32] = "keep";
+    vsk_parse_ifd_name(c.name, device, unit);
+    EXPECT_STREQ(device, c.device) << (c.name != nullptr ? c.name : "null");
+    EXPECT_STREQ(unit, c.unit);
+  }
 }
 
 }  // namespace

@@ -1,12 +1,9 @@
-// The store's lifecycle through the public interface, with a real environment and real
-// processes: creation by orvd, clients joining, the standby's missing tables, panic,
-// close order, the health gate and the transaction helpers.
+// The store's lifecycle in one process through the public interface, with a real
+// environment: panic, close order, the health gate, the store going down, failures while
+// opening, and replication's queue.
 #include <db.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "libvsk/store/view.h"
 #include "platform/lodex.h"
@@ -28,106 +25,35 @@ class StoreEnvTest : public VskTest {
   orvd_ctx link_{};
 };
 
-TEST_F(StoreEnvTest, OrvdCreatesAndClientsShareRecords) {
-  Child orvd;
-  orvd.Start([](Child::Channel& ch) {
-    orvd_ctx link{};
-    if (InitAs(&link, true, true) != 0) return 1;
-    if (StoreState() != VSK_ENV_READY) return 2;
-    ch.Ready();
-    ch.WaitGo();
-    return vsk_db_close() == 0 ? 0 : 3;
-  });
-  ASSERT_TRUE(orvd.WaitReady());
-
-  auto writer = RunInChild([] {
-    orvd_ctx link{};
-    if (InitAs(&link, false, true) != 0) return 1;
-    if (StoreState() != VSK_ENV_READY) return 2;
-    if (PutRaw(store::View().client_session_db(), 42, std::string(300, 'x')) != 0) return 3;
-    return vsk_db_close() == 0 ? 0 : 4;
-  });
-  EXPECT_TRUE(writer.Ok()) << writer;
-
-  auto reader = RunInChild([] {
-    orvd_ctx link{};
-    if (InitAs(&link, false, true) != 0) return 1;
-    std::string value;
-    if (GetRaw(store::View().client_session_db(), 42, &value) != 0) return 2;
-    if (value != std::string(300, 'x')) return 3;
-    if (GetRaw(store::View().client_session_db(), 43, &value) != VSK_ERR_NOT_FOUND) return 4;
-    return vsk_db_close() == 0 ? 0 : 5;
-  });
-  EXPECT_TRUE(reader.Ok()) << reader;
-
-  orvd.Go();
-  EXPECT_TRUE(orvd.Wait().Ok());
-}
-
-TEST_F(StoreEnvTest, StandbyClientWithoutReplicatedTablesGetsMinus12) {
-  Child orvd;
-  orvd.Start([](Child::Channel& ch) {
-    orvd_ctx link{};
-    // On the standby the creator stops after replication and opens no table.
-    if (InitAs(&link, true, false) != 0) return 1;
-    if (StoreState() != VSK_ENV_REPLICATING) return 2;
-    if (store::View().client_session_db() != nullptr) return 3;
-    ch.Ready();
-    ch.WaitGo();
-    return vsk_db_close() == 0 ? 0 : 4;
-  });
-  ASSERT_TRUE(orvd.WaitReady());
-
-  auto client = RunInChild([] {
-    orvd_ctx link{};
-    if (InitAs(&link, false, false) != VSK_ERR_REP_NOT_STARTED) return 1;
-    if (StoreState() != VSK_ENV_NOT_REPLICATED) return 2;
-    std::string want = std::string("Client databases is not available ") + db_strerror(ENOENT);
-    if (!GlobalTraces().Contains(want)) return 3;
-    // The gate repairs in passing: the link's re-registration finds no shared state.
-    if (vsk_db_check() == VSK_OK) return 4;
-    if (!GlobalTraces().Contains("db env state is invalid 3, re-init")) return 6;
-    return vsk_db_close() == 0 ? 0 : 5;
-  });
-  EXPECT_TRUE(client.Ok()) << client;
-
-  // The replication daemon, like the creator, stops before the tables on the standby.
-  auto lodexd = RunInChild([] {
-    orvd_ctx link{};
-    SetProgramName("lodexd");
-    vsk_db_set_master(false);
-    if (vsk_db_init(&link, false) != 0) return 1;
-    if (StoreState() != VSK_ENV_REPLICATING) return 2;
-    return vsk_db_close() == 0 ? 0 : 3;
-  });
-  EXPECT_TRUE(lodexd.Ok()) << lodexd;
-  orvd.Go();
-  EXPECT_TRUE(orvd.Wait().Ok());
-}
-
+// On the master the panic finds the store ready; on the standby, replicating.
 TEST_F(StoreEnvTest, PanicForgetsEveryHandleAndCloseFails) {
-  auto r = RunInChild([] {
-    orvd_ctx link{};
-    if (InitAs(&link, true, true) != 0) return 1;
-    DB_ENV* env = nullptr;
-    vsk_db_get_dbenv(&env);
-    env->set_flags(env, DB_PANIC_ENVIRONMENT, 1);  // Berkeley DB reports it at once
-    if (StoreState() != VSK_ENV_PANIC || !vsk_in_panic) return 3;
-    if (!GlobalTraces().Contains("DB_EVENT_PANIC happened, state 7")) return 4;
-    GlobalTraces().Clear();
-    if (vsk_db_close() != -1) return 5;
-    if (StoreState() != VSK_ENV_CLOSED) return 6;
-    if (vsk_db_get_orvd_handle() != &link) return 7;
-    if (!GlobalTraces().Contains("Attempting to close VSK on PANIC")) return 8;
-    // No handle was touched: nothing was closed, nothing failed to close.
-    if (GlobalTraces().CountContaining("closed") != 0) return 9;
-    if (GlobalTraces().CountContaining("Failed") != 0) return 10;
-    if (store::View().env() != nullptr) return 11;
-    vsk_db_txn_t txn{};
-    if (vsk_db_start_txn(&txn) == 0 || txn.txn != nullptr) return 2;
-    return 0;
-  });
-  EXPECT_TRUE(r.Ok()) << r;
+  for (bool master : {true, false}) {
+    auto r = RunInChild([master] {
+      orvd_ctx link{};
+      if (InitAs(&link, true, master) != 0) return 1;
+      DB_ENV* env = nullptr;
+      vsk_db_get_dbenv(&env);
+      env->set_flags(env, DB_PANIC_ENVIRONMENT, 1);  // Berkeley DB reports it at once
+      if (StoreState() != VSK_ENV_PANIC || !vsk_in_panic) return 3;
+      if (!GlobalTraces().Contains(master ? "DB_EVENT_PANIC happened, state 7"
+                                          : "DB_EVENT_PANIC happened, state 2")) {
+        return 4;
+      }
+      GlobalTraces().Clear();
+      if (vsk_db_close() != -1) return 5;
+      if (StoreState() != VSK_ENV_CLOSED) return 6;
+      if (vsk_db_get_orvd_handle() != &link) return 7;
+      if (!GlobalTraces().Contains("Attempting to close VSK on PANIC")) return 8;
+      // No handle was touched: nothing was closed, nothing failed to close.
+      if (GlobalTraces().CountContaining("closed") != 0) return 9;
+      if (GlobalTraces().CountContaining("Failed") != 0) return 10;
+      if (store::View().env() != nullptr) return 11;
+      vsk_db_txn_t txn{};
+      if (vsk_db_start_txn(&txn) == 0 || txn.txn != nullptr) return 2;
+      return 0;
+    });
+    EXPECT_TRUE(r.Ok()) << r << (master ? " on the master" : " on the standby");
+  }
 }
 
 TEST_F(StoreEnvTest, CloseOrderAndFinalState) {
@@ -136,11 +62,11 @@ TEST_F(StoreEnvTest, CloseOrderAndFinalState) {
   traces().Clear();
   EXPECT_EQ(vsk_db_close(), 0);
   std::vector<std::string> want = {
-      "closed client database",       "closed service database",
-      "closed auth request database", "closed auth response database",
+      "closed client database",         "closed service database",
+      "closed auth request database",   "closed auth response database",
       "closed dynamic config database", "closed private data database",
-      "closed private data database\n", "closed stats database", "closed dcp provisioning db",
-      "closed environment"};
+      "closed private data database\n", "closed stats database",
+      "closed dcp provisioning db",     "closed environment"};
   EXPECT_EQ(traces().Texts(), want) << traces().Dump();
   EXPECT_EQ(StoreState(), VSK_ENV_CLOSED);
   EXPECT_EQ(vsk_db_get_orvd_handle(), &link_);
@@ -206,40 +132,6 @@ TEST_F(StoreEnvTest, CheckGatesOnRegistrationAndState) {
   EXPECT_TRUE(traces().Contains("db env state is invalid 10, re-init"));
   EXPECT_TRUE(traces().Contains("VSK STATE DOWN"));
   EXPECT_EQ(StoreState(), VSK_ENV_CLOSED);
-}
-
-TEST_F(StoreEnvTest, TransactionHelpersAndAbortRules) {
-  vsk_db_txn_t none{};
-  EXPECT_EQ(vsk_db_abort_txn(&none, -4), 0) << "no transaction, nothing to abort";
-  ASSERT_EQ(InitAs(&link_, true, true), 0);
-  DB* db = store::View().client_session_db();
-
-  vsk_db_txn_t txn{};
-  ASSERT_EQ(vsk_db_start_txn(&txn), 0);
-  ASSERT_NE(txn.txn, nullptr);
-  DB_TXN* held = txn.txn;
-  // -11: the environment is recovering, the handle stays as it is.
-  EXPECT_EQ(vsk_db_abort_txn(&txn, VSK_ERR_RECOVERING), VSK_ERR_RECOVERING);
-  EXPECT_EQ(txn.txn, held);
-
-  // A child transaction commits into its parent; the parent's abort undoes both.
-  vsk_db_txn_t child{};
-  child.parent = &txn;
-  ASSERT_EQ(vsk_db_start_txn(&child), 0);
-  Bytes key = IdKey(7);
-  Bytes val{"seven"};
-  ASSERT_EQ(dyn_db_put(db, child.txn, &key, Bytes::Encode, &val, Bytes::Encode, 0), 0);
-  EXPECT_EQ(vsk_db_end_txn(&child), 0);
-  EXPECT_EQ(child.txn, nullptr);
-  EXPECT_EQ(vsk_db_abort_txn(&txn, VSK_ERR_RETRY), 0);
-  EXPECT_EQ(txn.txn, nullptr);
-  std::string out;
-  EXPECT_EQ(GetRaw(db, 7, &out), VSK_ERR_NOT_FOUND);
-
-  ASSERT_EQ(PutRaw(db, 7, "seven"), 0);
-  EXPECT_EQ(GetRaw(db, 7, &out), 0);
-  EXPECT_EQ(out, "seven");
-  EXPECT_EQ(vsk_db_close(), 0);
 }
 
 int g_env_changes = 0;
@@ -333,61 +225,6 @@ TEST_F(StoreEnvTest, UnsupportedPlatformSkipsReplication) {
   });
   unsetenv("VSK_MODEL_ID");
   EXPECT_TRUE(r.Ok()) << r;
-}
-
-TEST_F(StoreEnvTest, CatastrophicRecoveryEmptiesBothDirectories) {
-  for (const char* f : {"/mfs/var/vsk/vsk.db", "/mfs/var/vsk/__db.001",
-                        "/mfs/var/vsk/shmem/vsk_intf.db"}) {
-    std::ofstream(Path(f)) << "x";
-  }
-  EXPECT_EQ(vsk_recover_catastrophic(), 0) << traces().Dump();
-  EXPECT_FALSE(std::filesystem::exists(Path("/mfs/var/vsk/vsk.db")));
-  EXPECT_FALSE(std::filesystem::exists(Path("/mfs/var/vsk/__db.001")));
-  EXPECT_FALSE(std::filesystem::exists(Path("/mfs/var/vsk/shmem/vsk_intf.db")));
-  EXPECT_TRUE(std::filesystem::is_directory(Path("/mfs/var/vsk/shmem/")))
-      << "directories are not removed";
-}
-
-TEST_F(StoreEnvTest, CatastrophicRecoveryGoesOnPastAnUnreadableStoreDirectory) {
-  // The store home can be passed through but not listed; the interface directory below
-  // it belongs to the unprivileged user the child becomes (root could list anything).
-  constexpr uid_t kNobody = 65534;
-  std::ofstream(Path("/mfs/var/vsk/vsk.db")) << "x";
-  std::ofstream(Path("/mfs/var/vsk/shmem/vsk_intf.db")) << "x";
-  ASSERT_EQ(chmod(root().c_str(), 0755), 0);
-  ASSERT_EQ(chown(Path("/mfs/var/vsk/shmem/").c_str(), kNobody, kNobody), 0);
-  ASSERT_EQ(chmod(Path("/mfs/var/vsk/").c_str(), 0311), 0);
-  auto r = RunInChild([] {
-    if (setgid(kNobody) != 0 || setuid(kNobody) != 0) return 10;
-    if (vsk_recover_catastrophic() != -1) return 1;
-    std::string want = "could not open dir : " + platform::RootedPath("/mfs/var/vsk/");
-    return GlobalTraces().Contains(want) ? 0 : 2;
-  });
-  chmod(Path("/mfs/var/vsk/").c_str(), 0755);
-  EXPECT_TRUE(r.Ok()) << r;
-  EXPECT_TRUE(std::filesystem::exists(Path("/mfs/var/vsk/vsk.db")));
-  EXPECT_FALSE(std::filesystem::exists(Path("/mfs/var/vsk/shmem/vsk_intf.db")))
-      << "the second directory is emptied even though the first failed";
-}
-
-TEST_F(StoreEnvTest, CatastrophicRecoveryCountsFilesItCannotRemove) {
-  constexpr uid_t kNobody = 65534;
-  std::ofstream(Path("/mfs/var/vsk/shmem/vsk_intf.db")) << "x";
-  std::ofstream(Path("/mfs/var/vsk/vsk.db")) << "x";
-  ASSERT_EQ(chmod(root().c_str(), 0755), 0);
-  ASSERT_EQ(chown(Path("/mfs/var/vsk/").c_str(), kNobody, kNobody), 0);
-  // The interface directory stays root's: its file cannot be removed by the child.
-  auto r = RunInChild([] {
-    if (setgid(kNobody) != 0 || setuid(kNobody) != 0) return 10;
-    if (vsk_recover_catastrophic() != -1) return 1;
-    std::string dir = platform::RootedPath("/mfs/var/vsk/shmem/");
-    if (!GlobalTraces().Contains("1 files not removed from " + dir)) return 2;
-    if (GlobalTraces().CountContaining("Failed to remove " + dir + "vsk_intf.db: ") != 1) return 3;
-    return 0;
-  });
-  EXPECT_TRUE(r.Ok()) << r;
-  EXPECT_FALSE(std::filesystem::exists(Path("/mfs/var/vsk/vsk.db")));
-  EXPECT_TRUE(std::filesystem::exists(Path("/mfs/var/vsk/shmem/vsk_intf.db")));
 }
 
 }  // namespace

@@ -1,8 +1,12 @@
 // The interface table across real processes: growth seen by another process, a lock
 // holder killed inside the table, the repair, and clients mapping the file.
 #include <signal.h>
+#include <sys/sem.h>
 #include <unistd.h>
 
+#include <cstdarg>
+#include <cstring>
+#include <fstream>
 #include <string>
 
 #include "intf_fixture.h"
@@ -53,21 +57,28 @@ TEST_F(IntfTest, GrowthInOneProcessIsFollowedByAnother) {
   EXPECT_TRUE(late.Ok()) << late;
 }
 
-TEST_F(IntfTest, HolderKilledInsideTheTableIsDetectedEverywhereAndRepaired) {
-  ASSERT_EQ(vsk_db_interface_add("ae0", 2, 42, 1, 2), 0);
+// A client process that dies between lock and unlock of the table. Its pid.
+pid_t KillAHolderInsideTheTable() {
   Child holder;
   holder.Start([](Child::Channel& ch) {
-    if (MapAsClient() != 0) return 1;
+    vsk::shared::intf::TestSeam::Forget();
+    if (vsk_db_secondary_init(false) != 0) return 1;
     if (vsk::shared::intf::TestSeam::Lock() != 0) return 2;
     ch.Ready();
     ch.WaitGo();  // never told: killed while holding the table
     return 3;
   });
-  ASSERT_TRUE(holder.WaitReady());
+  EXPECT_TRUE(holder.WaitReady());
   pid_t dead = holder.pid();
   holder.Kill(SIGKILL);
   ChildResult end = holder.Wait();
-  ASSERT_EQ(end.signal, SIGKILL) << end;
+  EXPECT_EQ(end.signal, SIGKILL) << end;
+  return dead;
+}
+
+TEST_F(IntfTest, HolderKilledInsideTheTableIsDetectedEverywhereAndRepaired) {
+  ASSERT_EQ(vsk_db_interface_add("ae0", 2, 42, 1, 2), 0);
+  pid_t dead = KillAHolderInsideTheTable();
 
   // Any other process's next call finds the dead holder.
   ChildResult other = RunInChild([] {
@@ -107,6 +118,42 @@ TEST_F(IntfTest, HolderKilledInsideTheTableIsDetectedEverywhereAndRepaired) {
   EXPECT_EQ(vsk_failcheck(), 0);
   EXPECT_FALSE(traces().Contains("Recover Secondary Table"));
   EXPECT_EQ(NumClients("ae0"), 1);
+}
+
+// A client that reaches the table while orvd's repair rebuilds it, started the moment the
+// file has been formatted anew.
+Child* g_late_client = nullptr;
+
+bool Ended(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  size_t close = stat.rfind(')');
+  return close == std::string::npos || stat.compare(close + 2, 1, "Z") == 0;
+}
+
+void StartClientDuringTheRebuild(void*, int, const char* format, ...) {
+  if (std::strcmp(format, "INIT MEMORY") != 0 || g_late_client->pid() > 0) return;
+  g_late_client->Start([](Child::Channel&) { return vsk_db_interface_add("late", 2, 7, 0, 0); });
+  // Until the client has either done its add or is waiting for the table.
+  int set = semget(platform::SemaphoreKey(), 0, 0);
+  for (int i = 0; i < 5000 && !Ended(g_late_client->pid()); ++i) {
+    if (semctl(set, VSK_LOCK_HEAP, GETNCNT) > 0) return;
+    usleep(1000);
+  }
+}
+
+TEST_F(IntfTest, AClientWaitsWhileTheRepairRebuildsTheTable) {
+  KillAHolderInsideTheTable();
+  Child client;
+  g_late_client = &client;
+  vsk_set_trace_cbk(StartClientDuringTheRebuild);
+  EXPECT_EQ(vsk_failcheck(), 0);
+  vsk_set_trace_cbk(CaptureTrace);
+  ASSERT_GT(client.pid(), 0) << "the repair did not format the file";
+  ChildResult r = client.Wait();
+  EXPECT_TRUE(r.Ok()) << r;
+  // Had it gone in before the rebuild's reset, its session would be lost.
+  EXPECT_EQ(NumClients("late"), 1);
 }
 
 TEST_F(IntfTest, HolderKilledDuringALongRunOfOperations) {

@@ -97,6 +97,39 @@ TEST_F(OrvdTest, AnswersARegistrationWithAFullAcknowledgement) {
   close(fd);
 }
 
+TEST_F(OrvdTest, ARefusedDaemonIsNotListed) {
+  ASSERT_TRUE(orvd_.Start());
+  // orvd's store goes down and stays down: the status word says the shared state is being
+  // rebuilt, and orvd's own attempts to open the store again find no directory.
+  ASSERT_EQ(rename(Path("/mfs/var/vsk").c_str(), Path("/mfs/var/vsk.away").c_str()), 0);
+  ASSERT_TRUE(RunInChild([] {
+                if (vsk_open_internal(false) != 0) return 1;
+                *vsk_db_status = VSK_DB_STATUS_RECOVERING;
+                vsk_close_internal();
+                return 0;
+              }).Ok());
+  int fd = Connect();
+  ASSERT_GE(fd, 0);
+  RegisterMsg msg = Registration("refusedd", kRoleMaster);
+  ASSERT_EQ(send(fd, &msg, sizeof msg, 0), static_cast<ssize_t>(sizeof msg));
+  RegisterAckMsg ack{};
+  ASSERT_EQ(recv(fd, &ack, sizeof ack, MSG_WAITALL), static_cast<ssize_t>(sizeof ack));
+  EXPECT_EQ(ack.flags & kAckAccepted, 0);
+  EXPECT_EQ(ack.error, VSK_ERR_NOT_STARTED);
+  // Dropping the connection makes orvd publish its table again.
+  struct stat before {};
+  std::string table = Path("/var/run/orvd_clients");
+  ASSERT_EQ(stat(table.c_str(), &before), 0);
+  close(fd);
+  struct stat after = before;
+  for (int i = 0; i < 500 && after.st_ino == before.st_ino; ++i) {
+    usleep(10 * 1000);
+    stat(table.c_str(), &after);
+  }
+  ASSERT_NE(after.st_ino, before.st_ino) << "orvd did not publish its table";
+  EXPECT_EQ(OrvdProcess::Table().count("refusedd"), 0u);
+}
+
 TEST_F(OrvdTest, MisbehavingClientsAreDroppedWithoutAffectingOthers) {
   ASSERT_TRUE(orvd_.Start());
   // A good client, registered through the library, stays registered throughout.

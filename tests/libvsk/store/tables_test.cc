@@ -43,8 +43,8 @@ class TablesTest : public VskTest {
   }
 
   vsk_status_t PutClient(vsk_session_id_t id, const char* user, uint8_t bits = 0) {
-    vsk_attr_t a{VSK_USER_NAME, static_cast<uint16_t>(std::strlen(user)),
-                 const_cast<char*>(user), nullptr};
+    vsk_attr_t a{VSK_USER_NAME, static_cast<uint16_t>(std::strlen(user)), const_cast<char*>(user),
+                 nullptr};
     vsk_attr_list_t list{&a, &a.next};
     vsk_client_session_t rec{};
     rec.attrs = &list;
@@ -71,8 +71,8 @@ class TablesTest : public VskTest {
       vsk_session_key_t* k = nullptr;
       vsk_session_key_t* n = nullptr;
       vsk_client_session_t* r = nullptr;
-      vsk_status_t st = vsk_db_iterate_client_session(&block, current, next, start, nearest, &k,
-                                                      &n, &r, mask, mask_len);
+      vsk_status_t st = vsk_db_iterate_client_session(&block, current, next, start, nearest, &k, &n,
+                                                      &r, mask, mask_len);
       EXPECT_EQ(block.cursor, nullptr);
       *id = 0;
       if (st == 0 || st == -20) {
@@ -110,8 +110,7 @@ TEST_F(TablesTest, SessionRecordsRoundTripPerTable) {
   ASSERT_EQ(PutClient(7, "alice", 0x03), 0);
   vsk_session_id_t id = 7;
   vsk_client_session_t* c = nullptr;
-  ASSERT_EQ(InTxn([&](vsk_db_txn_t* t) { return vsk_db_get_client_session(t, &id, &c, true); }),
-            0);
+  ASSERT_EQ(InTxn([&](vsk_db_txn_t* t) { return vsk_db_get_client_session(t, &id, &c, true); }), 0);
   ASSERT_NE(c, nullptr);
   EXPECT_EQ(c->dynamic_id, 7u);
   EXPECT_EQ(c->config_bits_len, 1);
@@ -123,15 +122,12 @@ TEST_F(TablesTest, SessionRecordsRoundTripPerTable) {
   EXPECT_EQ(vsk_db_get_client_attr_by_type(&a, nullptr, VSK_PROFILE_NAME), -6);
   vsk_db_release_client_session(c, true);
 
-  EXPECT_EQ(InTxn([&](vsk_db_txn_t* t) {
-              return vsk_db_client_session_record_exists(t, &id, true);
-            }),
-            0);
+  EXPECT_EQ(
+      InTxn([&](vsk_db_txn_t* t) { return vsk_db_client_session_record_exists(t, &id, true); }), 0);
   ASSERT_EQ(DelClient(7), 0);
-  EXPECT_EQ(InTxn([&](vsk_db_txn_t* t) {
-              return vsk_db_client_session_record_exists(t, &id, false);
-            }),
-            -7);
+  EXPECT_EQ(
+      InTxn([&](vsk_db_txn_t* t) { return vsk_db_client_session_record_exists(t, &id, false); }),
+      -7);
   EXPECT_EQ(InTxn([&](vsk_db_txn_t* t) { return vsk_db_get_client_session(t, &id, &c, false); }),
             -7);
   EXPECT_EQ(c, nullptr);
@@ -166,34 +162,18 @@ TEST_F(TablesTest, SessionRecordsRoundTripPerTable) {
   auth.attrs = &al;
   vsk_auth_info_t* ao = nullptr;
   ASSERT_EQ(InTxn([&](vsk_db_txn_t* t) { return vsk_db_put_auth_request(t, &id, &auth); }), 0);
-  EXPECT_EQ(InTxn([&](vsk_db_txn_t* t) {
-              return vsk_db_auth_response_record_exists(t, &id, false);
-            }),
-            -7);
-  ASSERT_EQ(InTxn([&](vsk_db_txn_t* t) { return vsk_db_get_auth_request(t, &id, &ao, false); }),
-            0);
+  EXPECT_EQ(
+      InTxn([&](vsk_db_txn_t* t) { return vsk_db_auth_response_record_exists(t, &id, false); }),
+      -7);
+  ASSERT_EQ(InTxn([&](vsk_db_txn_t* t) { return vsk_db_get_auth_request(t, &id, &ao, false); }), 0);
   EXPECT_EQ(ao->attrs->first->type, 200);
   vsk_db_release_auth_info(ao, true);
-
-  // Dynamic configuration keeps names, tags and values.
-  char name[] = "kelvo-filter";
-  vsk_dyn_attr_t d{nullptr, name, 6, (void*)"in-01", VSK_ARRAY_START_TLV};
-  vsk_dyn_attr_list_t dl{&d, &d.next};
-  vsk_dynamic_config_t dyn{};
-  dyn.attrs = &dl;
-  vsk_dynamic_config_t* dyo = nullptr;
-  ASSERT_EQ(InTxn([&](vsk_db_txn_t* t) { return vsk_db_put_dynamic_config(t, &id, &dyn); }), 0);
-  ASSERT_EQ(
-      InTxn([&](vsk_db_txn_t* t) { return vsk_db_get_dynamic_config(t, &id, &dyo, false); }), 0);
-  EXPECT_STREQ(dyo->attrs->first->name, "kelvo-filter");
-  EXPECT_EQ(dyo->attrs->first->array_tag, VSK_ARRAY_START_TLV);
-  EXPECT_STREQ(static_cast<char*>(dyo->attrs->first->value), "in-01");
-  vsk_db_release_dynamic_config(dyo, true);
 }
 
 TEST_F(TablesTest, CorruptRowGivesMinus5AndNothingLeaks) {
   vsk_session_id_t id = 5;
-  std::string junk = std::string("\x01\x00", 2) + std::string("\x00\x00\x00\x00\xff\x00\x00\x00", 8);
+  std::string junk =
+      std::string("\x01\x00", 2) + std::string("\x00\x00\x00\x00\xff\x00\x00\x00", 8);
   DBT k{}, v{};
   k.data = &id, k.size = 8;
   v.data = junk.data(), v.size = static_cast<uint32_t>(junk.size());
@@ -213,11 +193,9 @@ TEST_F(TablesTest, PrivateAndApplicationDefinedData) {
   ASSERT_EQ(InTxn([&](vsk_db_txn_t* t) { return vsk_db_put_app_pri_data(t, &pk, &data); }), 0);
   vsk_app_pri_key_t other{11, 4};
   vsk_app_data_t* out = nullptr;
-  EXPECT_EQ(
-      InTxn([&](vsk_db_txn_t* t) { return vsk_db_get_app_pri_data(t, &other, &out, false); }),
-      -7);
-  ASSERT_EQ(InTxn([&](vsk_db_txn_t* t) { return vsk_db_get_app_pri_data(t, &pk, &out, true); }),
-            0);
+  EXPECT_EQ(InTxn([&](vsk_db_txn_t* t) { return vsk_db_get_app_pri_data(t, &other, &out, false); }),
+            -7);
+  ASSERT_EQ(InTxn([&](vsk_db_txn_t* t) { return vsk_db_get_app_pri_data(t, &pk, &out, true); }), 0);
   EXPECT_EQ(std::string(static_cast<char*>(out->data), out->length), "hello");
   vsk_db_release_app_pri_data(out, true);
   EXPECT_EQ(InTxn([&](vsk_db_txn_t* t) { return vsk_db_del_app_pri_data(t, &pk); }), 0);
@@ -275,8 +253,7 @@ TEST_F(TablesTest, ClientTableWalksInNumericIdOrder) {
     ASSERT_EQ(PutClient(id, "u"), 0);
   }
   Walk w;
-  EXPECT_EQ(w.Rest(),
-            (std::vector<vsk_session_id_t>{1, 2, 256, 0x1ff00ull, 0x100000000ull}));
+  EXPECT_EQ(w.Rest(), (std::vector<vsk_session_id_t>{1, 2, 256, 0x1ff00ull, 0x100000000ull}));
   // A finished walk returns -7 without touching the table.
   vsk_session_key_t* k = nullptr;
   vsk_session_key_t* n = nullptr;
@@ -356,10 +333,9 @@ TEST_F(TablesTest, WalkFiltersByConfigBits) {
 TEST_F(TablesTest, TriggerSyncLeavesNoRecord) {
   EXPECT_EQ(vsk_trigger_sync(), 0);
   vsk_session_id_t zero = 0;
-  EXPECT_EQ(InTxn([&](vsk_db_txn_t* t) {
-              return vsk_db_client_session_record_exists(t, &zero, false);
-            }),
-            -7);
+  EXPECT_EQ(
+      InTxn([&](vsk_db_txn_t* t) { return vsk_db_client_session_record_exists(t, &zero, false); }),
+      -7);
 }
 
 }  // namespace

@@ -34,9 +34,8 @@ Bytes Encode(Fn fn, const void* rec) {
 
 // A decoder gets a heap copy, as Berkeley DB would hand it; returns the caller's status.
 template <typename Rec>
-vsk_status_t Decode(int (*fn)(void*, void*, uint32_t, const uint8_t*, uint16_t),
-                    const Bytes& bytes, Rec** out, const uint8_t* mask = nullptr,
-                    uint16_t mask_len = 0) {
+vsk_status_t Decode(int (*fn)(void*, void*, uint32_t, const uint8_t*, uint16_t), const Bytes& bytes,
+                    Rec** out, const uint8_t* mask = nullptr, uint16_t mask_len = 0) {
   void* raw = std::malloc(bytes.empty() ? 1 : bytes.size());
   if (!bytes.empty()) std::memcpy(raw, bytes.data(), bytes.size());
   *out = nullptr;
@@ -116,8 +115,8 @@ TEST_F(RecordCodecTest, ClientSectionsInOrderWithFixedBitsLength) {
   vsk_attr_t* n = back->attrs->first;
   ASSERT_NE(n, nullptr);
   EXPECT_EQ(n->type, 36);
-  EXPECT_EQ(static_cast<uint8_t*>(n->value), static_cast<uint8_t*>(back->raw) + 2 + 8 + 26 +
-                                                  8 + 6 + 8 + 4)
+  EXPECT_EQ(static_cast<uint8_t*>(n->value),
+            static_cast<uint8_t*>(back->raw) + 2 + 8 + 26 + 8 + 6 + 8 + 4)
       << "values point into the raw buffer";
   ASSERT_NE(n->next, nullptr);
   EXPECT_EQ(std::memcmp(n->next->value, "bob", 3), 0);
@@ -265,6 +264,48 @@ vsk_status_t DecodeAny(int kind, const Bytes& b) {
     }
   }
   return st;
+}
+
+// Inner lengths exactly at the edge of what holds them decode; one byte more is a corrupt
+// record, also where the record goes on behind them.
+TEST_F(RecordCodecTest, InnerLengthsAreBoundedToTheByte) {
+  auto dynamic_id = [](Bytes& b) { U32(b, 6), U32(b, 8), U64(b, 9); };
+  auto attrs = [&](uint16_t declared) {  // one attribute of 3 bytes, then section 6
+    Bytes b;
+    U16(b, 1), U32(b, 0), U32(b, 7);
+    U16(b, 17), U16(b, declared), b.insert(b.end(), {'b', 'o', 'b'});
+    dynamic_id(b);
+    return b;
+  };
+  auto ids = [&](uint16_t count, size_t id_bytes) {  // the service ids end the record
+    Bytes b;
+    U16(b, 1);
+    dynamic_id(b);
+    U32(b, 1), U32(b, static_cast<uint32_t>(2 + id_bytes)), U16(b, count);
+    b.insert(b.end(), id_bytes, 0x5a);
+    return b;
+  };
+  auto dyn = [](uint32_t declared) {  // "a", tag 2, value "xy" and its NUL
+    Bytes b;
+    U16(b, 1), U32(b, 5), U32(b, 2 + 2 + 4 + 2 + 1);
+    b.insert(b.end(), {'a', 0}), U16(b, 2), U32(b, declared);
+    b.insert(b.end(), {'x', 'y', 0});
+    return b;
+  };
+  struct Case {
+    const char* what;
+    int kind;  // as DecodeAny
+    Bytes bytes;
+    vsk_status_t want;
+  } cases[] = {
+      {"attribute filling its section", 0, attrs(3), 0},
+      {"attribute one byte past its section", 0, attrs(4), -5},
+      {"ids filling the record", 0, ids(2, 16), 0},
+      {"one id more than the record holds", 0, ids(3, 23), -5},
+      {"dynamic value filling its entry", 3, dyn(2), 0},
+      {"dynamic value one byte past its entry", 3, dyn(3), -5},
+  };
+  for (const Case& c : cases) EXPECT_EQ(DecodeAny(c.kind, c.bytes), c.want) << c.what;
 }
 
 TEST_F(RecordCodecTest, EveryTruncatedPrefixFailsCleanly) {

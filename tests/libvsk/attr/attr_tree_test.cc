@@ -99,7 +99,7 @@ TEST_F(AttrTreeTest, RepeatedValuesKeepInsertionOrderAndFlattenSorts) {
 TEST_F(AttrTreeTest, ReplaceAndDeleteByValueAndBlind) {
   Load({{17, "bob"}, {17, "carol"}, {20, "gold"}, {36, "\x01"}});
   Updates& u = NewUpdates();
-  u.Add(17, VSK_ATTR_ACTION_ADD_OR_REPLACE, "carol", "dave")  // by value
+  u.Add(17, VSK_ATTR_ACTION_ADD_OR_REPLACE, "carol", "dave")       // by value
       .Add(20, VSK_ATTR_ACTION_ADD_OR_REPLACE, nullptr, "silver")  // blind
       .Add(22, VSK_ATTR_ACTION_ADD_OR_REPLACE, nullptr, "m")       // absent: created
       .Add(36, VSK_ATTR_ACTION_DELETE, nullptr)                    // blind delete
@@ -121,6 +121,35 @@ TEST_F(AttrTreeTest, ReplaceAndDeleteByValueAndBlind) {
   n.Add(20, VSK_ATTR_ACTION_ADD_OR_REPLACE, nullptr, nullptr);
   ASSERT_EQ(vsk_update_session(tree_, n.list()), 0);
   EXPECT_EQ(Flatten(tree_).back(), (std::pair<int, std::string>{20, "<null>"}));
+}
+
+// A value taken out of the first, middle or last place leaves a list that later values
+// are appended to in order, by a tree edit or by an update list alike.
+TEST(AttrTreeValues, RemovingAnyValueKeepsTheListAppendable) {
+  static const uint16_t kType = 17;
+  for (const char* gone : {"a", "b", "c"}) {
+    SCOPED_TRACE(gone);
+    Flat want;
+    for (const char* v : {"a", "b", "c", "d"}) {
+      if (std::strcmp(v, gone) != 0) want.emplace_back(kType, v);
+    }
+    patricia_root_t* tree = vsk_attr_tree_create();
+    for (const char* v : {"a", "b", "c"})
+      ASSERT_EQ(vsk_attr_tree_add(tree, 2, &kType, 1, v, false), 0);
+    ASSERT_EQ(vsk_attr_tree_remove(tree, 2, &kType, 1, gone, true), 0);
+    ASSERT_EQ(vsk_attr_tree_add(tree, 2, &kType, 1, "d", false), 0);
+    EXPECT_EQ(Flatten(tree), want);
+    vsk_attr_tree_free(tree);
+
+    tree = vsk_attr_tree_create();
+    for (const char* v : {"a", "b", "c"})
+      ASSERT_EQ(vsk_attr_tree_add(tree, 2, &kType, 1, v, false), 0);
+    Updates u;
+    u.Add(kType, VSK_ATTR_ACTION_DELETE, gone).Add(kType, VSK_ATTR_ACTION_ADD_OR_APPEND, "d");
+    ASSERT_EQ(vsk_update_session(tree, u.list()), 0);
+    EXPECT_EQ(Flatten(tree), want);
+    vsk_attr_tree_free(tree);
+  }
 }
 
 TEST_F(AttrTreeTest, ErrorsStopTheListWithTheirTraces) {
@@ -158,9 +187,9 @@ TEST_F(AttrTreeTest, OwnedValuesAreFreedWithTheTree) {
   for (int i = 0; i < 3; ++i) {
     char* key = strdup("kelvo-computed");
     char* val = strdup("v");
-    ASSERT_EQ(vsk_attr_tree_add(tree_, static_cast<uint16_t>(std::strlen(key) + 1), key, 2, val,
-                                true),
-              0);
+    ASSERT_EQ(
+        vsk_attr_tree_add(tree_, static_cast<uint16_t>(std::strlen(key) + 1), key, 2, val, true),
+        0);
   }
   char* key = strdup("kelvo-computed");
   EXPECT_EQ(vsk_attr_tree_remove(tree_, 15, key, 2, "v", true), 0);
@@ -269,13 +298,13 @@ TEST_F(ConfigBitsTest, StoreOnAnExistingMaskIsIgnoredUnlessThisCallAllocated) {
   EXPECT_EQ(Get(), m2);
   // A different length is refused; a wrong type or action too.
   EXPECT_EQ(Apply({Entry(VSK_ATTR_ACTION_ADD_OR_REPLACE, {1, 2, 3})}), -6);
-  EXPECT_TRUE(traces().Contains("vsk_update_info_section: Length must be the same for info_attrs 3"));
+  EXPECT_TRUE(
+      traces().Contains("vsk_update_info_section: Length must be the same for info_attrs 3"));
   auto bad = Entry(VSK_ATTR_ACTION_SET_BITS, m);
   bad.type = 17;
   EXPECT_EQ(Apply({bad}), -6);
   EXPECT_EQ(Apply({Entry(VSK_ATTR_ACTION_DELETE_ARRAY, m)}), -6);
-  EXPECT_EQ(traces().CountContaining("Failed to add attributes to patricia tree during update"),
-            2);
+  EXPECT_EQ(traces().CountContaining("Failed to add attributes to patricia tree during update"), 2);
   // Store into no mask with length 0 does nothing; with a length it allocates.
   ASSERT_EQ(Apply({Entry(VSK_ATTR_ACTION_DELETE, {})}), 0);
   EXPECT_EQ(bits_, nullptr);
