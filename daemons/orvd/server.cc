@@ -150,6 +150,8 @@ bool Server::Dispatch(Connection* conn) {
       HandleRegister(conn, msg);
     } else if (type == ORVD_MSG_ISSU_STATE) {
       HandleIssuState(conn, msg);
+    } else if (type == ORVD_MSG_ISSU_CONTROL) {
+      issu_.OnControl(conn, msg);
     } else if (!conn->registered) {
       Log("message %u from a client that has not registered", type);
     } else if (type == ORVD_MSG_RECOVERY_COMPLETE) {
@@ -189,6 +191,7 @@ void Server::HandleRegister(Connection* conn, vsk::base::ByteReader raw) {
       it->second.connected = false;
       it->second.last_status = msg.status;
     }
+    issu_.OnGone(name, "left");
     conn->registered = false;
     WriteTable();
     return;
@@ -211,6 +214,7 @@ void Server::HandleRegister(Connection* conn, vsk::base::ByteReader raw) {
   conn->name = name;
   Log("registered %s (pid %d, %s)", name.c_str(), msg.pid,
       msg.role == kRoleMaster ? "master" : "standby");
+  issu_.OnRegister(name, msg.pid, msg.issu_enabled != 0, entry.issu_state);
   WriteTable();
   SendAck(conn, true, 0, entry.issu_state);
 }
@@ -218,7 +222,7 @@ void Server::HandleRegister(Connection* conn, vsk::base::ByteReader raw) {
 void Server::HandleIssuState(Connection* conn, vsk::base::ByteReader raw) {
   IssuStateMsg msg;
   if (!raw.Get(&msg)) return;
-  if (!conn->registered) return;
+  if (!conn->registered || !issu_.OnAnswer(conn->name, msg.issu_info)) return;
   table_[conn->name].issu_state = msg.issu_info.state;
   WriteTable();
 }
@@ -259,6 +263,7 @@ void Server::Drop(Connection* conn, const char* why) {
   if (conn->registered) {
     table_[conn->name].connected = false;
     ++lost_registered_;
+    issu_.OnGone(conn->name, "was lost");
   }
   __evDeselectFD(ev_, conn->id);
   close(conn->fd);

@@ -25,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "issu.h"
 #include "libvsk/base/byte_reader.h"
 #include "platform/evlib.h"
 #include "platform/wtimer.h"
@@ -95,6 +96,14 @@ class Server {
   // Registered clients whose connection ended without their leaving message (they died).
   uint64_t LostWhileRegistered() const { return lost_registered_; }
 
+  // Upgrades (issu.cc): the chassis state becomes `state`; it goes to the registered
+  // clients named (their table state back to 0 with `reset_states`) and to every later
+  // registrant in its acknowledgement.
+  void RelayPlatdIssuState(uint32_t state, const std::vector<std::string>& names,
+                           bool reset_states);
+  // Sends all of `data` or drops the connection (`why`). False when dropped.
+  bool SendOrDrop(Connection* conn, const void* data, size_t size, const char* why);
+
  private:
   static void OnAccept(evContext ctx, void* uap, int fd, int mask);
   static void OnReadable(evContext ctx, void* uap, int fd, int mask);
@@ -125,6 +134,7 @@ class Server {
   std::map<std::string, DaemonEntry> table_;
   uint32_t platd_issu_state_ = 0;
   uint64_t lost_registered_ = 0;
+  IssuCoordinator issu_{*this};
 };
 
 // orvd's log: the trace callback of the link and the server's own messages.
