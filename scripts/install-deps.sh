@@ -2,7 +2,7 @@
 # Installs the Debian packages the build needs, only those that are missing.
 set -euo pipefail
 pkgs=(cmake make g++ pkg-config libdb5.3-dev libgtest-dev googletest libgmock-dev
-      libbenchmark-dev libevent-dev libcli11-dev)
+      libbenchmark-dev libevent-dev libsystemd-dev libcli11-dev nlohmann-json3-dev)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

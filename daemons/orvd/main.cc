@@ -17,6 +17,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <syslog.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -63,6 +64,7 @@ void WatchSignals(sigset_t set) {
     if (sigwait(&set, &sig) != 0) continue;
     if (!g_stopping.exchange(true)) {
       Log("signal %d, shutting down", sig);
+      sd_notify(0, "STOPPING=1");
       StartWatchdog();
       char c = 's';
       (void)!write(g_stop_pipe[1], &c, 1);
@@ -161,6 +163,8 @@ int main(int argc, char** argv) {
     } else {
       keeper.Publish(server);
       Log("ready");
+      // Under systemd, units ordered after orvd start only now, with the store open.
+      sd_notify(0, "READY=1");
       if (!g_stopping) evMainLoop(g_ev);
     }
     if (!g_stopping.exchange(true)) StartWatchdog();

@@ -251,6 +251,8 @@ bool Server::Dispatch(Connection* conn) {
       HandleRegister(conn, msg);
     } else if (type == ORVD_MSG_ISSU_STATE) {
       HandleIssuState(conn, msg);
+    } else if (type == ORVD_MSG_ISSU_CONTROL) {
+      issu_.OnControl(conn, msg);
     } else if (!conn->registered) {
       Log("message %u from a client (pid %d) that has not registered", type,
           static_cast<int>(conn->peer_pid));
@@ -284,6 +286,7 @@ void Server::HandleRegister(Connection* conn, vsk::base::ByteReader raw) {
   }
   if (msg.role == kRoleLeaving) {
     Log("%s (pid %d) leaves with status %d", name.c_str(), msg.pid, msg.status);
+    if (conn->registered) issu_.OnGone(conn->name, "left");
     if (conn->has_row) {
       conn->role = kRoleLeaving;
       conn->registered = false;
@@ -345,6 +348,7 @@ void Server::CompleteRegister(Connection* conn, vsk::base::ByteReader raw) {
   conn->told_down = false;
   conn->has_row = true;
   Remember(name, issu);
+  issu_.OnRegister(name, msg.pid, msg.issu_enabled != 0, issu);
   ++figures_.registrations;
   Log("registered %s (pid %d, %s)", name.c_str(), msg.pid,
       msg.role == kRoleMaster ? "master" : "standby");
@@ -355,7 +359,7 @@ void Server::CompleteRegister(Connection* conn, vsk::base::ByteReader raw) {
 void Server::HandleIssuState(Connection* conn, vsk::base::ByteReader raw) {
   IssuStateMsg msg;
   if (!raw.Get(&msg)) return;
-  if (!conn->registered) return;
+  if (!conn->registered || !issu_.OnAnswer(conn->name, msg.issu_info)) return;
   conn->issu_state = msg.issu_info.state;
   Remember(conn->name, conn->issu_state);
   TableChanged();
@@ -415,7 +419,10 @@ void Server::Drop(Connection* conn, const char* why) {
   if (it == conns_.end()) return;
   Log("dropping %s (pid %d): %s", conn->has_row ? conn->name.c_str() : "client",
       static_cast<int>(conn->peer_pid), why);
-  if (conn->registered) ++lost_registered_;  // gone without its leaving message
+  if (conn->registered) {  // gone without its leaving message
+    ++lost_registered_;
+    issu_.OnGone(conn->name, "was lost");
+  }
   __evDeselectFD(ev_, conn->id);
   close(conn->fd);
   pending_.erase(std::remove_if(pending_.begin(), pending_.end(),

@@ -37,7 +37,9 @@
 #include <string>
 #include <vector>
 
+#include "issu.h"
 #include "libvsk/base/byte_reader.h"
+#include "log.h"
 #include "platform/evlib.h"
 #include "platform/wtimer.h"
 
@@ -135,6 +137,14 @@ class Server {
   // Connections told by BroadcastStoreDown that are still open.
   size_t ToldStillOpen() const;
 
+  // Upgrades (issu.cc): the chassis state becomes `state`; it goes to the registered
+  // clients named (their table state back to 0 with `reset_states`) and to every later
+  // registrant in its acknowledgement.
+  void RelayPlatdIssuState(uint32_t state, const std::vector<std::string>& names,
+                           bool reset_states);
+  // Sends all of `data` or drops the connection (`why`). False when dropped.
+  bool SendOrDrop(Connection* conn, const void* data, size_t size, const char* why);
+
   // Answers the registrations waiting for their check (called when a check ends, and
   // every tick).
   void AnswerPendingJoins();
@@ -196,6 +206,7 @@ class Server {
   uint32_t platd_issu_state_ = 0;
   uint64_t lost_registered_ = 0;
   ServerFigures figures_;
+  IssuCoordinator issu_{*this};
 };
 
 // A daemon's name as published: at most 63 bytes up to the first NUL, every byte outside

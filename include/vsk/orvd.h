@@ -26,7 +26,28 @@ typedef struct __attribute__((packed)) vsk_issu_info {
   char err_text[VSK_ISSU_ERR_TEXT_LEN];
 } vsk_issu_info_t;
 
-/* The block an ISSU callback fills in. */
+/* The daemon's own ISSU states (issu_info.state). */
+enum {
+  ISSU_DAEMON_IDLE = 0,             /* nothing going on */
+  ISSU_DAEMON_PREPARE_WAIT = 1,     /* prepare under way, not ready yet */
+  ISSU_DAEMON_PREPARE_READY = 2,    /* ready for switchover */
+  ISSU_DAEMON_SWITCHOVER_WAIT = 3,  /* switchover under way, not ready yet */
+  ISSU_DAEMON_SWITCHOVER_READY = 4, /* switchover done here */
+  ISSU_DAEMON_ABORT_WAIT = 5        /* abort under way */
+};
+
+/* The chassis daemon's states as orvd relays them; 3 and 4 are not expected. */
+enum {
+  ISSU_PLATD_IDLE = 0,            /* no upgrade, or it ended */
+  ISSU_PLATD_PREPARE = 1,         /* daemons are to prepare */
+  ISSU_PLATD_PREPARE_DONE = 2,    /* the prepare phase has finished */
+  ISSU_PLATD_SWITCHOVER = 5,      /* daemons are to switch over */
+  ISSU_PLATD_SWITCHOVER_DONE = 6, /* finished; session operations are refused with -27 */
+  ISSU_PLATD_ABORT = 7            /* the upgrade is called off */
+};
+
+/* The block an ISSU callback fills in: `wait` to ask for time (unit agreed with orvd),
+ * `text` a reason. Both are cleared before each callback. */
 typedef struct vsk_issu_cbk_block {
   uint32_t wait;
   char text[VSK_ISSU_ERR_TEXT_LEN];
@@ -108,6 +129,22 @@ VSK_EXPORT void orvd_poll_check(orvd_ctx_t *ctx);
 VSK_EXPORT vsk_status_t orvd_send_recovery_complete(orvd_ctx_t *ctx);
 /* Asks orvd to push replication. REQUIRES: ctx not null. */
 VSK_EXPORT vsk_status_t orvd_send_replication_request(orvd_ctx_t *ctx);
+
+/* ---- ISSU answers ----------------------------------------------------------------
+ * The callbacks run in the message reader's context and may call these directly, though
+ * the usual way is to fill in the block and return. Each returns 0, the status of the
+ * send, or VSK_ERR_ORVD_FATAL (-25) for a null handle or a state that does not allow it;
+ * a refused call traces why and sends nothing. */
+
+/* The daemon has finished what it asked time for: prepare wait becomes prepare ready,
+ * switchover wait becomes switchover ready, abort wait becomes idle. */
+VSK_EXPORT vsk_status_t orvd_send_issu_state_ready(orvd_ctx_t *ctx);
+/* Asks for more time in a wait state in which it asked for time before (wait not 0).
+ * A null or empty `text` keeps the previous reason; longer texts are cut to 127. */
+VSK_EXPORT vsk_status_t orvd_send_issu_wait_extend(orvd_ctx_t *ctx, uint32_t wait,
+                                                   const char *text);
+/* Calls the upgrade off; only while preparing and not ready (prepare wait). */
+VSK_EXPORT vsk_status_t orvd_send_issu_abort(orvd_ctx_t *ctx, uint32_t wait, const char *text);
 
 /* The daemon's ISSU state and the chassis daemon's, as last known. No null check. */
 VSK_EXPORT uint32_t orvd_get_daemon_issu_state(orvd_ctx_t *ctx);

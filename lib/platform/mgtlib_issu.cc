@@ -9,7 +9,7 @@ constexpr const char* kDaemonStates[] = {"idle",           "prepare wait",
                                          "switchover ready", "abort wait"};
 
 constexpr const char* kPlatdStates[] = {"idle",       "prepare",         "prepare done",
-                                        "state 3",    "state 4",         "switchover",
+                                        "unexpected (3)", "unexpected (4)",         "switchover",
                                         "switchover done", "abort"};
 
 }  // namespace

@@ -17,6 +17,8 @@
 //     the slot is found again by walking the leaf's key.
 #include "vsk/patricia.h"
 
+#include "platform/patricia_walk.h"
+
 #include <cstdlib>
 #include <cstring>
 
@@ -226,7 +228,111 @@ bool patricia_delete(patricia_root_t* root, patricia_node_t* node) {
 patricia_node_t* patricia_find_next(patricia_root_t* root, patricia_node_t* node) {
   if (root == nullptr || root->pr_top == 0) return nullptr;
   if (node == nullptr) return Leftmost(root->pr_top);
-  return Successor(root, KeyOf(root, node));
+  // The usual caller steps through the tree from one of its own leaves: one descent along
+  // the leaf's key finds it, and the last branch left on the way has the successor as the
+  // leftmost leaf of its right side. Any other key takes the general search.
+  const Key k = KeyOf(root, node);
+  patricia_node_t* last_left = nullptr;
+  uintptr_t link = root->pr_top;
+  while (IsBranch(link)) {
+    patricia_node_t* b = NodeOf(link);
+    const unsigned dir = BitAt(k, b->pn_bit);
+    if (dir == 0) last_left = b;
+    link = b->pn_child[dir];
+  }
+  if (NodeOf(link) == node) return last_left != nullptr ? Leftmost(last_left->pn_child[1]) : nullptr;
+  return Successor(root, k);
 }
 
 }  // extern "C"
+
+namespace vsk::platform {
+
+PatriciaWalk::PatriciaWalk(const patricia_root_t* root) {
+  if (root != nullptr && root->pr_top != 0) Push(root->pr_top);
+}
+
+PatriciaWalk::~PatriciaWalk() {
+  if (stack_ != local_) std::free(stack_);
+}
+
+bool PatriciaWalk::Push(uintptr_t link) {
+  if (depth_ == capacity_) {
+    auto* bigger = static_cast<uintptr_t*>(std::malloc(2 * capacity_ * sizeof *stack_));
+    if (bigger == nullptr) return false;
+    std::memcpy(bigger, stack_, depth_ * sizeof *stack_);
+    if (stack_ != local_) std::free(stack_);
+    stack_ = bigger;
+    capacity_ *= 2;
+  }
+  stack_[depth_++] = link;
+  return true;
+}
+
+patricia_node_t* PatriciaWalk::Next() {
+  // The stack holds the subtrees still to visit, the leftmost on top; it never holds
+  // more than one link per level plus one.
+  while (depth_ != 0 && !failed_) {
+    const uintptr_t link = stack_[--depth_];
+    if (!IsBranch(link)) return NodeOf(link);
+    const patricia_node_t* b = NodeOf(link);
+    if (!Push(b->pn_child[1]) || !Push(b->pn_child[0])) failed_ = true;
+  }
+  return nullptr;
+}
+
+patricia_node_t* PatriciaDrain(patricia_root_t* root) {
+  if (root == nullptr) return nullptr;
+  // A leaf's branch slot, when in use, holds a branch above that leaf (invariant 3),
+  // which the walk has expanded before it reaches the leaf: so the leaf's first link is
+  // free to carry the chain by then. Each branch's slot is marked unused as it is
+  // expanded, so that the fallback below never looks for a branch already taken apart.
+  uintptr_t local[48];
+  uintptr_t* stack = local;
+  size_t capacity = sizeof local / sizeof local[0];
+  size_t depth = 0;
+  patricia_node_t* chain = nullptr;
+  if (root->pr_top != 0) stack[depth++] = root->pr_top;
+  while (depth != 0) {
+    const uintptr_t link = stack[--depth];
+    patricia_node_t* n = NodeOf(link);
+    if (!IsBranch(link)) {
+      n->pn_slot_used = 0;
+      n->pn_child[0] = reinterpret_cast<uintptr_t>(chain);
+      chain = n;
+      continue;
+    }
+    if (depth + 2 > capacity) {
+      auto* bigger = static_cast<uintptr_t*>(std::malloc(2 * capacity * sizeof *stack));
+      if (bigger == nullptr) {
+        stack[depth++] = link;  // not expanded: the fallback takes it whole
+        break;
+      }
+      std::memcpy(bigger, stack, depth * sizeof *stack);
+      if (stack != local) std::free(stack);
+      stack = bigger;
+      capacity *= 2;
+    }
+    const uintptr_t right = n->pn_child[1];
+    const uintptr_t left = n->pn_child[0];
+    n->pn_slot_used = 0;
+    stack[depth++] = right;
+    stack[depth++] = left;
+  }
+  // Out of memory: each pending subtree is a tree of its own, emptied by deletes.
+  while (depth != 0) {
+    patricia_root_t rest = *root;
+    rest.pr_top = stack[--depth];
+    patricia_node_t* p;
+    while ((p = patricia_find_next(&rest, nullptr)) != nullptr) {
+      patricia_delete(&rest, p);
+      p->pn_child[0] = reinterpret_cast<uintptr_t>(chain);
+      chain = p;
+    }
+  }
+  if (stack != local) std::free(stack);
+  root->pr_top = 0;
+  return chain;
+}
+
+}  // namespace vsk::platform

@@ -3,12 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <algorithm>
 #include <map>
+#include <set>
 #include <memory>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "platform/patricia_walk.h"
 #include "vsk/patricia.h"
 
 namespace {
@@ -78,6 +81,31 @@ class PatriciaModel {
       n = patricia_find_next(root_, n);
     }
     ASSERT_EQ(n, nullptr);
+    // The one-pass walk visits the same leaves in the same order.
+    vsk::platform::PatriciaWalk walk(root_);
+    for (auto& [k, node] : ref_) ASSERT_EQ(walk.Next(), &node->header) << "key length " << k.size();
+    ASSERT_EQ(walk.Next(), nullptr);
+    ASSERT_FALSE(walk.failed());
+  }
+
+  // Takes the whole tree apart at once: every node comes back exactly once, the tree is
+  // empty and takes the same nodes again in any order.
+  void DrainAndRefill(std::mt19937& rng) {
+    std::set<patricia_node_t*> want;
+    for (auto& [k, node] : ref_) want.insert(&node->header);
+    std::set<patricia_node_t*> got;
+    for (patricia_node_t* n = vsk::platform::PatriciaDrain(root_); n != nullptr;
+         n = reinterpret_cast<patricia_node_t*>(n->pn_child[0])) {
+      ASSERT_TRUE(got.insert(n).second) << "a node chained twice";
+      ASSERT_EQ(n->pn_slot_used, 0);
+    }
+    ASSERT_EQ(got, want);
+    ASSERT_EQ(patricia_find_next(root_, nullptr), nullptr);
+    std::vector<PtrNode*> nodes;
+    for (auto& [k, node] : ref_) nodes.push_back(node.get());
+    std::shuffle(nodes.begin(), nodes.end(), rng);
+    for (PtrNode* node : nodes) ASSERT_TRUE(patricia_add(root_, &node->header));
+    CheckAll();
   }
 
   // find_next from a key that need not be in the tree.
@@ -138,6 +166,29 @@ TEST(Patricia, RandomOperationsMatchOrderedMap) {
     }
     m.CheckAll();
   }
+}
+
+// Whole-tree walks and drains on random trees and on a chain of prefixes, whose depth
+// outgrows the walks' first stack.
+TEST(Patricia, WalkAndDrainMatchTheOrderedMapAtAnyDepth) {
+  for (int seed = 1; seed <= 4; ++seed) {
+    std::mt19937 rng(seed);
+    PatriciaModel m;
+    for (int i = 0; i < 600; ++i) m.Add(RandomKey(rng, 8));
+    m.CheckAll();
+    m.DrainAndRefill(rng);
+    if (::testing::Test::HasFatalFailure()) return;
+  }
+  std::mt19937 rng(9);
+  PatriciaModel deep;
+  for (int n = 0; n < 300; ++n) {
+    deep.Add(std::string(n, 'a'));        // each a prefix of the next: deep to the right
+    deep.Add(std::string(n, 'a') + "b");  // each above the next: deep to the left
+  }
+  deep.CheckAll();
+  deep.DrainAndRefill(rng);
+  PatriciaModel empty;
+  empty.DrainAndRefill(rng);
 }
 
 TEST(Patricia, InlineKeysWithDefaultLength) {

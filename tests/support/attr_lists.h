@@ -79,6 +79,22 @@ struct DynList : ListOf<vsk_dyn_attr_t, vsk_dyn_attr_list_t> {
   }
 };
 
+struct DynUpdateList : ListOf<vsk_dyn_update_t, vsk_dyn_update_list_t> {
+  // As UpdateList, for a named dynamic attribute in array `tag`; empty means null.
+  DynUpdateList& Add(std::string name, uint16_t tag, uint32_t action, std::string value,
+                     std::string new_value = {}) {
+    std::string& nm = Keep(std::move(name));
+    std::string& v = Keep(std::move(value));
+    std::string& n = Keep(std::move(new_value));
+    vsk_dyn_update_t e{};
+    e.name = nm.data(), e.array_tag = tag, e.action = action;
+    e.length = static_cast<uint32_t>(v.size()), e.value = v.empty() ? nullptr : v.data();
+    e.new_length = static_cast<uint32_t>(n.size()), e.new_value = n.empty() ? nullptr : n.data();
+    Append(e);
+    return *this;
+  }
+};
+
 // The first value of `type` in a decoded list as bytes; "<absent>" when there is none.
 inline std::string ValueOf(const vsk_attr_list_t* list, uint16_t type) {
   const vsk_attr_t* a = list != nullptr ? vsk_get_attribute_from_list(list, type) : nullptr;

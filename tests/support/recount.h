@@ -1,46 +1,13 @@
-// A recount of what the summary counters, the interface table and the interface unit pool
-// should hold, made from the session tables, beside what they do hold.
-//
-// The recount walks the client table; a session that is still in the cache is counted
-// from its slot, which is the current copy until the next flush. Each session counts as a
-// create counts it: state, interface type, client type and total, its config bits (first
-// 8 bytes), its own interface (VSK_INTERFACE_NAME of a session without VSK_PROFILE_NAME) and
-// its underlying interface, and an interface unit named in its dynamic record when that
-// unit lies in the pool. Sessions that carry VSK_AGGREGATED or a profile name, or whose
-// interface name changed after it was first set, are not counted the way removal uncounts
-// them; a test that wants an exact match keeps away from them.
-//
-// Who may call: a process with the store open and the shared segments and interface table
-// attached (a client daemon, or orvd). Sessions must not change meanwhile.
+// The recount of the shared counts from the session tables lives in the library (the load
+// generator checks its runs with it); tests use it under their own namespace.
 #pragma once
 
-#include <cstdint>
-#include <map>
-#include <set>
-#include <string>
-#include <utility>
-
-#include "vsk/vsk.h"
+#include "libvsk/vsk/recount.h"
 
 namespace vsk::test {
-
-struct SessionCounts {
-  vsk_status_t status = VSK_OK;  // of the walk (0 when it went to the end)
-  uint32_t counters[VSK_SUMMARY_COUNTER_SLOTS] = {};
-  // Interface name -> (ifl_count, uifl_count); names with both 0 are left out.
-  std::map<std::string, std::pair<int, int>> interfaces;
-  uint32_t units_in_use = 0;  // interface units (pool 0)
-  std::set<uint64_t> sessions;
-};
-
-// What the tables (and slots) say.
-SessionCounts RecountFromTables();
-// What the shared structures say.
-SessionCounts ReadSharedCounts();
-// "" when the two agree, else one line per difference.
-std::string CountDifferences(const SessionCounts& expected, const SessionCounts& shared);
-
-// Rows and slot a removed session must not have left: "" when none, else what is left.
-std::string LeftBehind(uint64_t id, uint64_t dynamic_id);
-
+using vsk::recount::CountDifferences;
+using vsk::recount::LeftBehind;
+using vsk::recount::ReadSharedCounts;
+using vsk::recount::RecountFromTables;
+using vsk::recount::SessionCounts;
 }  // namespace vsk::test

@@ -18,6 +18,7 @@
 #include "libvsk/shared/root_objects.h"
 #include "platform/hwframe.h"
 #include "platform/paths.h"
+#include "support/txn.h"
 #include "vsk/vsk.h"
 
 namespace vsk::test {
@@ -264,14 +265,7 @@ int PutSessions(uint64_t first, uint64_t count, const std::string& tag) {
     rec.dynamic_id = id;
     vsk_status_t st = VSK_OK;
     for (int attempt = 0; attempt < 4; ++attempt) {
-      vsk_db_txn_t txn{};
-      st = vsk_db_start_txn(&txn);
-      if (st == VSK_OK) st = vsk_db_put_client_session(&txn, &id, &rec);
-      if (st == VSK_OK) {
-        st = vsk_db_end_txn(&txn);
-      } else {
-        vsk_db_abort_txn(&txn, st);
-      }
+      st = InTxn([&](vsk_db_txn_t* t) { return vsk_db_put_client_session(t, &id, &rec); });
       if (st != VSK_ERR_RETRY && st != VSK_ERR_RECOVERING) break;
     }
     if (st != VSK_OK) return st;

@@ -1,6 +1,6 @@
 // vsk-demo: the session store end to end on a throwaway root, the way the daemons use it.
 //
-//   VSK_ROOT=DIR vsk-demo [--verbose]   run the demo under DIR
+//   VSK_ROOT=DIR vsk-demo [--keep] [--verbose]   run the demo under DIR
 //   vsk-demo --cleanup DIR              remove the System V objects of DIR's key files
 //   vsk-demo --client ID [--verbose]    (internal) the client process of act 2
 //
@@ -14,6 +14,8 @@
 //   3. the System V objects of the root are removed.
 // A failed step ends the acts; act 3 runs in every case, and the exit code is 1 after any
 // failure. The library's traces are printed with --verbose, and after a failure.
+// --keep leaves the store and its System V objects in place instead of act 3, so that an
+// operator can look at them (vskctl --root DIR ...) and remove them later with --cleanup.
 //
 // DIR must be an existing directory other than "/": without a root the library's paths
 // and keys are the system's own, which the demo must never touch.
@@ -36,7 +38,7 @@ namespace {
 
 int Usage() {
   std::fprintf(stderr,
-               "usage: VSK_ROOT=DIR vsk-demo [--verbose]\n"
+               "usage: VSK_ROOT=DIR vsk-demo [--keep] [--verbose]\n"
                "       vsk-demo --cleanup DIR\n");
   return 2;
 }
@@ -74,7 +76,7 @@ bool MakeRootDirectories() {
   return Fail("cannot create %s: %s", failed.c_str(), std::strerror(errno));
 }
 
-int RunDemo() {
+int RunDemo(bool keep) {
   std::string root;
   if (!UseRoot(std::getenv("VSK_ROOT"), &root)) return 2;
   // The demo shows the master routing engine; the platform's model id is left as set.
@@ -98,8 +100,15 @@ int RunDemo() {
     ok = RunDaemons(self, session_id);
   }
   const bool acts_ok = ok;
-  Act("3", "System V objects of the root");
-  bool clean = RemoveRootObjects(root) == 0;
+  bool clean = true;
+  if (keep) {
+    std::printf("\nthe store stays on %s: look at it with\n  vskctl --root %s store\n"
+                "and remove its System V objects with\n  vsk-demo --cleanup %s\n",
+                root.c_str(), root.c_str(), root.c_str());
+  } else {
+    Act("3", "System V objects of the root");
+    clean = RemoveRootObjects(root) == 0;
+  }
   std::printf("\n%s\n", acts_ok && clean ? "vsk-demo: every step passed"
                                          : "vsk-demo: FAILED (see the step marked above)");
   return acts_ok && clean ? 0 : 1;
@@ -137,6 +146,7 @@ int main(int argc, char** argv) {
   SetVerbose(verbose);
   int args = verbose ? argc - 1 : argc;
   if (args == 3 && std::strcmp(argv[1], "--client") == 0) return RunClientSwitch(argv[2]);
-  if (args != 1) return Usage();
-  return RunDemo();
+  bool keep = args == 2 && std::strcmp(argv[1], "--keep") == 0;
+  if (args != 1 && !keep) return Usage();
+  return RunDemo(keep);
 }

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "libvsk/attr/tree_internal.h"
+#include "platform/patricia_walk.h"
 
 namespace vsk::attr {
 
@@ -71,11 +72,11 @@ patricia_root_t* NewIndexTree() { return patricia_root_init(nullptr, true, 4, 0)
 
 void FreeIndexTree(patricia_root_t* root, bool clear_entries) {
   if (root == nullptr) return;
-  patricia_node_t* p;
-  while ((p = patricia_find_next(root, nullptr)) != nullptr) {
+  patricia_node_t* p = vsk::platform::PatriciaDrain(root);
+  while (p != nullptr) {
     auto* ix = reinterpret_cast<vsk_array_index_node_t*>(p);
+    p = reinterpret_cast<patricia_node_t*>(p->pn_child[0]);
     if (ix->nested_root != nullptr) FreeIndexTree(ix->nested_root, clear_entries);
-    patricia_delete(root, p);
     if (clear_entries && ix->entry != nullptr) ix->entry->parent_index = nullptr;
     std::free(ix);
   }
@@ -142,13 +143,16 @@ patricia_root_t* vsk_attr_tree_create(void) { return patricia_root_init(nullptr,
 vsk_status_t vsk_attr_tree_add(patricia_root_t* tree, uint16_t key_length, const void* key,
                                uint32_t length, const void* value, bool owns) {
   if (tree == nullptr || key == nullptr) return VSK_ERR_INVALID_PARAM;
-  vsk_attr_tree_node_t* node = FindNode(tree, key_length, key);
-  if (node == nullptr) {
-    vsk_status_t st = MakeNode(tree, key_length, key, owns, &node);
-    if (st != VSK_OK) return st;
-  } else if (owns && node->owns_key && node->key != key) {
-    // The node already owns a copy of this key; the one handed over is surplus.
-    std::free(const_cast<void*>(key));
+  // Loading a record adds mostly new keys: the add's own descent finds a key already
+  // there, so the lookup runs only then (or when no node could be allocated).
+  vsk_attr_tree_node_t* node = nullptr;
+  if (MakeNode(tree, key_length, key, owns, &node) != VSK_OK) {
+    node = FindNode(tree, key_length, key);
+    if (node == nullptr) return VSK_ERR_NOMEM;  // a refused add always means the key exists
+    if (owns && node->owns_key && node->key != key) {
+      // The node already owns a copy of this key; the one handed over is surplus.
+      std::free(const_cast<void*>(key));
+    }
   }
   auto* entry = static_cast<vsk_attr_value_t*>(std::calloc(1, sizeof(vsk_attr_value_t)));
   if (entry == nullptr) return VSK_ERR_NOMEM;
@@ -181,17 +185,11 @@ void vsk_array_index_free(patricia_root_t* root) { FreeIndexTree(root, false); }
 
 void vsk_attr_tree_free(patricia_root_t* tree) {
   if (tree == nullptr) return;
-  // The nodes leave the tree first, lowest key first (each step a descent, never a search
-  // for a successor); a node out of the tree lends its header's first link to a chain of
-  // them. Then every member list and index tree goes, while all values are still alive;
+  // The nodes leave the tree first, all in one walk, chained through their headers' first
+  // links. Then every member list and index tree goes, while all values are still alive;
   // then the nodes with their values.
-  patricia_node_t* chain = nullptr;
+  patricia_node_t* chain = vsk::platform::PatriciaDrain(tree);
   patricia_node_t* p;
-  while ((p = patricia_find_next(tree, nullptr)) != nullptr) {
-    patricia_delete(tree, p);
-    p->pn_child[0] = reinterpret_cast<uintptr_t>(chain);
-    chain = p;
-  }
   auto next_of = [](patricia_node_t* n) {
     return reinterpret_cast<patricia_node_t*>(n->pn_child[0]);
   };

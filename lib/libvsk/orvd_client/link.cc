@@ -158,8 +158,6 @@ vsk_status_t SendRegister(orvd_ctx* ctx, uint8_t role, vsk_status_t status) {
   return SendMessage(ctx, &msg, sizeof msg);
 }
 
-void OnPlatdIssuState(orvd_ctx* ctx, uint32_t state) { ctx->platd_issu_state = state; }
-
 void ReadMessage(orvd_ctx* ctx) {
   if (ctx->fd < 0) {
     ORVD_TRACE(ctx, "Bad socket descriptor %d", ctx->fd);

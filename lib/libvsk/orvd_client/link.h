@@ -32,9 +32,10 @@ void ReadMessage(orvd_ctx* ctx);
 // Connects to orvd (making the socket if needed), registers and waits for the answer.
 vsk_status_t ConnectAndRegister(orvd_ctx* ctx);
 
-// The chassis daemon's ISSU state has come (in a message or an acknowledgement): it is
-// kept in platd_issu_state, which vsk_db_check consults. The ISSU state machine that
-// answers it joins here.
+// The ISSU handler (issu.cc): the chassis daemon has announced `state`, in a message or
+// in the acknowledgement of a registration made during an upgrade. Stores it in
+// platd_issu_state (which vsk_db_check consults), runs the daemon's callback when the
+// transition is allowed, and answers orvd with the daemon's new state.
 void OnPlatdIssuState(orvd_ctx* ctx, uint32_t state);
 
 // The re-registration timer's callback.

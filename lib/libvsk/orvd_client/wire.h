@@ -90,6 +90,38 @@ struct __attribute__((packed)) BareMsg {
 };
 static_assert(sizeof(BareMsg) == 4);
 
+// The operator's control of an upgrade, on the same socket. orvd plays the chassis
+// daemon's part: an operator tool sends one IssuControlMsg, orvd answers with an
+// IssuControlReply header followed by `length` bytes of JSON (the upgrade's status, and
+// the reason when the command was refused). Daemons never send these.
+inline constexpr uint32_t ORVD_MSG_ISSU_CONTROL = 100;
+inline constexpr uint32_t ORVD_MSG_ISSU_CONTROL_REPLY = 101;
+inline constexpr uint32_t kIssuCmdStatus = 0;
+inline constexpr uint32_t kIssuCmdPrepare = 1;
+inline constexpr uint32_t kIssuCmdDone = 2;  // ends the prepare or the switchover phase
+inline constexpr uint32_t kIssuCmdSwitchover = 3;
+inline constexpr uint32_t kIssuCmdAbort = 4;
+inline constexpr uint32_t kIssuCmdIdle = 5;
+// Relays `value` as the chassis state without any check, for rehearsing how daemons
+// take unexpected states; only idle leads out of a state outside the usual set.
+inline constexpr uint32_t kIssuCmdInject = 6;
+inline constexpr uint32_t kIssuReplyMax = 1u << 20;  // a reader refuses a longer length
+
+struct __attribute__((packed)) IssuControlMsg {
+  uint32_t type;  // ORVD_MSG_ISSU_CONTROL
+  uint32_t command;  // kIssuCmd*
+  uint32_t value;    // the state of kIssuCmdInject; 0 otherwise
+};
+static_assert(sizeof(IssuControlMsg) == 12);
+
+struct __attribute__((packed)) IssuControlReply {
+  uint32_t type;    // ORVD_MSG_ISSU_CONTROL_REPLY
+  int32_t status;   // 0 done; VSK_ERR_ORVD_FATAL refused
+  uint32_t length;  // bytes of JSON that follow
+};
+static_assert(sizeof(IssuControlReply) == 12);
+static_assert(offsetof(IssuControlReply, length) == 8);
+
 // Body sizes after the type, as the client reads them.
 inline constexpr size_t kAckBodySize = sizeof(RegisterAckMsg) - sizeof(uint32_t);        // 16
 inline constexpr size_t kPlatdBodySize = sizeof(PlatdIssuStateMsg) - sizeof(uint32_t);  // 4
@@ -104,6 +136,8 @@ constexpr size_t ClientMessageSize(uint32_t type) {
       return sizeof(BareMsg);
     case ORVD_MSG_ISSU_STATE:
       return sizeof(IssuStateMsg);
+    case ORVD_MSG_ISSU_CONTROL:
+      return sizeof(IssuControlMsg);
     default:
       return 0;
   }

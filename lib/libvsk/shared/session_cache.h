@@ -84,6 +84,13 @@ vsk_status_t ReadConfigBits(void* shm, uint64_t id, uint8_t* bits, uint16_t* len
 // (-2 for the copy). REQUIRES: `buffer` holds the value when `allocated` is null.
 int AttrFromTreeOrCache(patricia_root_t* tree, uint16_t type, void* buffer, void** allocated,
                         void* shm, uint64_t id, vsk_status_t* status);
+// The private copies a snapshot handle keeps: a whole slot's or a whole dynamic block's
+// size, the first `used` bytes copied from the cache and the rest zero; null when out of
+// memory. The Drop functions give the handle's copy up and null the field.
+void* SlotCopy(const void* slot, size_t used);
+void* DynamicCopy(const void* block, size_t used);
+void DropSlotCopy(vsk_snapshot_handle* handle);
+void DropDynamicCopy(vsk_snapshot_handle* handle);
 // Slot to records. `record` comes empty (vsk_db_*_empty). -2 no memory.
 vsk_status_t ToSessionRecord(vsk_snapshot_handle* handle, void* shm, uint64_t id,
                              vsk_client_session_t* record);

@@ -17,6 +17,9 @@ inline constexpr char kWriterGaveUp[] = "%s need semaphore for %llu flag";
 // blank and newline are part of it.
 inline constexpr char kReaderGaveUp[] = "%s need semaphore for %llu flag \n";
 
+// The name the attribute reads trace under, also when a whole record is read.
+inline constexpr char kReadFn[] = "vsk_get_session_data_from_shm";
+
 inline unsigned long long Ull(uint64_t v) { return static_cast<unsigned long long>(v); }
 
 // Waits while `busy()` holds: one sleep per look, out of a budget of kMaxWaits that
@@ -53,6 +56,9 @@ inline bool BlockInArea(uint32_t offset, uint32_t length) {
 // at them, and the count is bounded by the 10 the array holds; 0 when the slot has no
 // array in the value area.
 uint32_t ServiceIds(const Slot* slot, const uint8_t* source, const uint8_t** ids);
+// The value block at word `at` of `source` (a slot or a whole-slot copy): its length and
+// the address of its bytes. False when the block would leave the slot or the value area.
+bool ValueBlock(const uint8_t* source, uint32_t at, uint16_t* length, const uint8_t** bytes);
 // Hands `count` ids to a snapshot handle as its own heap copy (freeing one it owned).
 // 0 or -2.
 vsk_status_t GiveServiceIds(vsk_snapshot_handle* handle, const uint8_t* ids, uint32_t count);

@@ -17,6 +17,7 @@
 
 namespace vsk::cache {
 
+using detail::kReadFn;
 using detail::kReaderGaveUp;
 using detail::Owns;
 using detail::Ull;
@@ -61,11 +62,9 @@ bool AppendAttr(vsk_attr_list_t* list, uint16_t type, const void* value, uint16_
 // A heap copy of the slot for a snapshot handle: `next_free` words copied into a block of
 // a whole slot's size (the rest zero), so that reads through the copy stay in bounds.
 vsk_status_t CopySlotToHandle(vsk_snapshot_handle* handle, Slot* slot) {
-  auto* copy = static_cast<uint8_t*>(std::calloc(1, kSlotSize));
+  void* copy = SlotCopy(slot, 2u * Load(slot->next_free));
   if (copy == nullptr) return VSK_ERR_NOMEM;
-  size_t used = 2u * Load(slot->next_free);
-  std::memcpy(copy, slot, used < kSlotSize ? used : kSlotSize);
-  std::free(handle->shm_session_copy);
+  DropSlotCopy(handle);
   handle->shm_session_copy = copy;
   return VSK_OK;
 }
@@ -82,6 +81,48 @@ vsk_status_t CopyServiceIds(vsk_snapshot_handle* handle, Slot* slot, vsk_client_
   std::memcpy(record->service_ids, ids, 8u * count);
   record->free_service_ids = 1;
   return handle != nullptr ? detail::GiveServiceIds(handle, ids, count) : VSK_OK;
+}
+
+// The attributes of the slot into the record, by ascending type with one value each, in
+// one pass over the offset table. Each type is read as an attribute read without a handle
+// reads it: it waits behind a writer of that type (and is skipped, traced, when the waits
+// run out), and a slot given up or a block that leaves the value area skips the type. The
+// reader bits are held across the pass instead of around each type, and dropped while
+// waiting so that a writer is never held up by this reader's own wait.
+vsk_status_t CopySlotAttrs(uint64_t id, Slot* slot, vsk_client_session_t* record) {
+  FlagWord flags(slot->flags);
+  const uint8_t* source = Bytes(slot);
+  flags.Set(kSlotReaderBits);
+  vsk_status_t status = VSK_OK;
+  for (uint16_t type = VSK_TYPE_MIN; type < VSK_TYPE_MAX && status == VSK_OK; ++type) {
+    if (flags.Any(kSlotWriterBits) && Load(slot->writer_type) == type) {
+      flags.Clear(kSlotReaderBits);
+      int waits = 0;
+      const bool free_now = WaitWhile(
+          [&] { return flags.Any(kSlotWriterBits) && Load(slot->writer_type) == type; }, &waits);
+      if (!free_now) VSK_TRACE(kReaderGaveUp, kReadFn, Ull(id));
+      flags.Set(kSlotReaderBits);
+      if (!free_now) continue;
+    }
+    if (!Owns(slot, id)) continue;
+    const uint32_t at = Load(slot->attr_offset[type]);
+    uint16_t length = 0;
+    const uint8_t* value = nullptr;
+    if (at == 0 || !detail::ValueBlock(source, at, &length, &value)) continue;
+    if (type == VSK_INFO_ATTR) {
+      std::free(record->config_bits);
+      record->config_bits = static_cast<uint8_t*>(CopyWithNul(value, length));
+      if (record->config_bits == nullptr) {
+        status = VSK_ERR_NOMEM;
+      } else {
+        record->config_bits_len = length;
+      }
+    } else if (!AppendAttr(record->attrs, type, value, length)) {
+      status = VSK_ERR_NOMEM;
+    }
+  }
+  flags.Clear(kSlotReaderBits);
+  return status;
 }
 
 }  // namespace
@@ -138,22 +179,7 @@ vsk_status_t ToSessionRecord(vsk_snapshot_handle* handle, void* shm, uint64_t id
   if (st != VSK_OK) return st;
   record->dynamic_id = Load(slot->dynamic_id);
   record->free_attr_values = 1;
-  // The attributes come from the slot itself, one lookup per type: the record is sorted by
-  // type with one value each.
-  for (uint16_t type = VSK_TYPE_MIN; type < VSK_TYPE_MAX; ++type) {
-    uint16_t length = 0;
-    void* value = nullptr;
-    if (ReadAttr(nullptr, shm, id, type, &length, &value) != VSK_OK) continue;
-    if (type == VSK_INFO_ATTR) {
-      std::free(record->config_bits);
-      record->config_bits = static_cast<uint8_t*>(CopyWithNul(value, length));
-      if (record->config_bits == nullptr) return VSK_ERR_NOMEM;
-      record->config_bits_len = length;
-    } else if (!AppendAttr(record->attrs, type, value, length)) {
-      return VSK_ERR_NOMEM;
-    }
-  }
-  return VSK_OK;
+  return CopySlotAttrs(id, slot, record);
 }
 
 vsk_status_t ToDynamicRecord(vsk_snapshot_handle* handle, void* shm, uint64_t id,
@@ -167,11 +193,9 @@ vsk_status_t ToDynamicRecord(vsk_snapshot_handle* handle, void* shm, uint64_t id
   const uint32_t end = Load(block->end);
   if (handle != nullptr) {
     // Twice the used size, as the published copy takes, but never past the block.
-    auto* copy = static_cast<uint8_t*>(std::calloc(1, sizeof(DynamicBlock)));
+    void* copy = DynamicCopy(block, 2u * end);
     if (copy == nullptr) return VSK_ERR_NOMEM;
-    const size_t n = 2u * end;
-    std::memcpy(copy, block, n < sizeof(DynamicBlock) ? n : sizeof(DynamicBlock));
-    std::free(handle->shm_dynamic_copy);
+    DropDynamicCopy(handle);
     handle->shm_dynamic_copy = copy;
   }
   FlagWord flags(block->flags);

@@ -18,6 +18,7 @@
 namespace vsk::cache {
 
 using detail::BlockInArea;
+using detail::kReadFn;
 using detail::kReaderGaveUp;
 using detail::kWriterGaveUp;
 using detail::Owns;
@@ -30,7 +31,6 @@ namespace {
 constexpr char kCreateFn[] = "vsk_create_session_data_in_shm";
 constexpr char kUpdateFn[] = "vsk_update_session_data_in_shm";
 constexpr char kHeaderFn[] = "vsk_update_session_header_in_shm";
-constexpr char kReadFn[] = "vsk_get_session_data_from_shm";
 
 // Writes a value block at word `at`: the length, the bytes, and a zero last word so that
 // at least one zero byte follows the value whatever the block held before.
@@ -286,6 +286,12 @@ uint32_t ServiceIds(const Slot* slot, const uint8_t* source, const uint8_t** ids
   return count < kMaxServices ? count : kMaxServices;
 }
 
+bool ValueBlock(const uint8_t* source, uint32_t at, uint16_t* length, const uint8_t** bytes) {
+  base::ByteReader block(source, kSlotSize);
+  return block.Skip(2u * at) && block.Get(length) && block.Take(*length, bytes) &&
+         BlockInArea(at, *length);
+}
+
 vsk_status_t GiveServiceIds(vsk_snapshot_handle* handle, const uint8_t* ids, uint32_t count) {
   if (count == 0) return VSK_OK;
   auto* own = static_cast<vsk_session_id_t*>(std::malloc(8u * count));
@@ -345,11 +351,9 @@ vsk_status_t ReadAttr(vsk_snapshot_handle* handle, void* shm, uint64_t id, uint1
     flags.Clear(kSlotReaderBits);
     return VSK_ERR_NOT_FOUND;
   }
-  base::ByteReader block(source, kSlotSize);
   uint16_t stored = 0;
   const uint8_t* bytes = nullptr;
-  if (!block.Skip(2u * at) || !block.Get(&stored) || !block.Take(stored, &bytes) ||
-      !BlockInArea(at, stored)) {
+  if (!detail::ValueBlock(source, at, &stored, &bytes)) {
     flags.Clear(kSlotReaderBits);
     return VSK_ERR_CORRUPT;
   }

@@ -100,8 +100,7 @@ vsk_status_t LightRead(vsk_snapshot_handle* h) {
             "%llu, err=%s\n",
             "vsk_get_client_session_attr_from_sid", Ull(id), vsk_get_err_msg(st));
         store::ReleaseClientSession(record, false);
-        std::free(h->shm_session_copy);
-        h->shm_session_copy = nullptr;
+        cache::DropSlotCopy(h);
         return st;
       }
     } else {

@@ -246,10 +246,8 @@ void FreeClientData(vsk_snapshot_handle* h, vsk_snapshot_client_data* c) {
   store::ReleaseClientSession(c->record, true);
   vsk_attr_tree_free(c->dynamic);
   vsk_attr_tree_free(c->predefined);
-  std::free(h->shm_dynamic_copy);
-  std::free(h->shm_session_copy);
-  h->shm_dynamic_copy = nullptr;
-  h->shm_session_copy = nullptr;
+  cache::DropDynamicCopy(h);
+  cache::DropSlotCopy(h);
   vsk_attr_tree_free(c->dynamic_str);
   store::ReleaseDynamicConfig(c->dynamic_record, true);
   store::ReleaseAppPriData(c->app_private, true);
@@ -264,8 +262,7 @@ void FreeSnapshot(vsk_snapshot_handle* h) {
     if (result != nullptr) std::free(result->first);
     std::free(result);
     h->attr_result = nullptr;
-    std::free(h->shm_session_copy);
-    h->shm_session_copy = nullptr;
+    cache::DropSlotCopy(h);
     if (h->service_ids_owned != 0) {
       std::free(h->service_ids);
       h->service_ids = nullptr;

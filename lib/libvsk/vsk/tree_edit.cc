@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "platform/patricia_walk.h"
+
 namespace vsk::session {
 
 vsk_status_t LoadTree(patricia_root_t* tree, const vsk_attr_list_t* list) {
@@ -19,8 +21,8 @@ vsk_status_t FlatList::Build(patricia_root_t* tree, size_t most) {
   if (nodes_ == nullptr) return VSK_ERR_NOMEM;
   vsk_attr_t* out = nodes_.get();
   vsk_attr_t* const end = out + most;
-  for (patricia_node_t* p = patricia_find_next(tree, nullptr); p != nullptr;
-       p = patricia_find_next(tree, p)) {
+  platform::PatriciaWalk walk(tree);
+  for (patricia_node_t* p = walk.Next(); p != nullptr; p = walk.Next()) {
     auto* node = reinterpret_cast<vsk_attr_tree_node_t*>(p);
     uint16_t type;
     std::memcpy(&type, node->key, sizeof type);
@@ -31,7 +33,7 @@ vsk_status_t FlatList::Build(patricia_root_t* tree, size_t most) {
       vsk_attr_list_append(&list_, out);
     }
   }
-  return VSK_OK;
+  return walk.failed() ? VSK_ERR_NOMEM : VSK_OK;
 }
 
 size_t CountValues(const vsk_attr_list_t* list, const vsk_attr_update_list_t* updates) {

@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "support/attr_lists.h"
 #include "support/harness.h"
 #include "vsk/attr.h"
 
@@ -31,33 +32,7 @@ Flat Flatten(patricia_root_t* tree) {
   return out;
 }
 
-class Updates {
- public:
-  Updates() { list_.first = nullptr, list_.last = &list_.first; }
-  Updates& Add(uint16_t type, uint32_t action, const char* old_v, const char* new_v = nullptr) {
-    auto* e = &store_.emplace_back();
-    e->type = type;
-    e->action = action;
-    e->length = old_v != nullptr ? static_cast<uint32_t>(std::strlen(old_v)) : 0;
-    e->value = const_cast<char*>(old_v);
-    e->new_length = new_v != nullptr ? static_cast<uint32_t>(std::strlen(new_v)) : 0;
-    e->new_value = const_cast<char*>(new_v);
-    return *this;
-  }
-  const vsk_attr_update_list_t* list() {
-    list_.first = nullptr, list_.last = &list_.first;
-    for (auto& e : store_) {
-      e.next = nullptr;
-      *list_.last = &e;
-      list_.last = &e.next;
-    }
-    return &list_;
-  }
-
- private:
-  std::deque<vsk_attr_update_t> store_;
-  vsk_attr_update_list_t list_;
-};
+using Updates = UpdateList;
 
 class AttrTreeTest : public VskTest {
  protected:
@@ -100,26 +75,26 @@ TEST_F(AttrTreeTest, ReplaceAndDeleteByValueAndBlind) {
   Load({{17, "bob"}, {17, "carol"}, {20, "gold"}, {36, "\x01"}});
   Updates& u = NewUpdates();
   u.Add(17, VSK_ATTR_ACTION_ADD_OR_REPLACE, "carol", "dave")       // by value
-      .Add(20, VSK_ATTR_ACTION_ADD_OR_REPLACE, nullptr, "silver")  // blind
-      .Add(22, VSK_ATTR_ACTION_ADD_OR_REPLACE, nullptr, "m")       // absent: created
-      .Add(36, VSK_ATTR_ACTION_DELETE, nullptr)                    // blind delete
-      .Add(99, VSK_ATTR_ACTION_DELETE, nullptr)                    // blind, absent: fine
+      .Add(20, VSK_ATTR_ACTION_ADD_OR_REPLACE, {}, "silver")  // blind
+      .Add(22, VSK_ATTR_ACTION_ADD_OR_REPLACE, {}, "m")       // absent: created
+      .Add(36, VSK_ATTR_ACTION_DELETE, {})                    // blind delete
+      .Add(99, VSK_ATTR_ACTION_DELETE, {})                    // blind, absent: fine
       .Add(17, VSK_ATTR_ACTION_ADD_OR_APPEND, "bob");
-  ASSERT_EQ(vsk_update_session(tree_, u.list()), 0);
+  ASSERT_EQ(vsk_update_session(tree_, u.get()), 0);
   EXPECT_EQ(Flatten(tree_),
             (Flat{{17, "bob"}, {17, "dave"}, {17, "bob"}, {20, "silver"}, {22, "m"}}));
 
   // Deleting the only value leaves an empty node, which flattens to nothing.
   Updates& d = NewUpdates();
   d.Add(22, VSK_ATTR_ACTION_DELETE, "m");
-  ASSERT_EQ(vsk_update_session(tree_, d.list()), 0);
+  ASSERT_EQ(vsk_update_session(tree_, d.get()), 0);
   EXPECT_NE(patricia_get(tree_, 2, "\x16\x00"), nullptr);
   EXPECT_EQ(Flatten(tree_).back(), (std::pair<int, std::string>{20, "silver"}));
 
   // A blind replace with no new value stores a null value of length 0.
   Updates& n = NewUpdates();
-  n.Add(20, VSK_ATTR_ACTION_ADD_OR_REPLACE, nullptr, nullptr);
-  ASSERT_EQ(vsk_update_session(tree_, n.list()), 0);
+  n.Add(20, VSK_ATTR_ACTION_ADD_OR_REPLACE, {}, {});
+  ASSERT_EQ(vsk_update_session(tree_, n.get()), 0);
   EXPECT_EQ(Flatten(tree_).back(), (std::pair<int, std::string>{20, "<null>"}));
 }
 
@@ -146,7 +121,7 @@ TEST(AttrTreeValues, RemovingAnyValueKeepsTheListAppendable) {
       ASSERT_EQ(vsk_attr_tree_add(tree, 2, &kType, 1, v, false), 0);
     Updates u;
     u.Add(kType, VSK_ATTR_ACTION_DELETE, gone).Add(kType, VSK_ATTR_ACTION_ADD_OR_APPEND, "d");
-    ASSERT_EQ(vsk_update_session(tree, u.list()), 0);
+    ASSERT_EQ(vsk_update_session(tree, u.get()), 0);
     EXPECT_EQ(Flatten(tree), want);
     vsk_attr_tree_free(tree);
   }
@@ -158,27 +133,27 @@ TEST_F(AttrTreeTest, ErrorsStopTheListWithTheirTraces) {
   wrong_old.Add(17, VSK_ATTR_ACTION_ADD_OR_APPEND, "x")
       .Add(17, VSK_ATTR_ACTION_ADD_OR_REPLACE, "nobody", "y")
       .Add(17, VSK_ATTR_ACTION_ADD_OR_APPEND, "never");
-  EXPECT_EQ(vsk_update_session(tree_, wrong_old.list()), -9);
+  EXPECT_EQ(vsk_update_session(tree_, wrong_old.get()), -9);
   EXPECT_TRUE(traces().Contains("Failed to delete old attribute -9\n")) << traces().Dump();
   EXPECT_EQ(Flatten(tree_), (Flat{{17, "bob"}, {17, "x"}})) << "stopped at the bad entry";
 
   Updates& no_new = NewUpdates();
-  no_new.Add(17, VSK_ATTR_ACTION_ADD_OR_REPLACE, "bob", nullptr);
-  EXPECT_EQ(vsk_update_session(tree_, no_new.list()), -6);
+  no_new.Add(17, VSK_ATTR_ACTION_ADD_OR_REPLACE, "bob");
+  EXPECT_EQ(vsk_update_session(tree_, no_new.get()), -6);
   EXPECT_TRUE(traces().Contains(
       "vsk_update_session: Replacing attribute without providing old or new value\n"));
 
   Updates& del_missing = NewUpdates();
   del_missing.Add(17, VSK_ATTR_ACTION_DELETE, "zzz");
-  EXPECT_EQ(vsk_update_session(tree_, del_missing.list()), -9);
+  EXPECT_EQ(vsk_update_session(tree_, del_missing.get()), -9);
   EXPECT_EQ(traces().CountContaining("Failed to delete attribute, err="), 1);
 
   Updates& bits = NewUpdates();
   bits.Add(17, VSK_ATTR_ACTION_SET_BITS, "a");
-  EXPECT_EQ(vsk_update_session(tree_, bits.list()), -6);
+  EXPECT_EQ(vsk_update_session(tree_, bits.get()), -6);
   EXPECT_EQ(traces().CountContaining("Update client session with unknown  action type 3\n"), 1);
 
-  EXPECT_EQ(vsk_update_session(nullptr, bits.list()), 0);
+  EXPECT_EQ(vsk_update_session(nullptr, bits.get()), 0);
   EXPECT_EQ(vsk_update_session(tree_, nullptr), 0);
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "support/attr_lists.h"
 #include "support/harness.h"
 #include "vsk/attr.h"
 #include "vsk/snapshot.h"
@@ -41,6 +42,9 @@ class DynTreeTest : public VskTest {
     }
     return 0;
   }
+  // Trees borrow their keys from the update lists, so the lists outlive the tree.
+  DynUpdateList& NewUpdates() { return updates_.emplace_back(); }
+  std::deque<DynUpdateList> updates_;
   vsk_attr_tree_node_t* Node(const char* name) {
     return reinterpret_cast<vsk_attr_tree_node_t*>(
         patricia_get(tree_, static_cast<uint16_t>(std::strlen(name) + 1), name));
@@ -149,57 +153,28 @@ TEST_F(DynTreeTest, WithoutBookkeepingTagsOnlyLabel) {
       << "without cursors every add makes a node";
 }
 
-class DynUpdates {
- public:
-  DynUpdates& Add(const char* name, uint16_t tag, uint32_t action, const char* old_v,
-                  const char* new_v = nullptr) {
-    auto& e = store_.emplace_back();
-    e.name = const_cast<char*>(name);
-    e.array_tag = tag;
-    e.action = action;
-    e.length = old_v ? static_cast<uint32_t>(std::strlen(old_v)) : 0;
-    e.value = const_cast<char*>(old_v);
-    e.new_length = new_v ? static_cast<uint32_t>(std::strlen(new_v)) : 0;
-    e.new_value = const_cast<char*>(new_v);
-    return *this;
-  }
-  const vsk_dyn_update_list_t* list() {
-    list_.first = nullptr;
-    list_.last = &list_.first;
-    for (auto& e : store_) {
-      e.next = nullptr;
-      *list_.last = &e;
-      list_.last = &e.next;
-    }
-    return &list_;
-  }
-
- private:
-  std::deque<vsk_dyn_update_t> store_;
-  vsk_dyn_update_list_t list_;
-};
 
 TEST_F(DynTreeTest, DynamicUpdateRules) {
-  DynUpdates orphan;
+  DynUpdateList& orphan = NewUpdates();
   orphan.Add("rate", 3, VSK_ATTR_ACTION_ADD_OR_APPEND, "1");
-  EXPECT_EQ(vsk_update_session_dynamic(tree_, orphan.list(), 0, false), -6);
+  EXPECT_EQ(vsk_update_session_dynamic(tree_, orphan.get(), 0, false), -6);
   EXPECT_TRUE(traces().Contains("vsk_update_session_dynamic - Array member without array start "
                                 "being added to patricia tree \n"))
       << traces().Dump();
 
-  DynUpdates build;
+  DynUpdateList& build = NewUpdates();
   build.Add("filter", 2, VSK_ATTR_ACTION_ADD_OR_APPEND, "in")
       .Add("rate", 3, VSK_ATTR_ACTION_ADD_OR_APPEND, "10")
       .Add("plain", 0, VSK_ATTR_ACTION_ADD_OR_APPEND, "a")
       .Add("plain", 0, VSK_ATTR_ACTION_ADD_OR_APPEND, "b");
-  ASSERT_EQ(vsk_update_session_dynamic(tree_, build.list(), 0, false), 0);
+  ASSERT_EQ(vsk_update_session_dynamic(tree_, build.get(), 0, false), 0);
   EXPECT_EQ(Values("plain"), (std::vector<std::string>{"a", "b"}));
 
   traces().Clear();
-  DynUpdates skipped;
+  DynUpdateList& skipped = NewUpdates();
   skipped.Add("filter", 2, VSK_ATTR_ACTION_DELETE, "in")
       .Add("plain", 0, VSK_ATTR_ACTION_DELETE_ARRAY, "a");
-  EXPECT_EQ(vsk_update_session_dynamic(tree_, skipped.list(), 0, false), 0);
+  EXPECT_EQ(vsk_update_session_dynamic(tree_, skipped.get(), 0, false), 0);
   EXPECT_EQ(traces().CountContaining("Deleting array attribute with VSK_ARRAY_IDENTIFYING_TLV\n"),
             1);
   EXPECT_EQ(
@@ -208,29 +183,29 @@ TEST_F(DynTreeTest, DynamicUpdateRules) {
   EXPECT_EQ(Values("filter"), (std::vector<std::string>{"in"}));
 
   // With append_replaces, a plain append replaces whatever is there.
-  DynUpdates rep;
+  DynUpdateList& rep = NewUpdates();
   rep.Add("plain", 0, VSK_ATTR_ACTION_ADD_OR_APPEND, "c");
-  ASSERT_EQ(vsk_update_session_dynamic(tree_, rep.list(), 0, true), 0);
+  ASSERT_EQ(vsk_update_session_dynamic(tree_, rep.get(), 0, true), 0);
   EXPECT_EQ(Values("plain"), (std::vector<std::string>{"c"}));
 
   // Deleting the instance through its identifying entry; the same value then opens a new
   // instance with a new id.
   uint16_t old_id = Node("filter")->values_first->array_id;
-  DynUpdates del;
+  DynUpdateList& del = NewUpdates();
   del.Add("filter", 2, VSK_ATTR_ACTION_DELETE_ARRAY, "in");
-  ASSERT_EQ(vsk_update_session_dynamic(tree_, del.list(), old_id, false), 0);
+  ASSERT_EQ(vsk_update_session_dynamic(tree_, del.get(), old_id, false), 0);
   EXPECT_TRUE(Values("filter").empty());
-  DynUpdates again;
+  DynUpdateList& again = NewUpdates();
   again.Add("filter", 2, VSK_ATTR_ACTION_ADD_OR_APPEND, "in");
-  ASSERT_EQ(vsk_update_session_dynamic(tree_, again.list(), 0, false), 0);
+  ASSERT_EQ(vsk_update_session_dynamic(tree_, again.get(), 0, false), 0);
   EXPECT_NE(Node("filter")->values_first->array_id, old_id);
 
-  DynUpdates bad;
+  DynUpdateList& bad = NewUpdates();
   bad.Add("plain", 0, VSK_ATTR_ACTION_SET_BITS, "x");
-  EXPECT_EQ(vsk_update_session_dynamic(tree_, bad.list(), 0, false), -6);
-  DynUpdates noval;
-  noval.Add("filter", 1, VSK_ATTR_ACTION_ADD_OR_APPEND, nullptr);
-  EXPECT_EQ(vsk_update_session_dynamic(tree_, noval.list(), 0, false), -6);
+  EXPECT_EQ(vsk_update_session_dynamic(tree_, bad.get(), 0, false), -6);
+  DynUpdateList& noval = NewUpdates();
+  noval.Add("filter", 1, VSK_ATTR_ACTION_ADD_OR_APPEND, {});
+  EXPECT_EQ(vsk_update_session_dynamic(tree_, noval.get(), 0, false), -6);
 }
 
 }  // namespace

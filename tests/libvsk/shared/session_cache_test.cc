@@ -324,6 +324,115 @@ TEST_F(CacheTest, RecordsFromTheSlotAreSortedCopies) {
   EXPECT_EQ(st, 0) << "absent is no failure";
 }
 
+// The record built from a slot in one pass holds exactly what type-by-type reads find,
+// over every kind of block: empty, long, rewritten in place, moved to a new block, the
+// config bits, the service array, and a block that leaves the value area; a type whose
+// writer is active is skipped with the reader's trace, and no reader bit stays set.
+TEST_F(CacheTest, RecordFromASlotMatchesReadsTypeByType) {
+  constexpr uint64_t kId = 120;
+  AttrList attrs;
+  for (uint16_t type = 1; type < VSK_TYPE_MAX; type += 5) {
+    attrs.Add(type, std::string(type % 3 == 0 ? 0 : 1 + (type * 7) % 40, static_cast<char>('a' + type % 26)));
+  }
+  attrs.Add(VSK_INFO_ATTR, std::string("\x0f\xf0\x01", 3));
+  attrs.Add(100, std::string(200, 'L'));
+  ASSERT_EQ(Create(kId, attrs, 121), 0);
+  UpdateList updates;
+  updates.Replace(6, "a longer value than before, in a block of its own")  // moved
+      .Replace(11, "s")                                                     // in place
+      .Replace(2, "new type");                                             // appended
+  ASSERT_EQ(vsk_update_session_data_in_shm(kId, updates.get(), nullptr), 0);
+  vsk_session_id_t services[3] = {7, 8, 9};
+  ASSERT_EQ(vsk_update_session_header_in_shm(kId, 3, services), 0);
+  uint8_t* s = SlotBytes(kId);
+  const uint16_t outside = 790;  // a 100-byte block there would cross word 800
+  std::memcpy(s + 26 + 2 * 16, &outside, 2);
+  std::memcpy(s + 2 * outside, "\x64\x00", 2);
+
+  auto expect_record = [&](uint16_t skipped) {
+    vsk_client_session_t* rec = nullptr;
+    ASSERT_EQ(vsk_db_client_session_empty(&rec), 0);
+    ASSERT_EQ(vsk_shm_to_session_record(nullptr, shm_, rec, kId), 0);
+    const vsk_attr_t* a = rec->attrs->first;
+    int found = 0;
+    for (uint16_t type = 1; type < VSK_TYPE_MAX; ++type) {
+      const std::string want = type == skipped ? "skipped" : Read(kId, type);
+      if (want.rfind("st", 0) == 0 || type == skipped) continue;
+      if (type == VSK_INFO_ATTR) {
+        ASSERT_NE(rec->config_bits, nullptr);
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(rec->config_bits), rec->config_bits_len), want);
+        EXPECT_EQ(rec->config_bits[rec->config_bits_len], 0);
+        continue;
+      }
+      ASSERT_NE(a, nullptr) << "type " << type << " missing";
+      EXPECT_EQ(a->type, type);
+      EXPECT_EQ(std::string(static_cast<char*>(a->value), a->length), want) << "type " << type;
+      EXPECT_EQ(static_cast<char*>(a->value)[a->length], '\0');
+      a = a->next;
+      ++found;
+    }
+    EXPECT_EQ(a, nullptr) << "more attributes than the reads find";
+    EXPECT_EQ(found, skipped == 0 ? 25 : 24);
+    EXPECT_EQ(rec->dynamic_id, 121u);
+    ASSERT_EQ(rec->service_count, 3);
+    EXPECT_EQ(rec->service_ids[2], 9u);
+    EXPECT_EQ(At<uint16_t>(s, 16) & 0xC0, 0) << "reader bits left set";
+    vsk_db_release_client_session(rec, false);
+  };
+  EXPECT_EQ(Read(kId, 16), "st" + std::to_string(VSK_ERR_CORRUPT));
+  EXPECT_EQ(Read(kId, 6), "a longer value than before, in a block of its own");
+  expect_record(0);
+  if (HasFatalFailure()) return;
+
+  // A writer active on one type: only that type is missing, after the reader's waits.
+  s[16] |= 0x30;
+  std::memcpy(s + 20, "\x29\x00", 2);  // writer_type 41
+  traces().Clear();
+  expect_record(41);
+  EXPECT_EQ(traces().Count("vsk_get_session_data_from_shm need semaphore for 120 flag \n"), 1);
+  EXPECT_EQ(At<uint16_t>(s, 16) & 0x30, 0x30) << "the writer's bits are not the reader's to clear";
+  s[16] &= static_cast<uint8_t>(~0x30);
+}
+
+// A handle's private copies start from blocks given back by earlier copies: each copy is
+// the used part of the slot or block and zero behind it, whatever the block held before.
+TEST_F(CacheTest, HandleCopiesAreZeroBehindTheUsedPartWhenBlocksAreReused) {
+  AttrList big, small{{VSK_USER_NAME, "s"}};
+  for (uint16_t type = 1; type < 40; ++type) big.Add(type, std::string(20, 'B'));
+  ASSERT_EQ(Create(130, big), 0);
+  ASSERT_EQ(Create(131, small), 0);
+  DynList long_list{{"a-long-dynamic-name", std::string(200, 'D')}}, short_list{{"n", "v"}};
+  ASSERT_EQ(Dynamic(130, long_list, true), 0);
+  ASSERT_EQ(Dynamic(131, short_list, true), 0);
+  vsk_snapshot_handle handle{};
+  for (uint64_t id : {130, 131, 130, 131, 131}) {
+    vsk_client_session_t* rec = nullptr;
+    vsk_dynamic_config_t* dyn = nullptr;
+    ASSERT_EQ(vsk_db_client_session_empty(&rec), 0);
+    ASSERT_EQ(vsk_db_dynamic_config_empty(&dyn), 0);
+    ASSERT_EQ(vsk_shm_to_session_record(&handle, shm_, rec, id), 0);
+    ASSERT_EQ(vsk_shm_to_dynamic_record(dyn, shm_, id, &handle), 0);
+    const uint8_t* slot = SlotBytes(id);
+    const size_t used = 2u * At<uint16_t>(slot, 274);
+    const auto* copy = static_cast<const uint8_t*>(handle.shm_session_copy);
+    EXPECT_EQ(std::memcmp(copy, slot, used), 0) << id;
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(copy) + used, 3000 - used),
+              std::string(3000 - used, '\0'))
+        << id;
+    const size_t dyn_used = 2u * At<uint16_t>(slot + 1600, 6);
+    const auto* dcopy = static_cast<const uint8_t*>(handle.shm_dynamic_copy);
+    EXPECT_EQ(std::memcmp(dcopy, slot + 1600, dyn_used), 0) << id;
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(dcopy) + dyn_used, 1400 - dyn_used),
+              std::string(1400 - dyn_used, '\0'))
+        << id;
+    vsk_db_release_client_session(rec, false);
+    vsk_db_release_dynamic_config(dyn, false);
+  }
+  std::free(handle.shm_session_copy);
+  std::free(handle.shm_dynamic_copy);
+  std::free(handle.service_ids);
+}
+
 // Readers never trust what a slot says: random bytes over slots and blocks read cleanly.
 TEST_F(CacheTest, CorruptSlotsAndBlocksReadCleanly) {
   std::mt19937 rng(7);

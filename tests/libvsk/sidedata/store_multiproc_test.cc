@@ -202,16 +202,11 @@ TEST_F(SideDataStoreTest, StandbyWithoutTheProvisioningFileGetsMinus12) {
 
 // Stores `bytes` as application `app`'s private data of `session`.
 vsk_status_t PutPrivate(vsk_session_id_t session, uint32_t app, std::vector<uint8_t> bytes) {
-  vsk_db_txn_t txn{};
-  vsk_status_t st = vsk_db_start_txn(&txn);
-  if (st != VSK_OK) return st;
   const vsk_app_pri_key_t key{session, app};
   vsk_app_data_t data{};
   data.length = static_cast<uint32_t>(bytes.size());
   data.data = bytes.data();
-  st = vsk_db_put_app_pri_data(&txn, &key, &data);
-  if (st != VSK_OK) return vsk_db_abort_txn(&txn, st), st;
-  return vsk_db_end_txn(&txn);
+  return InTxn([&](vsk_db_txn_t* t) { return vsk_db_put_app_pri_data(t, &key, &data); });
 }
 
 TEST_F(SideDataStoreTest, FirewallRecordReadFromAnotherProcess) {

@@ -12,6 +12,7 @@
 #include "libvsk/orvd_ctx.h"
 #include "libvsk/store/view.h"
 #include "support/harness.h"
+#include "support/txn.h"
 #include "vsk/dyn_db.h"
 #include "vsk/store.h"
 
@@ -82,17 +83,11 @@ inline vsk_status_t InitAs(orvd_ctx* link, bool orvd, bool master) {
 }
 
 inline vsk_status_t PutRaw(DB* db, uint64_t id, const std::string& value) {
-  vsk_db_txn_t txn{};
-  vsk_status_t st = vsk_db_start_txn(&txn);
-  if (st != VSK_OK) return st;
   Bytes key = IdKey(id);
   Bytes val{value};
-  st = dyn_db_put(db, txn.txn, &key, Bytes::Encode, &val, Bytes::Encode, 0);
-  if (st != VSK_OK) {
-    vsk_db_abort_txn(&txn, st);
-    return st;
-  }
-  return vsk_db_end_txn(&txn);
+  return InTxn([&](vsk_db_txn_t* t) {
+    return dyn_db_put(db, t->txn, &key, Bytes::Encode, &val, Bytes::Encode, 0);
+  });
 }
 
 inline vsk_status_t GetRaw(DB* db, uint64_t id, std::string* value) {

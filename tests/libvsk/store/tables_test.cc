@@ -10,6 +10,7 @@
 #include "libvsk/orvd_ctx.h"
 #include "libvsk/store/view.h"
 #include "support/harness.h"
+#include "support/txn.h"
 #include "vsk/vsk.h"
 
 namespace vsk::test {
@@ -26,20 +27,6 @@ class TablesTest : public VskTest {
   void TearDown() override {
     vsk_db_close();
     VskTest::TearDown();
-  }
-
-  // Commits `fn`'s table operations in one transaction.
-  template <typename Fn>
-  vsk_status_t InTxn(Fn fn) {
-    vsk_db_txn_t txn{};
-    vsk_status_t st = vsk_db_start_txn(&txn);
-    if (st != 0) return st;
-    st = fn(&txn);
-    if (st != 0) {
-      vsk_db_abort_txn(&txn, st);
-      return st;
-    }
-    return vsk_db_end_txn(&txn);
   }
 
   vsk_status_t PutClient(vsk_session_id_t id, const char* user, uint8_t bits = 0) {

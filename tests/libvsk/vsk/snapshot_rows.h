@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/attr_lists.h"
+#include "support/txn.h"
 #include "vsk/vsk.h"
 
 namespace vsk::test {
@@ -30,54 +31,50 @@ struct SessionRow {
 
 // Puts the client record, its dynamic record and its services in one transaction.
 inline vsk_status_t PutSession(const SessionRow& s) {
-  vsk_db_txn_t txn{};
-  vsk_status_t st = vsk_db_start_txn(&txn);
-  std::vector<uint64_t> ids;
-  for (const ServiceRow& sv : s.services) ids.push_back(sv.id);
-  std::vector<uint8_t> bits = s.bits;
-  vsk_client_session_t rec{};
-  rec.attrs = s.attrs->get();
-  rec.service_count = static_cast<uint16_t>(ids.size());
-  rec.service_ids = ids.data();
-  rec.dynamic_id = s.id;
-  rec.config_bits_len = static_cast<uint16_t>(bits.size());
-  rec.config_bits = bits.empty() ? nullptr : bits.data();
-  uint64_t key = s.id;
-  if (st == 0) st = vsk_db_put_client_session(&txn, &key, &rec);
-  if (st == 0 && s.dynamic != nullptr) {
-    vsk_dynamic_config_t dyn{};
-    dyn.attrs = s.dynamic->get();
-    st = vsk_db_put_dynamic_config(&txn, &key, &dyn);
-  }
-  for (const ServiceRow& sv : s.services) {
-    std::vector<uint8_t> sbits = sv.bits;
-    vsk_service_session_t srec{};
-    srec.attrs = sv.attrs->get();
-    srec.client_id = sv.client_id != 0 ? sv.client_id : s.id;
-    srec.config_bits_len = static_cast<uint16_t>(sbits.size());
-    srec.config_bits = sbits.empty() ? nullptr : sbits.data();
-    uint64_t skey = sv.id;
-    if (st == 0) st = vsk_db_put_service_session(&txn, &skey, &srec);
-    if (st == 0 && sv.dynamic != nullptr) {
+  return InTxn([&](vsk_db_txn_t* txn) {
+    std::vector<uint64_t> ids;
+    for (const ServiceRow& sv : s.services) ids.push_back(sv.id);
+    std::vector<uint8_t> bits = s.bits;
+    vsk_client_session_t rec{};
+    rec.attrs = s.attrs->get();
+    rec.service_count = static_cast<uint16_t>(ids.size());
+    rec.service_ids = ids.data();
+    rec.dynamic_id = s.id;
+    rec.config_bits_len = static_cast<uint16_t>(bits.size());
+    rec.config_bits = bits.empty() ? nullptr : bits.data();
+    uint64_t key = s.id;
+    vsk_status_t st = vsk_db_put_client_session(txn, &key, &rec);
+    if (st == 0 && s.dynamic != nullptr) {
       vsk_dynamic_config_t dyn{};
-      dyn.attrs = sv.dynamic->get();
-      st = vsk_db_put_dynamic_config(&txn, &skey, &dyn);
+      dyn.attrs = s.dynamic->get();
+      st = vsk_db_put_dynamic_config(txn, &key, &dyn);
     }
-  }
-  if (st == 0) return vsk_db_end_txn(&txn);
-  vsk_db_abort_txn(&txn, st);
-  return st;
+    for (const ServiceRow& sv : s.services) {
+      std::vector<uint8_t> sbits = sv.bits;
+      vsk_service_session_t srec{};
+      srec.attrs = sv.attrs->get();
+      srec.client_id = sv.client_id != 0 ? sv.client_id : s.id;
+      srec.config_bits_len = static_cast<uint16_t>(sbits.size());
+      srec.config_bits = sbits.empty() ? nullptr : sbits.data();
+      uint64_t skey = sv.id;
+      if (st == 0) st = vsk_db_put_service_session(txn, &skey, &srec);
+      if (st == 0 && sv.dynamic != nullptr) {
+        vsk_dynamic_config_t dyn{};
+        dyn.attrs = sv.dynamic->get();
+        st = vsk_db_put_dynamic_config(txn, &skey, &dyn);
+      }
+    }
+    return st;
+  });
 }
 
 // Deletes a client record and its dynamic record in one transaction.
 inline vsk_status_t DeleteSession(uint64_t id) {
-  vsk_db_txn_t txn{};
-  vsk_status_t st = vsk_db_start_txn(&txn);
-  if (st == 0) st = vsk_db_del_client_session(&txn, &id);
-  if (st == 0) vsk_db_del_dynamic_config(&txn, &id);
-  if (st == 0) return vsk_db_end_txn(&txn);
-  vsk_db_abort_txn(&txn, st);
-  return st;
+  return InTxn([&](vsk_db_txn_t* txn) {
+    vsk_status_t st = vsk_db_del_client_session(txn, &id);
+    if (st == 0) vsk_db_del_dynamic_config(txn, &id);
+    return st;
+  });
 }
 
 // The first value of a read's result (the list head's first word is the first value).

@@ -1,13 +1,15 @@
-#include "support/recount.h"
+#include "libvsk/vsk/recount.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 
 #include "libvsk/shared/intf_file.h"
 #include "libvsk/shared/intf_layout.h"
 #include "libvsk/shared/layout.h"
+#include "libvsk/shared/session_cache_layout.h"
 
-namespace vsk::test {
+namespace vsk::recount {
 namespace {
 
 constexpr uint32_t kUnitBase = 0x40000000u;
@@ -72,8 +74,8 @@ SessionCounts RecountFromTables() {
   for (;;) {
     vsk_session_key_t *key = nullptr, *ahead = nullptr;
     vsk_client_session_t* rec = nullptr;
-    out.status = vsk_db_iterate_client_session(&walk, current, next, 0, false, &key, &ahead,
-                                               &rec, nullptr, 0);
+    out.status = vsk_db_iterate_client_session(&walk, current, next, 0, false, &key, &ahead, &rec,
+                                               nullptr, 0);
     if (out.status != VSK_OK) break;
     current = key->id, next = ahead != nullptr ? ahead->id : 0;
     vsk_db_release_key_session_id(key, true), vsk_db_release_key_session_id(ahead, true);
@@ -83,6 +85,7 @@ SessionCounts RecountFromTables() {
         vsk_shm_to_session_record(nullptr, shm, slot, current) == VSK_OK) {
       slot->dynamic_id = rec->dynamic_id;
       CountSession(current, slot, &out);
+      ++out.slots_in_use;
     } else {
       CountSession(current, rec, &out);
     }
@@ -116,6 +119,14 @@ SessionCounts ReadSharedCounts() {
   uint32_t free = 0;
   for (int32_t i = pool->head; i >= 0 && free <= pool->max; i = entries[i]) ++free;
   out.units_in_use = pool->max - free;
+  // A slot is in use while it names a session; writers store the id last, readers of
+  // other processes see it through a relaxed load.
+  if (auto* seg = static_cast<vsk::cache::SnapshotSegment*>(vsk_snap_get_shared_memory_ptr())) {
+    for (auto& slot : seg->slots) {
+      if (std::atomic_ref<uint64_t>(slot.session_id).load(std::memory_order_relaxed) != 0)
+        ++out.slots_in_use;
+    }
+  }
   return out;
 }
 
@@ -140,6 +151,10 @@ std::string CountDifferences(const SessionCounts& expected, const SessionCounts&
              std::to_string(s.second) + "\n";
     }
   }
+  if (expected.slots_in_use != shared.slots_in_use) {
+    out += "cache slots: tables " + std::to_string(expected.slots_in_use) + ", segment " +
+           std::to_string(shared.slots_in_use) + "\n";
+  }
   if (expected.units_in_use != shared.units_in_use) {
     out += "units: tables " + std::to_string(expected.units_in_use) + ", pool " +
            std::to_string(shared.units_in_use) + "\n";
@@ -154,7 +169,8 @@ std::string LeftBehind(uint64_t id, uint64_t dynamic_id) {
     if (st != VSK_ERR_NOT_FOUND) out += std::string(what) + " " + std::to_string(st) + "; ";
   };
   row("client", vsk_db_client_session_record_exists(&txn, &id, false));
-  if (dynamic_id != 0) row("dynamic", vsk_db_dynamic_config_record_exists(&txn, &dynamic_id, false));
+  if (dynamic_id != 0)
+    row("dynamic", vsk_db_dynamic_config_record_exists(&txn, &dynamic_id, false));
   row("auth request", vsk_db_auth_request_record_exists(&txn, &id, false));
   row("auth response", vsk_db_auth_response_record_exists(&txn, &id, false));
   for (uint32_t app = 0; app < 10; ++app) {
@@ -168,4 +184,4 @@ std::string LeftBehind(uint64_t id, uint64_t dynamic_id) {
   return out;
 }
 
-}  // namespace vsk::test
+}  // namespace vsk::recount
