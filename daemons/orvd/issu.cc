@@ -296,11 +296,12 @@ void Server::RelayPlatdIssuState(uint32_t state, const std::vector<std::string>&
       to.push_back(c.get());
     }
   }
-  for (const std::string& name : names) {
-    if (reset_states) table_[name].issu_state = 0;
+  if (reset_states) {
+    for (Connection* c : to) c->issu_state = 0;
+    for (const std::string& name : names) Remember(name, 0);
   }
   for (Connection* c : to) SendOrDrop(c, &msg, sizeof msg, "cannot relay the ISSU state");
-  WriteTable();
+  TableChanged();
 }
 
 bool Server::SendOrDrop(Connection* conn, const void* data, size_t size, const char* why) {

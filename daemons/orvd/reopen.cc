@@ -1,6 +1,8 @@
 // orvd's reopen of the store in place: see reopen.h.
 #include "reopen.h"
 
+#include "log.h"
+
 #include <time.h>
 
 #include "platform/hwframe.h"

@@ -44,6 +44,9 @@ VSK_EXPORT int dyn_db_open(struct __db **out, struct __db_env *env, const char *
 VSK_EXPORT int dyn_db_sec_open(struct __db **out, struct __db_env *env, const char *name,
                                struct __db *primary, vsk_sec_key_callback_t callback,
                                uint32_t extra_flags);
+/* Closes a table without flushing its pages (DB_NOSYNC): the environment is
+ * transactional, and a flush could wait for ever on a page held by a process that died
+ * inside the library. 0 for a null handle. */
 VSK_EXPORT int dyn_db_close(struct __db *db);
 
 VSK_EXPORT vsk_status_t dyn_db_exists(struct __db *db, struct __db_txn *txn, const void *key,

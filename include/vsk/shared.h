@@ -169,8 +169,12 @@ VSK_EXPORT void vsk_unit_recovered(uint32_t type);
 VSK_EXPORT int32_t vsk_unit_parse(const char *text);
 /* Decimal text of `unit` (unsigned) into `text` of at least 12 bytes. */
 VSK_EXPORT void vsk_unit_itoa(uint32_t unit, char *text);
+/* Room, terminator included, that vsk_parse_ifd_name may fill in each destination. */
+#define VSK_IFD_NAME_MAX 64
 /* Splits "device.unit" at the last point; `device` gets no terminator (hand in a zeroed
- * buffer). A name without a point goes whole to `device`, `unit` untouched. */
+ * buffer). A name without a point goes whole to `device`, `unit` untouched. A name of
+ * VSK_IFD_NAME_MAX characters or more is no interface name: it is traced and nothing is
+ * written, so destinations of VSK_IFD_NAME_MAX bytes always suffice. */
 VSK_EXPORT void vsk_parse_ifd_name(const char *name, char *device, char *unit);
 /* Prints the pool to standard output for operators. */
 VSK_EXPORT void vsk_dump_pool(uint32_t type);

@@ -41,6 +41,12 @@ VSK_EXPORT vsk_status_t vsk_db_init(struct orvd_ctx *orvd_handle, bool is_orvd);
 VSK_EXPORT int vsk_db_close(void);
 VSK_EXPORT vsk_status_t vsk_db_check(void);
 
+/* Transactions. A null block gives -6. A block may be ended only through the address
+ * that began it: ending or aborting a copy of a block, a block whose transaction has
+ * already ended (through another copy, or with its parent), or one left over from an
+ * environment that has since closed, gives -6 with a trace and clears its `txn`.
+ * Not detected, and undefined: a block whose memory was freed and then reused at the same
+ * address while it still holds its old handle, and a block shared between threads. */
 VSK_EXPORT vsk_status_t vsk_db_start_txn(vsk_db_txn_t *ctx);
 VSK_EXPORT vsk_status_t vsk_db_end_txn(vsk_db_txn_t *ctx);
 VSK_EXPORT vsk_status_t vsk_db_abort_txn(vsk_db_txn_t *ctx, vsk_status_t status);

@@ -3,13 +3,18 @@
 // publishes, and a daemon-link client run in one process.
 #pragma once
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <fstream>
 #include <map>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -21,23 +26,29 @@ namespace vsk::test {
 
 using OrvdTableRow = orvd::ClientsRow;
 
+// How to start orvd: where its log goes (inherited when empty) and a descriptor limit
+// (unchanged when 0).
+struct OrvdOptions {
+  std::string log_path;
+  rlim_t max_files = 0;
+};
+
 class OrvdProcess {
  public:
   ~OrvdProcess() { Stop(SIGKILL); }
 
+  using Options = OrvdOptions;
+
   // Starts orvd and waits until it listens. False if it ended or timed out first.
   bool Start(std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
+    return Start(OrvdOptions{}, timeout);
+  }
+  bool Start(const Options& options,
+             std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
     std::string socket = platform::RootedPath(platform::kOrvdSocket);
     std::string table = platform::RootedPath(orvd::kClientsTableFile);
     unlink(table.c_str());
-    const pid_t parent = getpid();
-    pid_ = fork();
-    if (pid_ == 0) {
-      DieWithParent(parent);
-      execl(VSK_BINARY_DIR "/daemons/orvd", "orvd", "--foreground", "--stderr",
-            static_cast<char*>(nullptr));
-      _exit(127);
-    }
+    pid_ = Spawn(options);
     auto end = std::chrono::steady_clock::now() + timeout;
     struct stat st;
     while (std::chrono::steady_clock::now() < end) {
@@ -52,6 +63,27 @@ class OrvdProcess {
     return false;
   }
 
+  // Runs orvd as a child without waiting for anything; its pid.
+  static pid_t Spawn(const OrvdOptions& options = OrvdOptions{}) {
+    const pid_t parent = getpid();
+    pid_t pid = fork();
+    if (pid == 0) {
+      DieWithParent(parent);
+      if (!options.log_path.empty()) {
+        int fd = open(options.log_path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+        if (fd >= 0) dup2(fd, 2);
+      }
+      if (options.max_files != 0) {
+        rlimit rl{options.max_files, options.max_files};
+        setrlimit(RLIMIT_NOFILE, &rl);
+      }
+      execl(VSK_BINARY_DIR "/daemons/orvd", "orvd", "--foreground", "--stderr",
+            static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    return pid;
+  }
+
   // Sends `sig` and waits. Returns the exit code, or -1 if killed or not running.
   int Stop(int sig = SIGTERM) {
     if (pid_ <= 0) return -1;
@@ -60,6 +92,40 @@ class OrvdProcess {
     waitpid(pid_, &status, 0);
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  // Waits up to `timeout` for orvd to end by itself (after a signal). The exit code, -1
+  // if it was killed by a signal, -2 if it was still running (it is killed then).
+  int WaitExit(std::chrono::milliseconds timeout) {
+    if (pid_ <= 0) return -1;
+    auto end = std::chrono::steady_clock::now() + timeout;
+    int status = 0;
+    while (waitpid(pid_, &status, WNOHANG) == 0) {
+      if (std::chrono::steady_clock::now() >= end) {
+        Stop(SIGKILL);
+        return -2;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+  // orvd's published health figures ("/var/run/orvd_health"), by name.
+  static std::map<std::string, std::string> Health() {
+    std::map<std::string, std::string> figures;
+    std::ifstream in(platform::RootedPath("/var/run/orvd_health"));
+    std::string line;
+    while (std::getline(in, line)) {
+      auto space = line.find(' ');
+      if (space != std::string::npos) figures[line.substr(0, space)] = line.substr(space + 1);
+    }
+    return figures;
+  }
+  static long HealthFigure(const std::string& name) {
+    auto figures = Health();
+    auto it = figures.find(name);
+    return it == figures.end() ? -1 : std::atol(it->second.c_str());
   }
 
   pid_t pid() const { return pid_; }

@@ -14,8 +14,8 @@ void WriteClientsRow(std::ostream& out, const std::string& name, const ClientsRo
       << row.issu_state << ' ' << row.connected << ' ' << row.replication_requests << '\n';
 }
 
-std::map<std::string, ClientsRow> ReadClientsTable() {
-  std::map<std::string, ClientsRow> rows;
+std::vector<std::pair<std::string, ClientsRow>> ReadClientsRows() {
+  std::vector<std::pair<std::string, ClientsRow>> rows;
   std::ifstream in(platform::RootedPath(kClientsTableFile));
   std::string line;
   while (std::getline(in, line)) {
@@ -24,9 +24,15 @@ std::map<std::string, ClientsRow> ReadClientsTable() {
     ClientsRow r;
     if (fields >> name >> r.pid >> r.role >> r.recovery_complete >> r.issu_state >>
         r.connected >> r.replication_requests) {
-      rows[name] = r;
+      rows.emplace_back(std::move(name), r);
     }
   }
+  return rows;
+}
+
+std::map<std::string, ClientsRow> ReadClientsTable() {
+  std::map<std::string, ClientsRow> rows;
+  for (auto& [name, row] : ReadClientsRows()) rows[name] = row;
   return rows;
 }
 
@@ -34,10 +40,23 @@ bool WaitForClientsRow(const std::string& name, const std::function<bool(const C
                        ClientsRow* row, std::chrono::milliseconds timeout) {
   const auto end = std::chrono::steady_clock::now() + timeout;
   for (;;) {
-    auto rows = ReadClientsTable();
-    auto it = rows.find(name);
-    *row = it != rows.end() ? it->second : ClientsRow{};
-    if (it != rows.end() && done(*row)) return true;
+    *row = ClientsRow{};
+    for (const auto& [n, r] : ReadClientsRows()) {
+      if (n != name) continue;
+      *row = r;
+      if (done(r)) return true;
+    }
+    if (std::chrono::steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+}
+
+bool WaitForNoClientsRow(const std::string& name, std::chrono::milliseconds timeout) {
+  const auto end = std::chrono::steady_clock::now() + timeout;
+  for (;;) {
+    bool found = false;
+    for (const auto& [n, r] : ReadClientsRows()) found = found || n == name;
+    if (!found) return true;
     if (std::chrono::steady_clock::now() >= end) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }

@@ -1,10 +1,13 @@
 // The table of registered daemons that orvd publishes for operators, tests and tools.
 //
-// orvd rewrites the whole file after each change (through a rename, so a reader never
-// sees half a table), one line per daemon:
+// orvd rewrites the whole file shortly after a change (through a rename, so a reader never
+// sees half a table), one line per live registered connection:
 //   name pid role recovery_complete issu_state connected replication_requests
-// A reader in another process sees a change a moment after the message that caused it,
-// so waiting for a state goes through WaitForClientsRow.
+// A row goes with its connection; a daemon that has left shows role 0 and connected 0
+// until it closes the connection. Names hold no blanks or control characters, so each
+// line splits into exactly these fields. Two connections of one program give two rows
+// with the same name. A reader in another process sees a change a moment after the
+// message that caused it, so waiting for a state goes through WaitForClientsRow.
 #pragma once
 
 #include <chrono>
@@ -12,6 +15,8 @@
 #include <map>
 #include <ostream>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace vsk::orvd {
 
@@ -30,13 +35,19 @@ struct ClientsRow {
 // Writes one line of the table.
 void WriteClientsRow(std::ostream& out, const std::string& name, const ClientsRow& row);
 
-// The table as published now, by daemon name; empty when there is none.
+// The table as published now, in its order; empty when there is none.
+std::vector<std::pair<std::string, ClientsRow>> ReadClientsRows();
+// The same by daemon name (of two rows with one name, the later one).
 std::map<std::string, ClientsRow> ReadClientsTable();
 
-// Waits up to `timeout` for the row of `name` to satisfy `done`. True with the row in
-// *row when it did; false with the last row seen (or a default one) otherwise.
+// Waits up to `timeout` for a row of `name` to satisfy `done`. True with the row in *row
+// when one did; false with the last row seen (or a default one) otherwise.
 bool WaitForClientsRow(const std::string& name, const std::function<bool(const ClientsRow&)>& done,
                        ClientsRow* row,
                        std::chrono::milliseconds timeout = std::chrono::seconds(5));
+
+// Waits up to `timeout` until no row of `name` is left. True when none is.
+bool WaitForNoClientsRow(const std::string& name,
+                         std::chrono::milliseconds timeout = std::chrono::seconds(5));
 
 }  // namespace vsk::orvd

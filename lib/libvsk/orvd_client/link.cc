@@ -2,18 +2,25 @@
 // timer and the three ways a daemon services the link (event, select, poll).
 //
 // The reader blocks in recv for the fixed size of each message: orvd writes whole
-// messages, and the socket is only read when it is readable.
+// messages, and the socket is only read when it is readable. No wait on orvd is
+// unbounded: the connect gives up after the connect timeout (an orvd that is stopped or
+// has a full backlog never accepts), and a send or a receive that stalls longer than
+// kStallLimitMs fails like a broken link.
 #include "libvsk/orvd_client/link.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <climits>
 #include <cstring>
 #include <string>
+#include <thread>
 
 #include "libvsk/base/byte_reader.h"
 #include "libvsk/base/role.h"
@@ -28,6 +35,68 @@
 
 namespace vsk::orvd {
 namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Longest a send or the rest of a message may stall: orvd answers in microseconds.
+constexpr int kStallLimitMs = 2000;
+// Pause between attempts while orvd's backlog is full.
+constexpr auto kBacklogRetry = std::chrono::milliseconds(5);
+
+bool SetNonBlocking(int fd, bool on) {
+  int flags = fcntl(fd, F_GETFL);
+  if (flags < 0) return false;
+  flags = on ? flags | O_NONBLOCK : flags & ~O_NONBLOCK;
+  return fcntl(fd, F_SETFL, flags) == 0;
+}
+
+// Connects `fd` to `addr` within `timeout_ms`. A non-blocking Unix-domain connect does not
+// wait for room in a full backlog: it fails with EAGAIN, and is tried again until the
+// deadline. 0 or -1 with errno (ETIMEDOUT when the time ran out).
+int ConnectWithin(int fd, const sockaddr_un& addr, int timeout_ms) {
+  if (!SetNonBlocking(fd, true)) return -1;
+  const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
+  int rc = -1;
+  for (;;) {
+    rc = connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
+    if (rc == 0 || errno == EISCONN) {
+      rc = 0;
+      break;
+    }
+    if (errno == EINTR) continue;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    if (errno == EINPROGRESS) {
+      pollfd pfd{fd, POLLOUT, 0};
+      int n;
+      do {
+        n = poll(&pfd, 1, static_cast<int>(std::max<int64_t>(left.count(), 0)));
+      } while (n < 0 && errno == EINTR);
+      int err = n == 0 ? ETIMEDOUT : 0;
+      socklen_t len = sizeof err;
+      if (n > 0 && getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) err = errno;
+      errno = err;
+      rc = err == 0 ? 0 : -1;
+      break;
+    }
+    if (errno != EAGAIN) break;
+    if (left.count() <= 0) {
+      errno = ETIMEDOUT;
+      break;
+    }
+    std::this_thread::sleep_for(std::min<Clock::duration>(kBacklogRetry, left));
+  }
+  int saved = errno;
+  if (!SetNonBlocking(fd, false) && rc == 0) return -1;
+  errno = saved;
+  return rc;
+}
+
+// Bounds every later send and receive on the link.
+void BoundStalls(int fd) {
+  timeval tv{kStallLimitMs / 1000, (kStallLimitMs % 1000) * 1000};
+  setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+  setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+}
 
 // Receives exactly `size` bytes. Returns the byte count received (size on success, 0
 // when orvd closed the link, less on a failure or a cut).
@@ -158,19 +227,20 @@ vsk_status_t ConnectAndRegister(orvd_ctx* ctx) {
   std::memset(&addr, 0, sizeof addr);
   addr.sun_family = AF_UNIX;
   std::string path = platform::RootedPath(platform::kOrvdSocket);
+  int timeout = ctx->connect_timeout > INT_MAX ? INT_MAX : static_cast<int>(ctx->connect_timeout);
   int rc = -1;
   if (path.size() < sizeof addr.sun_path) {
     std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-    do {
-      rc = connect(ctx->fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    } while (rc != 0 && errno == EINTR);
+    rc = ConnectWithin(ctx->fd, addr, timeout);
   } else {
     errno = ENAMETOOLONG;
   }
   if (rc != 0) {
+    // The caller's clean-up closes the socket: a connect that timed out is not reused.
     ORVD_TRACE(ctx, "Unable to connect to ORVD socket: %s", std::strerror(errno));
     return VSK_ERR_ORVD_CONNECT;
   }
+  BoundStalls(ctx->fd);
   ORVD_TRACE(ctx, "Connected to ORVD");
 
   if (ctx->issu_enabled) {
@@ -185,7 +255,6 @@ vsk_status_t ConnectAndRegister(orvd_ctx* ctx) {
     return VSK_ERR_ORVD_FATAL;
   }
 
-  int timeout = ctx->connect_timeout > INT_MAX ? INT_MAX : static_cast<int>(ctx->connect_timeout);
   pollfd pfd{ctx->fd, POLLIN, 0};
   int n;
   do {

@@ -96,6 +96,13 @@ vsk_status_t Finish(vsk_status_t status);
 void StoreInterfaceFunctions();
 SHGenAVLTree SessionTree(uint32_t root);
 
+// The owner's cheap watch for a dead holder, safe to run often: true when lock_pid is
+// set while nobody holds semaphore 2 (a live holder keeps it for the whole operation), so
+// the repair (vsk_failcheck) is due. Takes the semaphore only for an instant and never
+// waits for it; false when unmapped, when the table is free, or when a live process is
+// inside it.
+bool DeadHolderSuspected();
+
 // Test seams. Lock/Unlock: a table operation's lock and unlock with nothing in between,
 // so that a test process can die holding the table. Forget: drops this process's mapping
 // and descriptor as if it had never run init (a forked child then maps like a client).

@@ -16,6 +16,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <atomic>
+
 #include "libvsk/base/status.h"
 #include "libvsk/base/trace.h"
 #include "libvsk/shared/avl.h"
@@ -190,6 +192,26 @@ vsk_status_t vsk_db_secondary_recover(void) {
   if (vsk_db_status != nullptr) *vsk_db_status = VSK_DB_STATUS_READY;
   return VSK_OK;
 }
+
+}  // extern "C"
+
+namespace vsk::shared::intf {
+
+bool DeadHolderSuspected() {
+  if (Map().base == nullptr) return false;
+  // A plain read outside the lock: only a hint, confirmed under the semaphore below.
+  if (std::atomic_ref<int32_t>(Header()->lock_pid).load(std::memory_order_relaxed) == 0) {
+    return false;
+  }
+  if (TryAcquireLock(VSK_LOCK_HEAP) != 1) return false;
+  const bool dead = std::atomic_ref<int32_t>(Header()->lock_pid).load() != 0;
+  ReleaseLock(VSK_LOCK_HEAP);
+  return dead;
+}
+
+}  // namespace vsk::shared::intf
+
+extern "C" {
 
 vsk_status_t vsk_db_secondary_failcheck(void) {
   if (Map().base == nullptr) {

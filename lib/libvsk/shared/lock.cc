@@ -10,6 +10,8 @@
 //     the process (vsk_close_internal does not reset it), so a later open reuses it.
 //  2. The values of an existing set are never reset: only the creator of the set sets them.
 //  3. The set is never removed by the library.
+//  4. The set is made 0666, or 0660 for one group when the creator runs with VSK_IPC_GROUP
+//     (platform/ipc_access.h); the creator also narrows a set it finds.
 #include <errno.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -19,6 +21,7 @@
 #include "libvsk/base/fault.h"
 #include "libvsk/base/trace.h"
 #include "libvsk/shared/lock_hold.h"
+#include "platform/ipc_access.h"
 #include "platform/paths.h"
 #include "vsk/shared.h"
 
@@ -71,6 +74,16 @@ int SemaphoreOp(int n, short delta, int* attempts) {
   return 0;
 }
 
+// The creator narrows the set to the installation's group. On a refusal the set is not
+// used: a daemon must not run on objects it was asked to keep closed.
+int RestrictSet(bool create, const vsk::platform::IpcAccess& access) {
+  if (!create || vsk::platform::ApplySemAccess(g_semaphore_set, access)) return 0;
+  VSK_TRACE("Failed to restrict semaphore to group %u: %s", static_cast<unsigned>(access.gid),
+            strerror(errno));
+  g_semaphore_set = -1;
+  return -1;
+}
+
 }  // namespace
 
 int LockInit(bool create) {
@@ -81,21 +94,30 @@ int LockInit(bool create) {
     VSK_TRACE("Failed to get semaphore");
     return -1;
   }
+  vsk::platform::IpcAccess access;
+  if (create) {
+    access = vsk::platform::CreatorIpcAccess();
+    if (!access.error.empty()) {
+      VSK_TRACE("%s", access.error.c_str());
+      return -1;
+    }
+  }
   g_semaphore_set = GetSet(key, 0666);
   if (g_semaphore_set != -1) {
     VSK_TRACE("semaphore exist");
-    return 0;
+    return RestrictSet(create, access);
   }
   if (!create) {
     VSK_TRACE("Failed to get semaphore");
     return -1;
   }
   VSK_TRACE("semaphore does not exist");
-  g_semaphore_set = GetSet(key, IPC_CREAT | 0666);
+  g_semaphore_set = GetSet(key, IPC_CREAT | access.mode);
   if (g_semaphore_set == -1) {
     VSK_TRACE("Failed to init semaphore");
     return -1;
   }
+  if (RestrictSet(create, access) != 0) return -1;
   for (int n = 0; n < kSemaphoreCount; ++n) {
     if (semctl(g_semaphore_set, n, SETVAL, 1) != 0) {
       VSK_TRACE("Failed to reset semaphore");
@@ -113,6 +135,20 @@ int AcquireLock(int n) {
   }
   if (attempts > 1) VSK_TRACE("INFO: VSK acquire lock cnt %d", attempts);
   return 0;
+}
+
+int TryAcquireLock(int n) {
+  if (g_semaphore_set == -1) return -1;
+  sembuf op{};
+  op.sem_num = static_cast<unsigned short>(n);
+  op.sem_op = -1;
+  op.sem_flg = SEM_UNDO | IPC_NOWAIT;
+  for (int attempt = 0; attempt < kMaxAttempts; ++attempt) {
+    if (Op(&op) == 0) return 1;
+    if (errno == EAGAIN) return 0;
+    if (errno != EINTR) return -1;
+  }
+  return -1;
 }
 
 int ReleaseLock(int n) {

@@ -22,6 +22,9 @@ namespace vsk::shared {
 int LockInit(bool create);
 int AcquireLock(int n);
 int ReleaseLock(int n);
+// Takes semaphore `n` only if it is free at once (SEM_UNDO, no wait). 1 when taken (give
+// it back with ReleaseLock), 0 when another process holds it, -1 on a failure.
+int TryAcquireLock(int n);
 
 class LockHold {
  public:

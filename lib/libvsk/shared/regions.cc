@@ -10,6 +10,8 @@
 //     byte, so ids, pools and counters survive a daemon restart.
 //  2. A pointer is null exactly while this process has no attachment through it.
 //  3. The library never removes a segment.
+//  4. Segments are made 0666, or 0660 for one group when the creator runs with
+//     VSK_IPC_GROUP (platform/ipc_access.h); the creator also narrows segments it finds.
 #include "libvsk/shared/regions.h"
 
 #include <errno.h>
@@ -22,6 +24,7 @@
 #include "libvsk/base/fault.h"
 #include "libvsk/base/trace.h"
 #include "libvsk/shared/layout.h"
+#include "platform/ipc_access.h"
 #include "platform/paths.h"
 #include "vsk/shared.h"
 
@@ -46,6 +49,23 @@ int FindOrMake(key_t key, size_t size, int flags) {
   return shmget(key, size, flags);
 }
 
+// The creator's access rule, or a trace and false when VSK_IPC_GROUP names no group.
+bool CreatorAccess(bool create, platform::IpcAccess* access) {
+  if (!create) return true;
+  *access = platform::CreatorIpcAccess();
+  if (access->error.empty()) return true;
+  VSK_TRACE("%s", access->error.c_str());
+  return false;
+}
+
+// Narrows a segment the creator made or found to the installation's group.
+bool Restrict(int id, const platform::IpcAccess& access) {
+  if (platform::ApplyShmAccess(id, access)) return true;
+  VSK_TRACE("Failed to restrict shared memory to group %u: %s",
+            static_cast<unsigned>(access.gid), strerror(errno));
+  return false;
+}
+
 void* Attach(int id) {
   int err;
   if (fault::Inject(fault::Kind::kShmat, &err)) {
@@ -64,6 +84,8 @@ using namespace vsk::shared;
 int vsk::shared::SharedMemoryInit(bool create) {
   key_t key = KeyOf(kMainProject);
   if (key == -1) return -1;
+  vsk::platform::IpcAccess access;
+  if (!CreatorAccess(create, &access)) return -1;
   bool created = false;
   int id = FindOrMake(key, kMainSize, 0666);
   if (id != -1) {
@@ -74,13 +96,14 @@ int vsk::shared::SharedMemoryInit(bool create) {
       return -1;
     }
     VSK_TRACE("shared memory does not exist");
-    id = FindOrMake(key, kMainSize, IPC_CREAT | 0666);
+    id = FindOrMake(key, kMainSize, IPC_CREAT | access.mode);
     if (id == -1) {
       VSK_TRACE("Failed to create shared memory");
       return -1;
     }
     created = true;
   }
+  if (create && !Restrict(id, access)) return -1;
   // A second call attaches again and overwrites the pointer: the process does not keep
   // track of an earlier attachment.
   g_main = static_cast<uint8_t*>(Attach(id));
@@ -101,6 +124,8 @@ int vsk::shared::SnapSharedMemoryInit(bool create) {
     VSK_TRACE("%s:Failed to get shared memory key", kFn);
     return -1;
   }
+  vsk::platform::IpcAccess access;
+  if (!CreatorAccess(create, &access)) return -1;
   bool created = false;
   int id = FindOrMake(key, kSnapshotSize, 0666);
   if (id != -1) {
@@ -110,13 +135,14 @@ int vsk::shared::SnapSharedMemoryInit(bool create) {
       VSK_TRACE("Failed to get snapshot shared memory");
       return -1;
     }
-    id = FindOrMake(key, kSnapshotSize, IPC_CREAT | 0666);
+    id = FindOrMake(key, kSnapshotSize, IPC_CREAT | access.mode);
     if (id == -1) {
       VSK_TRACE("%s:Failed to get shared memory id %s", kFn, strerror(errno));
       return -1;
     }
     created = true;
   }
+  if (create && !Restrict(id, access)) return -1;
   g_snapshot = static_cast<uint8_t*>(Attach(id));
   if (g_snapshot == nullptr) {
     VSK_TRACE("%s:Failed to attach shared memory", kFn);

@@ -248,6 +248,14 @@ void vsk_unit_itoa(uint32_t unit, char* text) {
 
 void vsk_parse_ifd_name(const char* name, char* device, char* unit) {
   if (name == nullptr || name[0] == '\0' || name[1] == '\0' || device == nullptr) return;
+  // The destinations have no size: a bound on the name is what keeps the copies inside
+  // them.
+  const size_t length = strnlen(name, VSK_IFD_NAME_MAX);
+  if (length >= VSK_IFD_NAME_MAX) {
+    VSK_TRACE("%s: interface name longer than %d characters", "vsk_parse_ifd_name",
+              VSK_IFD_NAME_MAX - 1);
+    return;
+  }
   const char* dot = std::strrchr(name, '.');
   if (dot == nullptr) {
     std::strcpy(device, name);

@@ -71,8 +71,14 @@ int CompareSessionIdKeys(DB*, const DBT* a, const DBT* b) noexcept {
   return 0;
 }
 
+vsk_status_t BadArgument(const char* fn, const char* what) {
+  VSK_TRACE("%s: bad argument %s", fn, what);
+  return VSK_ERR_INVALID_PARAM;
+}
+
 }  // namespace vsk::store
 
+using vsk::store::BadArgument;
 using vsk::store::DecoderFailure;
 using vsk::store::Encoded;
 using vsk::store::kReadKeyLocalMax;
@@ -133,6 +139,10 @@ int vsk::store::DynOpen(DB** out, DB_ENV* env, const char* name, uint32_t extra_
 
 extern "C" int dyn_db_open(DB** out, DB_ENV* env, const char* name, uint32_t extra_flags,
                            bool master) {
+  if (out == nullptr || name == nullptr) {
+    BadArgument("dyn_db_open", out == nullptr ? "handle slot" : "name");
+    return EINVAL;
+  }
   return vsk::store::DynOpen(out, env, name, extra_flags, master);
 }
 
@@ -151,7 +161,11 @@ extern "C" int dyn_db_sec_open(DB** out, DB_ENV* env, const char* name, DB* prim
 
 int vsk::store::DynClose(DB* db) {
   if (db == nullptr) return 0;
-  return db->close(db, 0);
+  // Without flushing the table's pages: every table lives in a transactional environment,
+  // whose log already holds each committed change and whose owner checkpoints. A flush
+  // waits for every page of the file, and one held by a process that died inside the
+  // library is never given back: the close would never return.
+  return db->close(db, DB_NOSYNC);
 }
 
 extern "C" int dyn_db_close(DB* db) { return vsk::store::DynClose(db); }
@@ -166,6 +180,8 @@ vsk_status_t vsk::store::DynExists(DB* db, DB_TXN* txn, const void* key, vsk_enc
 
 extern "C" vsk_status_t dyn_db_exists(DB* db, DB_TXN* txn, const void* key,
                                       vsk_encoder_t key_encoder, uint32_t flags) {
+  if (db == nullptr) return BadArgument("dyn_db_exists", "table");
+  if (key_encoder == nullptr) return BadArgument("dyn_db_exists", "key encoder");
   return vsk::store::DynExists(db, txn, key, key_encoder, flags);
 }
 
@@ -179,6 +195,8 @@ vsk_status_t vsk::store::DynDel(DB* db, DB_TXN* txn, const void* key, vsk_encode
 
 extern "C" vsk_status_t dyn_db_del(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
                                    uint32_t flags) {
+  if (db == nullptr) return BadArgument("dyn_db_del", "table");
+  if (key_encoder == nullptr) return BadArgument("dyn_db_del", "key encoder");
   return vsk::store::DynDel(db, txn, key, key_encoder, flags);
 }
 
@@ -202,6 +220,10 @@ vsk_status_t vsk::store::DynPut(DB* db, DB_TXN* txn, const void* key, vsk_encode
 
 extern "C" vsk_status_t dyn_db_put(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
                                    const void* value, vsk_encoder_t value_encoder, uint32_t flags) {
+  if (db == nullptr) return BadArgument("dyn_db_put", "table");
+  if (key_encoder == nullptr || value_encoder == nullptr) {
+    return BadArgument("dyn_db_put", "encoder");
+  }
   return vsk::store::DynPut(db, txn, key, key_encoder, value, value_encoder, flags);
 }
 
@@ -227,5 +249,7 @@ vsk_status_t vsk::store::DynGet(DB* db, DB_TXN* txn, const void* key, vsk_encode
 extern "C" vsk_status_t dyn_db_get(DB* db, DB_TXN* txn, const void* key, vsk_encoder_t key_encoder,
                                    void* out, vsk_value_decoder_t decoder, uint32_t flags,
                                    const uint8_t* mask, uint16_t mask_len) {
+  if (db == nullptr) return BadArgument("dyn_db_get", "table");
+  if (key_encoder == nullptr || decoder == nullptr) return BadArgument("dyn_db_get", "codec");
   return vsk::store::DynGet(db, txn, key, key_encoder, out, decoder, flags, mask, mask_len);
 }

@@ -88,6 +88,8 @@ extern "C" vsk_status_t dyn_vsk_get(DB* db, DB_TXN* txn, const void* key,
                                     vsk_key_encoder4_t key_encoder, void* key_out,
                                     vsk_key_decoder_t key_decoder, void* out,
                                     vsk_value_decoder_t decoder, uint32_t flags) {
+  if (db == nullptr) return vsk::store::BadArgument("dyn_vsk_get", "table");
+  if (key_encoder == nullptr) return vsk::store::BadArgument("dyn_vsk_get", "key encoder");
   return vsk::store::DynVskGet(db, txn, key, key_encoder, key_out, key_decoder, out, decoder,
                                flags);
 }
@@ -105,6 +107,7 @@ vsk_status_t vsk::store::DynSetCursor(DBC* cursor, const void* key, uint32_t len
 }
 
 extern "C" vsk_status_t dyn_db_set_cursor(DBC* cursor, const void* key, uint32_t length) {
+  if (cursor == nullptr) return vsk::store::BadArgument("dyn_db_set_cursor", "cursor");
   return vsk::store::DynSetCursor(cursor, key, length);
 }
 
@@ -174,6 +177,10 @@ extern "C" vsk_status_t dyn_db_get_cursor(DBC* cursor, const void* key,
                                           vsk_secondary_decoder_t secondary_decoder,
                                           uint32_t operation, const uint8_t* mask,
                                           uint16_t mask_len) {
+  if (cursor == nullptr) return vsk::store::BadArgument("dyn_db_get_cursor", "cursor");
+  if (key != nullptr && key_encoder == nullptr) {
+    return vsk::store::BadArgument("dyn_db_get_cursor", "key encoder");
+  }
   return vsk::store::DynGetCursor(cursor, key, key_encoder, key_out, key_decoder, out, decoder,
                                   secondary_out, secondary_decoder, operation, mask, mask_len);
 }

@@ -106,6 +106,11 @@ inline vsk_status_t DecoderFailure(int result) {
   return VSK_ERR_CORRUPT;
 }
 
+// Bad arguments of an engine call: traces "%s: bad argument %s" with the call and what
+// was missing, and gives -6. A table operation with a null table, key, encoder or
+// decoder ends here instead of inside Berkeley DB.
+vsk_status_t BadArgument(const char* fn, const char* what);
+
 // The key order of "client-session-db": two 32-bit words, the second the high one,
 // compared as one unsigned 64-bit number.
 int CompareSessionIdKeys(DB* db, const DBT* a, const DBT* b) noexcept;

@@ -15,6 +15,7 @@
 #include "libvsk/store/env.h"
 #include "libvsk/store/env_internal.h"
 #include "libvsk/store/joins.h"
+#include "libvsk/store/txn_registry.h"
 #include "platform/lodex.h"
 #include "vsk/dyn_db.h"
 #include "vsk/store.h"
@@ -105,6 +106,8 @@ int vsk::store::Close() {
     }
   }
 
+  // Every transaction handle went with the environment (or is unusable in a panic).
+  ForgetAllTxns();
   orvd_ctx* keep = ctx->orvd_handle;
   *ctx = StoreContext{};
   ctx->orvd_handle = keep;

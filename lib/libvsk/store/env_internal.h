@@ -17,6 +17,10 @@ void ErrorCallback(const DB_ENV* env, const char* prefix, const char* message) n
 void MessageCallback(const DB_ENV* env, const char* message) noexcept;
 // Reports this process to Berkeley DB as (context pid, thread 0).
 void ThreadIdCallback(DB_ENV* env, pid_t* pid, db_threadid_t* tid) noexcept;
+// True while process `pid` exists. Registered in every process that opens the
+// environment: Berkeley DB reuses the thread slot of a dead process only when the joiner
+// can ask this, and the owner's failchk needs it to find dead lock holders.
+int IsAliveCallback(DB_ENV* env, pid_t pid, db_threadid_t tid, uint32_t flags) noexcept;
 // Panic and replication events; only a panic changes the store's state.
 void EventCallback(DB_ENV* env, uint32_t event, void* info) noexcept;
 

@@ -94,6 +94,10 @@ bool SetParameters(StoreContext* ctx, bool is_orvd, EnvSetup& setup) {
          (!is_orvd ||
           setup.Step(env->set_thread_count(env, kThreadCount), "Failed to set thread count: %s")) &&
          setup.Step(env->set_thread_id(env, ThreadIdCallback), "Failed to set thread id: %s") &&
+         // Beyond the listed parameters: without a liveness test in every joiner the
+         // thread slots of dead processes are never reused, and after some 12,700
+         // process lifetimes no process can join until a recovery.
+         setup.Step(env->set_isalive(env, IsAliveCallback), "Failed to set is_alive: %s") &&
          setup.Step(env->set_lg_bsize(env, kLogBufferBytes), "Failed to set log buffer: %s") &&
          setup.Step(env->set_lg_regionmax(env, kLogRegionBytes), "Failed to set log region: %s") &&
          setup.Step(env->set_cachesize(env, 0, kCacheBytes, 0), "Failed to set cache size : %s") &&
@@ -102,7 +106,12 @@ bool SetParameters(StoreContext* ctx, bool is_orvd, EnvSetup& setup) {
          setup.Step(env->set_lk_max_lockers(env, kMaxLockers),
                     "Failed to set lockers count : %s") &&
          // Per handle: each process of the master sets its own, or its commits sync.
-         setup.Step(env->set_flags(env, DB_TXN_NOSYNC, master ? 1 : 0),
+         // Write-without-sync rather than no-write: a commit hands its log records to the
+         // file before it returns. A process that dies inside the library makes orvd
+         // recover the store from the log files, and the shared log buffer may be held by
+         // the dead process and cannot be flushed then; commits that had returned must
+         // not be in it. Still no fsync, as before.
+         setup.Step(env->set_flags(env, DB_TXN_WRITE_NOSYNC, master ? 1 : 0),
                     "Error setting DB environment flags: %s");
 }
 

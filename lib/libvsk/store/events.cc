@@ -4,8 +4,11 @@
 // These run on whatever thread is inside Berkeley DB at the time. The panic event writes
 // the store's state and vsk_in_panic without a lock, like every other writer of them.
 #include <db.h>
+#include <errno.h>
+#include <signal.h>
 
 #include "libvsk/base/trace.h"
+#include "libvsk/store/env.h"
 #include "libvsk/store/env_internal.h"
 
 namespace vsk::store {
@@ -16,6 +19,13 @@ void ErrorCallback(const DB_ENV*, const char*, const char* message) noexcept {
 
 void MessageCallback(const DB_ENV*, const char* message) noexcept { VSK_TRACE("%s", message); }
 
+namespace {
+// 0 on every thread but one that asked for its own slot (SetThisThreadNumber).
+thread_local db_threadid_t t_thread_number = 0;
+}  // namespace
+
+void SetThisThreadNumber(db_threadid_t number) { t_thread_number = number; }
+
 void ThreadIdCallback(DB_ENV*, pid_t* pid, db_threadid_t* tid) noexcept {
   StoreContext* ctx = Context();
   pid_t id = 0;
@@ -25,8 +35,18 @@ void ThreadIdCallback(DB_ENV*, pid_t* pid, db_threadid_t* tid) noexcept {
     VSK_TRACE("**  NO PID **");  // published text, two spaces after the stars
   }
   if (pid != nullptr) *pid = id;
-  // All threads of a process share one identity: the store runs on the daemon's thread.
-  if (tid != nullptr) *tid = 0;
+  // All threads of a process share one identity, thread 0: the store runs on the daemon's
+  // thread. Only a helper thread of the owning daemon that calls Berkeley DB beside it
+  // takes a number of its own.
+  if (tid != nullptr) *tid = t_thread_number;
+}
+
+int IsAliveCallback(DB_ENV*, pid_t pid, db_threadid_t, uint32_t) noexcept {
+  // A process is alive while a signal could reach it; EPERM means it exists under
+  // another user. Thread ids carry nothing (every thread of a process is thread 0), so
+  // the answer is the same with or without DB_MUTEX_PROCESS_ONLY.
+  if (pid <= 0) return 0;
+  return kill(pid, 0) == 0 || errno != ESRCH ? 1 : 0;
 }
 
 void EventCallback(DB_ENV*, uint32_t event, void*) noexcept {

@@ -1,0 +1,107 @@
+// See given_up.h.
+#include "given_up.h"
+
+#include <dirent.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include "platform/paths.h"
+
+namespace orvd {
+
+std::vector<DB_ENV*>& GivenUpEnvironments() {
+  static auto* list = new std::vector<DB_ENV*>;
+  return *list;
+}
+
+namespace {
+
+// Descriptors of this process on the store's files (its home, not the interface table's
+// directory below it).
+std::vector<std::pair<int, std::string>> StoreDescriptors() {
+  const std::string home = vsk::platform::RootedPath(vsk::platform::kStoreHome);
+  const std::string shmem = vsk::platform::RootedPath(vsk::platform::kInterfaceDir);
+  std::vector<std::pair<int, std::string>> fds;
+  DIR* dir = opendir("/proc/self/fd");
+  if (dir == nullptr) return fds;
+  while (dirent* e = readdir(dir)) {
+    int fd = std::atoi(e->d_name);
+    if (fd <= 2 || fd == dirfd(dir)) continue;
+    char target[4096];
+    std::string link = std::string("/proc/self/fd/") + e->d_name;
+    ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
+    if (n <= 0) continue;
+    std::string path(target, static_cast<size_t>(n));
+    if (path.rfind(home, 0) == 0 && path.rfind(shmem, 0) != 0) fds.emplace_back(fd, path);
+  }
+  closedir(dir);
+  return fds;
+}
+
+// Closes `fd` if it still names `path`. A descriptor that Berkeley DB closed by itself
+// may have been given to something else since.
+void CloseIfStill(int fd, const std::string& path) {
+  char target[4096];
+  const std::string link = "/proc/self/fd/" + std::to_string(fd);
+  ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
+  if (n <= 0) return;
+  std::string now(target, static_cast<size_t>(n));
+  // A removed file shows with " (deleted)" added.
+  if (now == path || now == path + " (deleted)") close(fd);
+}
+
+// The mappings of this process of the current environment's region files ("__db.*" in
+// the store's home, not yet removed: an older environment's show as deleted).
+std::vector<std::pair<uintptr_t, size_t>> RegionMappings() {
+  const std::string prefix = vsk::platform::RootedPath(vsk::platform::kStoreHome) + "__db.";
+  std::ifstream maps("/proc/self/maps");
+  std::vector<std::pair<uintptr_t, size_t>> ranges;
+  std::string line;
+  while (std::getline(maps, line)) {
+    auto slash = line.find('/');
+    if (slash == std::string::npos || line.compare(slash, prefix.size(), prefix) != 0) continue;
+    if (line.find(" (deleted)", slash) != std::string::npos) continue;  // an older one's
+    uintptr_t start = std::strtoull(line.c_str(), nullptr, 16);
+    uintptr_t end = std::strtoull(line.c_str() + line.find('-') + 1, nullptr, 16);
+    ranges.emplace_back(start, end - start);
+  }
+  return ranges;
+}
+
+}  // namespace
+
+Holdings TakeHoldings() { return {StoreDescriptors(), RegionMappings()}; }
+
+void Release(const Holdings& holdings) {
+  for (const auto& [fd, path] : holdings.descriptors) CloseIfStill(fd, path);
+  for (auto [start, size] : holdings.mappings) munmap(reinterpret_cast<void*>(start), size);
+}
+
+// True when process `pid` waits in a futex whose address lies in a removed region file of
+// the store: a mutex, latch or condition of an environment that has been given up.
+bool WaitsInsideGivenUpStore(pid_t pid) {
+  const std::string proc = "/proc/" + std::to_string(pid);
+  std::ifstream syscall(proc + "/syscall");
+  long number = -1;
+  std::string address;
+  if (!(syscall >> number >> address) || number != SYS_futex) return false;
+  const uintptr_t at = std::strtoull(address.c_str(), nullptr, 16);
+  const std::string prefix = vsk::platform::RootedPath(vsk::platform::kStoreHome) + "__db.";
+  std::ifstream maps(proc + "/maps");
+  for (std::string line; std::getline(maps, line);) {
+    const uintptr_t start = std::strtoull(line.c_str(), nullptr, 16);
+    const uintptr_t end = std::strtoull(line.c_str() + line.find('-') + 1, nullptr, 16);
+    if (at < start || at >= end) continue;
+    auto slash = line.find('/');
+    return slash != std::string::npos && line.compare(slash, prefix.size(), prefix) == 0 &&
+           line.find(" (deleted)", slash) != std::string::npos;
+  }
+  return false;
+}
+
+
+}  // namespace orvd
