@@ -27,7 +27,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -55,16 +54,17 @@ constexpr uint32_t kRepMessageLimitBytes = 64000;
 constexpr int kMasterEnvId = 0;
 // The creator makes the environment with replication and starts it as master; the workers
 // join it and inherit replication, as the store's daemons do.
-constexpr uint32_t kCreateFlags = DB_CREATE | DB_RECOVER | DB_THREAD | DB_INIT_LOCK |
-                                  DB_INIT_LOG | DB_INIT_MPOOL | DB_INIT_REP | DB_INIT_TXN;
-constexpr uint32_t kJoinFlags = DB_THREAD | DB_INIT_LOCK | DB_INIT_LOG | DB_INIT_MPOOL | DB_INIT_TXN;
+constexpr uint32_t kCreateFlags = DB_CREATE | DB_RECOVER | DB_THREAD | DB_INIT_LOCK | DB_INIT_LOG |
+                                  DB_INIT_MPOOL | DB_INIT_REP | DB_INIT_TXN;
+constexpr uint32_t kJoinFlags =
+    DB_THREAD | DB_INIT_LOCK | DB_INIT_LOG | DB_INIT_MPOOL | DB_INIT_TXN;
 constexpr const char kFile[] = "raw.db";
 constexpr int kPasses = 250;
 // Applications whose private data a removal deletes (0 to 9), as the library's does.
 constexpr uint32_t kApplications = 10;
 enum Table { kClient, kDynamic, kAuthRequest, kAuthResponse, kAppPrivate, kTables };
-constexpr const char* kTableNames[kTables] = {"client", "dynamic", "auth-request",
-                                              "auth-response", "app-private"};
+constexpr const char* kTableNames[kTables] = {"client", "dynamic", "auth-request", "auth-response",
+                                              "app-private"};
 
 // The process's identity for thread tracking: the pid taken once, every thread thread 0,
 // as the store's callback gives it.

@@ -62,9 +62,8 @@ void PrintTable(const Options& o, int workers, const PhaseFigures& lib, const Ph
   };
   const double lifecycle_ratio =
       raw && raw->lifecycles && lib.lifecycles ? cost_us(lib) / cost_us(*raw) : 0;
-  const double median_ratio = raw && MedianLifecycleUs(*raw) > 0
-                                  ? MedianLifecycleUs(lib) / MedianLifecycleUs(*raw)
-                                  : 0;
+  const double median_ratio =
+      raw && MedianLifecycleUs(*raw) > 0 ? MedianLifecycleUs(lib) / MedianLifecycleUs(*raw) : 0;
   if (o.json) {
     nlohmann::json j;
     j["workers"] = workers;
@@ -83,8 +82,8 @@ void PrintTable(const Options& o, int workers, const PhaseFigures& lib, const Ph
         step["raw"] = {{"calls", r.calls}, {"rate", r.rate},  {"mean_us", r.mean_us},
                        {"p50_us", r.p50},  {"p99_us", r.p99}, {"p999_us", r.p999}};
         step["ratio"] = r.calls ? nlohmann::json(f.mean_us / r.mean_us) : nlohmann::json(nullptr);
-        step["ratio_p50"] = r.calls && r.p50 > 0 ? nlohmann::json(f.p50 / r.p50)
-                                                 : nlohmann::json(nullptr);
+        step["ratio_p50"] =
+            r.calls && r.p50 > 0 ? nlohmann::json(f.p50 / r.p50) : nlohmann::json(nullptr);
       }
       j["steps"][kStepNames[s]] = step;
     }
