@@ -24,9 +24,7 @@ class BundleFaultTest : public EngineTest {
 // The puts of one pass: the client record, then the inherited attributes' update of it,
 // then the dynamic changes. Transactions begun: the pass's, then the snapshot's.
 TEST_F(BundleFaultTest, FailuresInThePassLeaveNothingOrGoOnWithoutInheritance) {
-  AttrList under{{VSK_USER_NAME, "ulysses"}, {VSK_USER_MAC_ADDRESS, "00:11:22"}};
-  DynList under_dyn{{"kelvo-a", "1"}};
-  const uint64_t u = Create(under, false, 2, &under_dyn);
+  const uint64_t u = CreateUnderlying();
   ASSERT_NE(u, 0u);
   const std::string shared_row = RawDynamicRow(u);
 

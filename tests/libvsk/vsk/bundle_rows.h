@@ -33,6 +33,14 @@ inline AttrList& SharedOn(AttrList& attrs, const std::string& uifl) {
   return attrs.Add(VSK_AGGREGATED, U32(2)).Add(VSK_UNDERLYING_INTERFACE_NAME, Text(uifl));
 }
 
+// An underlying session: user name "ulysses", MAC address "00:11:22", and a dynamic
+// record of kelvo-a=1. 0 when the create failed.
+inline uint64_t CreateUnderlying(bool cache = false) {
+  AttrList under{{VSK_USER_NAME, "ulysses"}, {VSK_USER_MAC_ADDRESS, "00:11:22"}};
+  DynList dyn{{"kelvo-a", "1"}};
+  return CreateOn(0, under, &dyn, nullptr, cache);
+}
+
 // The dynamic table's row under `id` as Berkeley DB holds it; "st<n>" when absent.
 inline std::string RawDynamicRow(uint64_t id) {
   uint8_t key_bytes[16];

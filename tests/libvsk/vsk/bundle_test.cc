@@ -17,10 +17,9 @@ std::string Id8(uint64_t id) { return std::string(reinterpret_cast<char*>(&id), 
 // its slot, which holds the caller's list alone; a missing type is traced and skipped, and
 // an underlying session that cannot be read leaves the create without inheritance.
 TEST_F(BundleTest, InheritedTypesReachTheRecordButNotTheSlot) {
-  AttrList under{{VSK_USER_NAME, "ulysses"}, {VSK_USER_MAC_ADDRESS, "00:11:22"}};
-  DynList under_dyn{{"kelvo-a", "1"}};
-  const uint64_t u = Create(under, false, 2, &under_dyn);
+  const uint64_t u = CreateUnderlying(), cached = CreateUnderlying(true);
   ASSERT_NE(u, 0u);
+  ASSERT_TRUE(vsk_is_session_in_shm(cached, shm_));
   const std::string under_row = RawDynamicRow(u);
 
   struct Case {
@@ -30,6 +29,8 @@ TEST_F(BundleTest, InheritedTypesReachTheRecordButNotTheSlot) {
     const char* trace;
   } cases[] = {
       {"found and missing", u, "ulysses", "00:11:22",
+       "could not get the underlying session params:34"},
+      {"read from its slot", cached, "ulysses", "00:11:22",
        "could not get the underlying session params:34"},
       {"unreadable", 999999, "bea", "<absent>",
        "failed to get snapshot handle for underlying sid:999999"},
