@@ -22,13 +22,13 @@
 
 #include <cstdlib>
 
-#include "libvsk/base/role.h"
 #include "libvsk/base/trace.h"
 #include "libvsk/store/dyn_db_internal.h"
 #include "libvsk/store/records.h"
 #include "libvsk/store/tables.h"
 #include "libvsk/store/txn.h"
 #include "libvsk/vsk/app_data_internal.h"
+#include "libvsk/vsk/dynamic_internal.h"
 #include "libvsk/vsk/snapshot_internal.h"
 #include "vsk/dyn_db.h"
 
@@ -73,16 +73,6 @@ vsk_status_t WritePasses(Op op, bool missing_is_success, const char* words) {
 // Published: both words end with a blank, and the application-defined writes reuse them.
 constexpr char kPutWords[] = "Failed to put application private data %d ";
 constexpr char kRemoveWords[] = "Failed to remove application private data %d ";
-
-vsk_status_t WalkGate() {
-  vsk_status_t st = store::Check();
-  if (st != VSK_OK) return st;
-  if (!base::IsMaster()) {
-    VSK_TRACE("Application tried to recover data on standby RE");
-    return VSK_ERR_FATAL;
-  }
-  return VSK_OK;
-}
 
 void FreeKeyBuffer(void* buffer) {
   vsk_app_def_key_t block{0, buffer};
@@ -140,7 +130,7 @@ StepEnd WalkStep(vsk_app_defined_handle* h, vsk_db_txn_t* txn) {
   if (st != VSK_OK || !end.commit) {
     store::ReleaseKeyAppDefId(&found, false);
     store::ReleaseKeyAppDefId(&behind, false);
-    store::ReleaseAppPriData(data, false);
+    store::ReleaseAppPriData(data, true);
     return end;
   }
   ReleaseWalkKeys(h);
@@ -249,7 +239,7 @@ void FreeAppDefinedHandle(vsk_app_defined_handle* h) {
 }
 
 vsk_status_t RecoverAppDefinedTable(vsk_app_defined_callback_t callback, uint32_t table_id) {
-  vsk_status_t st = WalkGate();
+  vsk_status_t st = RecoveryWalkGate();
   if (st != VSK_OK) return st;
   const uint32_t table = TableOf(table_id);
   VSK_TRACE("App Defined Table %d Recover Start", static_cast<int>(table));
@@ -274,7 +264,7 @@ vsk_status_t RecoverAppDefinedTable(vsk_app_defined_callback_t callback, uint32_
 vsk_status_t GetNextRecoverAppDefinedTable(vsk_app_defined_callback_t callback,
                                            vsk_app_defined_handle* h, int32_t max_count,
                                            bool done) {
-  vsk_status_t st = WalkGate();
+  vsk_status_t st = RecoveryWalkGate();
   if (st != VSK_OK) return st;
   if (h == nullptr) {
     VSK_TRACE("%s", kNoSnapshot);

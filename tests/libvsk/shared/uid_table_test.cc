@@ -19,18 +19,8 @@ std::set<uint32_t> FreeUids() {
   return out;
 }
 
-class UidTest : public VskTest {
+class UidTest : public OrvdInProcessTest {
  protected:
-  void SetUp() override {
-    VskTest::SetUp();
-    ASSERT_EQ(Up(&link_, true), 0) << traces().Dump();
-    traces().Clear();
-  }
-  void TearDown() override {
-    vsk_close_internal();
-    vsk_db_reset_orvd_handle();
-    VskTest::TearDown();
-  }
   // The stored record of `name`, as its bytes; "<absent>" when there is none.
   static std::string Record(const std::string& name) {
     std::string key(32, '\0');
@@ -52,7 +42,6 @@ class UidTest : public VskTest {
     std::memcpy(b.data() + 4, &count, 2);
     return b;
   }
-  orvd_ctx link_{};
 };
 
 TEST_F(UidTest, AddAddDeleteDeleteCountsReferencesAndGivesTheNumberBack) {

@@ -4,7 +4,6 @@
 #include <vector>
 
 #include "session_fixture.h"
-#include "support/attr_lists.h"
 
 namespace vsk::test {
 namespace {
@@ -17,37 +16,31 @@ std::string Key(int n) {
   return k;
 }
 
-class AppDataTest : public VskTest {
+class AppDataTest : public OrvdInProcessTest {
  protected:
   void SetUp() override {
-    VskTest::SetUp();
-    ASSERT_EQ(Up(&link_, true), 0) << traces().Dump();
+    OrvdInProcessTest::SetUp();
     ASSERT_EQ(vsk_open_app_defined_table(kTable, "app-table-3"), 0);
-    traces().Clear();
   }
-  void TearDown() override {
-    vsk_close_internal();
-    vsk_db_reset_orvd_handle();
-    VskTest::TearDown();
-  }
-  static vsk_status_t Put(uint32_t table, std::string key, const std::string& value) {
+  static vsk_app_data_t Data(std::string& bytes) {
     vsk_app_data_t data{};
-    data.length = static_cast<uint32_t>(value.size());
-    data.data = const_cast<char*>(value.data());
+    data.length = static_cast<uint32_t>(bytes.size());
+    data.data = bytes.data();
+    return data;
+  }
+  static vsk_status_t Put(uint32_t table, std::string key, std::string value) {
+    vsk_app_data_t data = Data(value);
     void* k = key.data();
     return vsk_put_app_defined_data(table, &k, &data);
   }
   static std::string Bytes(const vsk_app_data_t* d) {
     return d == nullptr ? "<null>" : std::string(static_cast<const char*>(d->data), d->length);
   }
-  orvd_ctx link_{};
 };
 
 TEST_F(AppDataTest, PrivateDataRemovedTwiceIsZeroTwiceAndReadsGiveNullAfter) {
   std::string bytes("\x01\x00\x02private", 10);
-  vsk_app_data_t data{};
-  data.length = static_cast<uint32_t>(bytes.size());
-  data.data = bytes.data();
+  vsk_app_data_t data = Data(bytes);
   ASSERT_EQ(vsk_put_app_private_data(12, 77, &data), 0);
   vsk_app_data_t* got = vsk_get_app_pri_data(77, 12);
   EXPECT_EQ(Bytes(got), bytes);
@@ -62,19 +55,13 @@ TEST_F(AppDataTest, PrivateDataRemovedTwiceIsZeroTwiceAndReadsGiveNullAfter) {
 }
 
 TEST_F(AppDataTest, SnapshotHoldsTheDataOfTheApplicationItWasTakenFor) {
-  AttrList attrs{{VSK_SESSION_STATE, U32(1)}};
-  vsk_session_ids_t ids{};
-  ASSERT_EQ(
-      vsk_create_extended_client_session(2, attrs.get(), nullptr, nullptr, &ids, nullptr, nullptr),
-      0);
+  const vsk_session_id_t id = NewSession(false);
   std::string bytes = "pfltd-bytes";
-  vsk_app_data_t data{};
-  data.length = static_cast<uint32_t>(bytes.size());
-  data.data = bytes.data();
-  ASSERT_EQ(vsk_put_app_private_data(7, ids.session_id, &data), 0);
+  vsk_app_data_t data = Data(bytes);
+  ASSERT_EQ(vsk_put_app_private_data(7, id, &data), 0);
   for (uint32_t snapshot_app : {7u, 0u}) {
     vsk_snapshot_handle h{};
-    h.client_session_id = ids.session_id;
+    h.client_session_id = id;
     h.app_id = snapshot_app;
     ASSERT_EQ(vsk_get_snapshot(&h), 0);
     for (uint32_t asked : {7u, 9u}) {
