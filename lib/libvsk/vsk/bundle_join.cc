@@ -69,8 +69,10 @@ void ReleaseUnderlying(BundlePass* pass) {
 }
 
 // The first client on the shared interface lends its dynamic id, read from its record in
-// this transaction. False when there is none to lend (no client on the interface, or its
-// record is gone); a failure of the lookup or the read otherwise ends the pass.
+// this transaction. *found stays false when there is none to lend (no client on the
+// interface, or its record is gone); any other failure of the lookup or the read ends the
+// pass. Only a borrowed dynamic id turns `dynamic` into changes: with none, the session's
+// list is put as its own record, since changes would have no record to apply to.
 vsk_status_t FirstClientDynamicId(vsk_db_txn_t* txn, const vsk_attr_t* uifl, uint64_t session_id,
                                   uint64_t* dynamic_id, bool* found) {
   *found = false;
