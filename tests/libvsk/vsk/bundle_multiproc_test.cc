@@ -120,9 +120,10 @@ class BundleKillTest : public VskTest {
   OrvdProcess orvd_;
 };
 
-// A creator killed at any point of its bundled creates (often inside its transaction,
-// holding the shared record's page) leaves that record with exactly the changes of the
-// creates that committed; the create it was in may or may not have reached its commit.
+// A creator killed wherever the signal lands among its bundled creates (inside a
+// transaction that holds the shared record's page, or between two) leaves that record
+// with exactly the changes of the creates that committed; the create it was in may or may
+// not have reached its commit.
 TEST_F(BundleKillTest, CreatorKilledMidWayLeavesOnlyCommittedChanges) {
   ASSERT_TRUE(orvd_.Start());
   ChildResult first = RunInChild([] {
