@@ -90,6 +90,7 @@ struct WorkerLine {
 struct Board {
   std::atomic<uint32_t> stop;  // set by the parent when a duration ends or on a signal
   std::atomic<uint32_t> orvd_kills;  // times orvd was killed and started again (chaos)
+  std::atomic<uint32_t> ended_by_orvd;  // workers orvd ended, blocked in a given-up store
   WorkerLine lines[kMaxWorkers];
 };
 

@@ -317,6 +317,16 @@ class Phase {
                      "\nvsk-load: %s: no lifecycle finished for %lld s (%u workers killed so far); "
                      "the workers are stopped\n",
                      tag_.c_str(), static_cast<long long>(kStallLimit.count()), Kills());
+        for (int w = 0; w < o_.workers; ++w) {
+          if (pids_[w] <= 0) continue;
+          std::ifstream sys("/proc/" + std::to_string(pids_[w]) + "/syscall");
+          std::string call;
+          std::getline(sys, call);
+          std::fprintf(stderr, "vsk-load: worker %d (pid %d): %llu lifecycles, in system call %s\n",
+                       w, static_cast<int>(pids_[w]),
+                       static_cast<unsigned long long>(shared_.board->lines[w].done.load()),
+                       call.c_str());
+        }
         KillAll();
         stalled_ = true;
         return false;
@@ -326,8 +336,19 @@ class Phase {
         int status = 0;
         if (pids_[w] <= 0 || waitpid(pids_[w], &status, WNOHANG) != pids_[w]) continue;
         pids_[w] = -1;
-        --running;
         reaped = true;
+        WorkerLine& line = shared_.board->lines[w];
+        // orvd ends a daemon that is blocked for good inside a store it gave up; its
+        // supervisor starts it again.
+        if (chaos && WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL &&
+            line.phase.load() == kRunning) {
+          shared_.board->ended_by_orvd.fetch_add(1);
+          line.kills.fetch_add(1);
+          line.live.store(0, std::memory_order_relaxed);
+          pids_[w] = Spawn(body, w);
+          continue;
+        }
+        --running;
         if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) ok = false;
       }
       if (reaped) continue;
@@ -500,10 +521,11 @@ void PrintChaos(const Shared& shared, int workers, long recoveries) {
     uncertain += line.uncertain.load(), downs += line.downs.load(), redone += line.redone.load();
   }
   std::fprintf(stderr,
-               "vsk-load: chaos: %u workers killed, orvd killed %u times, %ld store recoveries "
-               "by orvd, %llu store downs seen by workers, %llu calls repeated, %llu creates "
-               "uncertain, %llu set-ups redone\n",
-               kills, shared.board->orvd_kills.load(), recoveries,
+               "vsk-load: chaos: %u workers killed (%u of them by orvd), orvd killed %u times, "
+               "%ld store recoveries by orvd, %llu store downs seen by workers, %llu calls "
+               "repeated, %llu creates uncertain, %llu set-ups redone\n",
+               kills, shared.board->ended_by_orvd.load(), shared.board->orvd_kills.load(),
+               recoveries,
                static_cast<unsigned long long>(downs), static_cast<unsigned long long>(retries),
                static_cast<unsigned long long>(uncertain),
                static_cast<unsigned long long>(redone));
