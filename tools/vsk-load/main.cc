@@ -430,9 +430,11 @@ class Phase {
     return pid;
   }
 
+  // Every line has had a process at work (a line restarted after a kill counts).
   bool AllStarted() const {
     for (int w = 0; w < o_.workers; ++w) {
-      if (shared_.board->lines[w].phase.load() == kStarting) return false;
+      const WorkerLine& line = shared_.board->lines[w];
+      if (line.phase.load() == kStarting && line.kills.load() == 0) return false;
     }
     return true;
   }

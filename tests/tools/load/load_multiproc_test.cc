@@ -76,6 +76,51 @@ TEST_F(LoadTest, DurationRunEndsAndPassesTheCheck) {
   EXPECT_EQ(j["steps"]["remove"]["calls"], j["lifecycles"]);
 }
 
+// Chaos: workers killed with SIGKILL at random and orvd killed once and started again. The
+// other workers wait the store out, and the check, made against what orvd's recovery walk
+// rebuilt, holds; the killed workers' sessions read back as written.
+TEST_F(LoadTest, ChaosKillsWorkersAndOrvdAndTheCheckHolds) {
+  LoadRun r = RunLoad("--workers 2 --sessions 600 --live 100 --chaos --seed 3 --json");
+  ASSERT_EQ(r.code, 0) << r.out;
+  nlohmann::json j = nlohmann::json::parse(r.out.substr(r.out.find('{')), nullptr, false);
+  ASSERT_FALSE(j.is_discarded()) << r.out;
+  EXPECT_EQ(j["oracle"], "ok");
+  unsigned killed = 0, orvd_kills = 0;
+  const size_t at = r.out.find("vsk-load: chaos: ");
+  ASSERT_NE(at, std::string::npos) << r.out;
+  ASSERT_EQ(std::sscanf(r.out.c_str() + at, "vsk-load: chaos: %u workers killed (%*u of them by "
+                        "orvd), orvd killed %u times", &killed, &orvd_kills), 2) << r.out;
+  EXPECT_GT(killed, 0u) << r.out;
+  EXPECT_EQ(orvd_kills, 1u) << r.out;
+}
+
+// --mix chooses the steps between create and removal, and how often each runs.
+TEST_F(LoadTest, MixChoosesTheSteps) {
+  const struct {
+    const char* mix;
+    int setup, activate, snapshot;  // calls per lifecycle
+  } kMixes[] = {{"setup-update=2,snapshot=2,reads=1", 2, 0, 2},
+                {"activate", 0, 1, 0},
+                {"setup-update=1,activate,snapshot=1,reads=3", 1, 1, 1}};
+  for (const auto& m : kMixes) {
+    LoadRun r = RunLoad(std::string("--workers 2 --sessions 200 --live 30 --json --mix ") + m.mix);
+    ASSERT_EQ(r.code, 0) << m.mix << ": " << r.out;
+    nlohmann::json j = nlohmann::json::parse(r.out.substr(r.out.find('{')), nullptr, false);
+    ASSERT_FALSE(j.is_discarded()) << r.out;
+    EXPECT_EQ(j["oracle"], "ok") << m.mix;
+    EXPECT_EQ(j["steps"]["create"]["calls"], 200) << m.mix;
+    EXPECT_EQ(j["steps"]["setup-update"]["calls"], 200 * m.setup) << m.mix;
+    EXPECT_EQ(j["steps"]["activate"]["calls"], 200 * m.activate) << m.mix;
+    EXPECT_EQ(j["steps"]["snapshot+reads"]["calls"], 200 * m.snapshot) << m.mix;
+    EXPECT_EQ(j["steps"]["remove"]["calls"], 200) << m.mix;
+  }
+  for (const char* bad : {"reads=2", "fly", "setup-update=x", "activate=2", "snapshot=-1"}) {
+    LoadRun r = RunLoad(std::string("--workers 1 --sessions 10 --mix ") + bad);
+    EXPECT_EQ(r.code, 2) << bad << ": " << r.out;
+    EXPECT_NE(r.out.find("--mix"), std::string::npos) << bad << ": " << r.out;
+  }
+}
+
 // Options out of range are refused before anything starts.
 TEST_F(LoadTest, BadOptionsAreRefusedWithUsage) {
   for (const char* args : {"--workers 0", "--workers 65", "--sessions 0", "--live 0",
