@@ -52,7 +52,9 @@ namespace vsk::load {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-constexpr auto kOrvdReadyLimit = std::chrono::seconds(60);
+// orvd is ready once its recovery walk has rebuilt the shared state: minutes for a store of
+// a few hundred thousand sessions on a slow machine.
+constexpr auto kOrvdReadyLimit = std::chrono::seconds(600);
 constexpr auto kOrvdStopLimit = std::chrono::seconds(20);
 // No lifecycle finished for this long while workers run: the run is stuck (a killed
 // worker's table locks that nobody releases, a lost lock holder), and is ended.
@@ -363,6 +365,7 @@ class Phase {
           KillAll();
           return false;
         }
+        last_change = Clock::now();  // the restart's own time is not a stall
       }
       if (chaos && Clock::now() >= next_kill) {
         const int w = static_cast<int>(rng() % static_cast<uint64_t>(o_.workers));
