@@ -95,9 +95,10 @@ vsk_status_t JoinStore(orvd_ctx_t** ctx, orvd_trace_fn_t trace,
     if (st == VSK_OK) st = vsk_db_check();
     if (st == VSK_OK) return orvd_send_recovery_complete(*ctx);
     orvd_unregister(ctx);
-    // orvd refuses registrations until its store is ready, and is not there at all while
-    // it restarts: a daemon waits for it.
-    if (!Transient(st) || std::chrono::steady_clock::now() > end) return st;
+    // orvd refuses registrations until its store is ready and is not there at all while it
+    // restarts; a store that is given up while this process opens it fails the open
+    // (a panic, a deadlock victim: -1). A daemon tries again until its supervisor's limit.
+    if (st == VSK_ERR_UNSUPPORTED || std::chrono::steady_clock::now() > end) return st;
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
 }

@@ -150,8 +150,8 @@ bool CreateRawEnvironment(const std::string& home, std::string* error);
 bool WriteSamples(const std::string& path, const Samples& s);
 bool ReadSamples(const std::string& path, Samples* s);
 
-// Registers as a poll-mode daemon, waiting out an orvd that is not (yet) ready, up to
-// `limit` seconds; 0 or the last status. `trace` receives the library's traces, and
+// Registers as a poll-mode daemon, trying again while orvd is not (yet) ready or the store
+// fails under the open, up to `limit` seconds; 0 or the last status. `trace` receives the library's traces, and
 // `env_change` (may be null) each new environment handle and null when the store goes down.
 vsk_status_t JoinStore(orvd_ctx_t** ctx, orvd_trace_fn_t trace,
                        orvd_db_env_change_cbk_t env_change, int limit);

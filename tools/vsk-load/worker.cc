@@ -96,7 +96,6 @@ class Lifecycles {
     line_.live.fetch_add(1, std::memory_order_relaxed);
     const uint64_t id = ids.session_id;
 
-    if (o_.activate) Stage(at, kIdActivating);
     // Set-up updates live in the session's cache slot until the activation flushes them.
     // When the store went down meanwhile, the daemon makes them again before it activates.
     for (int round = 0;; ++round) {
@@ -109,6 +108,7 @@ class Lifecycles {
         if (st != VSK_OK) return Fail(kSetup, st);
       }
       if (o_.activate) {
+        Stage(at, kIdActivating);
         st = Timed(kActivate, [&] { return vsk_update_client_session(id, &state_list_); });
         if (st != VSK_OK) return Fail(kActivate, st);
       }
