@@ -171,7 +171,12 @@ class Lifecycles {
         return st;
       }
       if (!Transient(st) || Clock::now() > give_up) return st;
-      if (step == kCreate) line_.uncertain.fetch_add(1, std::memory_order_relaxed);
+      // A create refused at the gate (orvd gone or not ready) wrote nothing; one that met a
+      // store going down inside its transaction may have committed a session whose id this
+      // worker never learns.
+      const bool at_gate = st == VSK_ERR_NOT_STARTED || st == VSK_ERR_ORVD_FATAL ||
+                           st == VSK_ERR_ORVD_CONNECT;
+      if (step == kCreate && !at_gate) line_.uncertain.fetch_add(1, std::memory_order_relaxed);
       line_.retries.fetch_add(1, std::memory_order_relaxed);
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
