@@ -646,8 +646,8 @@ int main(int argc, char** argv) {
                  "step[=count]: setup-update=N (cached updates), activate (the update to "
                  "state 2), snapshot=N, reads=N (per snapshot); a step left out does not run. "
                  "Default: setup-update=5,activate,snapshot,reads=3. Overrides "
-                 "--setup-updates and --reads. The raw replay always runs create, activate, "
-                 "one read and remove");
+                 "--setup-updates and --reads. The raw replay (--baseline) keeps its own steps: "
+                 "create, activate, one snapshot, remove");
   app.add_option("--seed", o.seed, "seed of the chaos schedule");
   app.add_flag("--baseline", o.baseline, "replay the table operations on raw Berkeley DB");
   app.add_flag("--chaos", o.chaos,
