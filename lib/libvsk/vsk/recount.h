@@ -6,9 +6,10 @@
 // create counts it: state, interface type, client type and total, its config bits (first
 // 8 bytes), its own interface (VSK_INTERFACE_NAME of a session without VSK_PROFILE_NAME) and
 // its underlying interface, and an interface unit named in its dynamic record when that
-// unit lies in the pool. Sessions that carry VSK_AGGREGATED or a profile name, or whose
-// interface name changed after it was first set, are not counted the way removal uncounts
-// them; a test that wants an exact match keeps away from them.
+// unit lies in the pool, and the config bits of each service the session lists. Sessions
+// that carry VSK_AGGREGATED or a profile name, or whose interface name changed after it was
+// first set, are not counted the way removal uncounts them; a test that wants an exact
+// match keeps away from them.
 //
 // Who may call: a process with the store open and the shared segments and interface table
 // attached (a client daemon, or orvd). Sessions must not change meanwhile. Used by the load
@@ -33,6 +34,7 @@ struct SessionCounts {
   uint32_t units_in_use = 0;  // interface units (pool 0)
   uint32_t slots_in_use = 0;  // cache slots holding a session (slot or table view)
   std::set<uint64_t> sessions;
+  uint32_t services = 0;  // service records found through their clients' lists (tables only)
 };
 
 // What the tables (and slots) say.
