@@ -18,12 +18,10 @@ using vsk::session::UpdatesUsable;
 // The name goes into a 16-bit length with its NUL.
 constexpr size_t kMaxNameLength = 0xFFFE;
 
-// The three public update forms: the gate, the checks, then the internal form.
-vsk_status_t Public(const char* fn, vsk_session_id_t id, const vsk_attr_update_list_t* updates,
+// The checks of every update form, then the update; `parent` may be null.
+vsk_status_t Update(const char* fn, vsk_session_id_t id, const vsk_attr_update_list_t* updates,
                     const vsk_attr_update_list_t* info_attrs, uint32_t app_id,
-                    const vsk_app_data_t* private_data) {
-  vsk_status_t st = vsk::store::Check();
-  if (st != VSK_OK) return st;
+                    const vsk_app_data_t* private_data, vsk_db_txn_t* parent) {
   if (!UpdatesUsable(fn, updates) || !UpdatesUsable(fn, info_attrs) ||
       !PrivateUsable(fn, private_data)) {
     return VSK_ERR_INVALID_PARAM;
@@ -34,7 +32,17 @@ vsk_status_t Public(const char* fn, vsk_session_id_t id, const vsk_attr_update_l
   update.info_attrs = info_attrs;
   update.app_id = app_id;
   update.private_data = private_data;
+  update.parent = parent;
   return vsk::session::UpdateServiceSession(update);
+}
+
+// The three public forms: the store's gate first.
+vsk_status_t Public(const char* fn, vsk_session_id_t id, const vsk_attr_update_list_t* updates,
+                    const vsk_attr_update_list_t* info_attrs, uint32_t app_id,
+                    const vsk_app_data_t* private_data) {
+  vsk_status_t st = vsk::store::Check();
+  if (st != VSK_OK) return st;
+  return Update(fn, id, updates, info_attrs, app_id, private_data, nullptr);
 }
 
 }  // namespace
@@ -96,19 +104,8 @@ vsk_status_t vsk_update_service_session_internal(vsk_session_id_t service_id,
                                                  uint32_t app_id,
                                                  const vsk_app_data_t* private_data,
                                                  vsk_db_txn_t* parent_txn) {
-  constexpr char kFn[] = "vsk_update_service_session_internal";
-  if (!UpdatesUsable(kFn, updates) || !UpdatesUsable(kFn, info_attrs) ||
-      !PrivateUsable(kFn, private_data)) {
-    return VSK_ERR_INVALID_PARAM;
-  }
-  vsk::session::ServiceUpdate update;
-  update.id = service_id;
-  update.updates = updates;
-  update.info_attrs = info_attrs;
-  update.app_id = app_id;
-  update.private_data = private_data;
-  update.parent = parent_txn;
-  return vsk::session::UpdateServiceSession(update);
+  return Update("vsk_update_service_session_internal", service_id, updates, info_attrs, app_id,
+                private_data, parent_txn);
 }
 
 vsk_status_t vsk_activate_service_sessions(const vsk_session_id_t* ids, uint32_t count) {
