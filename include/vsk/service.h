@@ -66,16 +66,15 @@ VSK_EXPORT vsk_status_t vsk_update_service_session_private(vsk_session_id_t serv
  * update's transaction is a child of it and commits into it. No gate check. */
 VSK_EXPORT vsk_status_t vsk_update_service_session_internal(
     vsk_session_id_t service_id, const vsk_attr_update_list_t *updates,
-    const vsk_attr_update_list_t *info_attrs, uint32_t app_id,
-    const vsk_app_data_t *private_data, vsk_db_txn_t *parent_txn);
+    const vsk_attr_update_list_t *info_attrs, uint32_t app_id, const vsk_app_data_t *private_data,
+    vsk_db_txn_t *parent_txn);
 
 /* Sets VSK_SESSION_STATE to 2 on the `count` services of `ids`, whatever their state was,
  * in one transaction: all change or none. After a failure (traced) the result is what the
  * abort of that transaction returned, kept as published: 0 when the abort worked or no
  * transaction could be begun, -11 during recovery. A caller that must know whether the
  * services changed reads them back. */
-VSK_EXPORT vsk_status_t vsk_activate_service_sessions(const vsk_session_id_t *ids,
-                                                      uint32_t count);
+VSK_EXPORT vsk_status_t vsk_activate_service_sessions(const vsk_session_id_t *ids, uint32_t count);
 
 VSK_END_DECLS
 

@@ -1,10 +1,10 @@
 // Config bits: a record's byte mask beside its attributes, changed through "info_attrs"
 // lists of VSK_INFO_ATTR entries. The mask buffer is a heap block owned by its record;
 // these functions may replace it (the old block is freed) and never shrink its length.
+#include "libvsk/attr/config_bits.h"
+
 #include <cstdlib>
 #include <cstring>
-
-#include "libvsk/attr/config_bits.h"
 
 #include "libvsk/base/trace.h"
 

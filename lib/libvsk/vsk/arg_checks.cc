@@ -31,8 +31,8 @@ bool UpdatesUsable(const char* fn, const vsk_attr_update_list_t* list) {
   if (list == nullptr) return true;
   for (const vsk_attr_update_t* e = list->first; e != nullptr; e = e->next) {
     const bool bad_type = e->type < VSK_TYPE_MIN || e->type >= VSK_TYPE_MAX;
-    const bool bad_old = e->length != 0 && e->value == nullptr &&
-                         e->action == VSK_ATTR_ACTION_ADD_OR_APPEND;
+    const bool bad_old =
+        e->length != 0 && e->value == nullptr && e->action == VSK_ATTR_ACTION_ADD_OR_APPEND;
     const bool bad_new = e->new_length != 0 && e->new_value == nullptr;
     if (bad_type || bad_old || bad_new) {
       VSK_TRACE("%s: update of attribute %u (action %u) has a bad type or a length without value",

@@ -86,8 +86,7 @@ class ServiceCreate {
       vsk_status_t st = Pass(&committed);
       if (committed) return st;
       if (!Retryable(st) || retries == kCreateRetries) {
-        VSK_TRACE("%s: Failed to create service session, err=%s", kCreateFn,
-                  vsk_get_err_msg(st));
+        VSK_TRACE("%s: Failed to create service session, err=%s", kCreateFn, vsk_get_err_msg(st));
         return st;
       }
     }
@@ -109,8 +108,7 @@ class ServiceCreate {
     st = client.Read(&block, client_id_);
     if (st != VSK_OK) {
       if (client.cached()) {
-        VSK_TRACE("%s: Failed to read shm client session, err=%s", kCreateFn,
-                  vsk_get_err_msg(st));
+        VSK_TRACE("%s: Failed to read shm client session, err=%s", kCreateFn, vsk_get_err_msg(st));
       } else {
         VSK_TRACE("%s: Failed to read client session, err=%s", kCreateFn, vsk_get_err_msg(st));
       }
@@ -186,8 +184,7 @@ class ServiceRemoval {
     st = client.AfterCommit();
     // The removal stands: the service's bits leave the counters whatever the slot said.
     if (service_->config_bits_len != 0) {
-      int rc = shared::CounterDecrementConfigBits(service_->config_bits,
-                                                  service_->config_bits_len);
+      int rc = shared::CounterDecrementConfigBits(service_->config_bits, service_->config_bits_len);
       if (rc != 0) {
         VSK_TRACE("%s: Failed to decrement service config bits summary counter %s", kRemoveFn,
                   vsk_get_err_msg(rc));
@@ -278,8 +275,6 @@ vsk_status_t CreateServiceSession(uint64_t client_id, const char* service_name,
   return ServiceCreate(client_id, list, dynamic, *service_id).Run();
 }
 
-vsk_status_t RemoveServiceSession(uint64_t service_id) {
-  return ServiceRemoval(service_id).Run();
-}
+vsk_status_t RemoveServiceSession(uint64_t service_id) { return ServiceRemoval(service_id).Run(); }
 
 }  // namespace vsk::session

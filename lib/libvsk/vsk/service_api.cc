@@ -57,9 +57,10 @@ vsk_status_t vsk_create_service_session_by_client_id(vsk_session_id_t client_id,
   constexpr char kFn[] = "vsk_create_service_session_by_client_id";
   if (service_name == nullptr || service_id == nullptr) {
     // Published: "idwithout" without a blank.
-    VSK_TRACE("%s: Creating service session by client session idwithout providing enough "
-              "parameters",
-              kFn);
+    VSK_TRACE(
+        "%s: Creating service session by client session idwithout providing enough "
+        "parameters",
+        kFn);
     return VSK_ERR_INVALID_PARAM;
   }
   vsk_status_t st = vsk::store::Check();
@@ -86,8 +87,7 @@ vsk_status_t vsk_update_service_session(vsk_session_id_t service_id,
 vsk_status_t vsk_update_service_session_and_info(vsk_session_id_t service_id,
                                                  const vsk_attr_update_list_t* updates,
                                                  const vsk_attr_update_list_t* info_attrs) {
-  return Public("vsk_update_service_session_and_info", service_id, updates, info_attrs, 0,
-                nullptr);
+  return Public("vsk_update_service_session_and_info", service_id, updates, info_attrs, 0, nullptr);
 }
 
 vsk_status_t vsk_update_service_session_private(vsk_session_id_t service_id,

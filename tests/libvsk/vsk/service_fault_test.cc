@@ -31,9 +31,12 @@ TEST_F(ServiceFaultTest, DeadlocksAreRetriedUpToEachOperationsLimit) {
     const char* retry_trace;  // one per failed pass
   } cases[] = {
       {"update", 3, 0, "vsk_update_service_session_internal: Failed to read service session"},
-      {"update", 4, VSK_ERR_RETRY, "vsk_update_service_session_internal: Failed to read service session"},
-      {"create", 3, 0, "vsk_create_service_session_by_client_id: Failed to read client session, err="},
-      {"create", 4, VSK_ERR_RETRY, "vsk_create_service_session_by_client_id: Failed to read client session, err="},
+      {"update", 4, VSK_ERR_RETRY,
+       "vsk_update_service_session_internal: Failed to read service session"},
+      {"create", 3, 0,
+       "vsk_create_service_session_by_client_id: Failed to read client session, err="},
+      {"create", 4, VSK_ERR_RETRY,
+       "vsk_create_service_session_by_client_id: Failed to read client session, err="},
       {"remove", 40, 0, "vsk_remove_service_session: Failed to read the service session"},
   };
   for (const Case& c : cases) {
@@ -50,7 +53,8 @@ TEST_F(ServiceFaultTest, DeadlocksAreRetriedUpToEachOperationsLimit) {
             : vsk_remove_service_session(id);
     fault::DisarmAll();
     EXPECT_EQ(st, c.status) << traces().Dump();
-    EXPECT_EQ(traces().CountContaining(c.retry_trace), static_cast<int>(c.deadlocks)) << traces().Dump();
+    EXPECT_EQ(traces().CountContaining(c.retry_trace), static_cast<int>(c.deadlocks))
+        << traces().Dump();
   }
   vsk_db_txn_t txn{};
   vsk_client_session_t* rec = nullptr;

@@ -82,7 +82,8 @@ TEST_F(ServiceSystemTest, ConcurrentWorkersKeepBothSidesOfEveryLinkInStep) {
     for (int i = 1; i <= kClients; ++i) {
       AttrList attrs{{VSK_SESSION_STATE, U32(1)}};
       vsk_session_id_t id = 0;
-      if (vsk_create_client_session(2, attrs.get(), nullptr, nullptr, &id) != 0 || id != uint64_t(i))
+      if (vsk_create_client_session(2, attrs.get(), nullptr, nullptr, &id) != 0 ||
+          id != uint64_t(i))
         return 1;
     }
     return 0;
@@ -100,17 +101,20 @@ TEST_F(ServiceSystemTest, ConcurrentWorkersKeepBothSidesOfEveryLinkInStep) {
       vsk_status_t st = 0;
       if (what < 4) {
         vsk_session_id_t id = 0;
-        st = vsk_create_service_session_by_client_id(1 + pick(kClients), "svc", nullptr, nullptr, &id);
+        st = vsk_create_service_session_by_client_id(1 + pick(kClients), "svc", nullptr, nullptr,
+                                                     &id);
         if (st == 0) mine.push_back(id), ++created;
         if (st == VSK_ERR_INVALID_PARAM) st = 0;  // that client has ten
       } else if (what < 7) {
         UpdateList info;
         std::string mask(2, '\0');
         mask[pick(2)] = static_cast<char>(1 << pick(8));
-        info.Add(VSK_INFO_ATTR, pick(2) ? VSK_ATTR_ACTION_SET_BITS : VSK_ATTR_ACTION_CLEAR_BITS, mask);
+        info.Add(VSK_INFO_ATTR, pick(2) ? VSK_ATTR_ACTION_SET_BITS : VSK_ATTR_ACTION_CLEAR_BITS,
+                 mask);
         st = vsk_update_service_session_and_info(mine[pick(int(mine.size()))], nullptr, info.get());
       } else if (what < 8) {
-        const vsk_session_id_t pair[] = {mine[pick(int(mine.size()))], mine[pick(int(mine.size()))]};
+        const vsk_session_id_t pair[] = {mine[pick(int(mine.size()))],
+                                         mine[pick(int(mine.size()))]};
         st = vsk_activate_service_sessions(pair, 2);
       } else {
         const size_t at = size_t(pick(int(mine.size())));
@@ -144,14 +148,17 @@ TEST_F(ServiceSystemTest, ConcurrentWorkersKeepBothSidesOfEveryLinkInStep) {
 int CreateUnderAHeldClient() {
   NoLockWaits();
   vsk_session_id_t id = 0;
-  if (vsk_create_service_session_by_client_id(1, "svc", nullptr, nullptr, &id) != VSK_ERR_RETRY) return 1;
+  if (vsk_create_service_session_by_client_id(1, "svc", nullptr, nullptr, &id) != VSK_ERR_RETRY)
+    return 1;
   const std::string fn = "vsk_create_service_session_by_client_id";
   if (GlobalTraces().CountContaining(fn + ": Failed to read client session, err=") != 4) return 2;
-  if (GlobalTraces().Count(fn + ": Failed to create service session, err=" + vsk_get_err_msg(-4)) != 1)
+  if (GlobalTraces().Count(fn + ": Failed to create service session, err=" + vsk_get_err_msg(-4)) !=
+      1)
     return 3;
   vsk_db_txn_t txn{};
   vsk_service_session_t* rec = nullptr;
-  return id != 0 && vsk_db_get_service_session(&txn, &id, &rec, false, nullptr, 0) == VSK_ERR_NOT_FOUND
+  return id != 0 &&
+                 vsk_db_get_service_session(&txn, &id, &rec, false, nullptr, 0) == VSK_ERR_NOT_FOUND
              ? 0
              : 4;
 }
@@ -161,7 +168,8 @@ TEST_F(ServiceSystemTest, CreateGivesUpAfterFourPassesAndRemovalOutlastsTheHolde
   ChildResult made = AsClientDaemon([] {
     AttrList attrs{{VSK_SESSION_STATE, U32(1)}};
     vsk_session_id_t client = 0, service = 0;
-    if (vsk_create_client_session(2, attrs.get(), nullptr, nullptr, &client) != 0 || client != 1) return 1;
+    if (vsk_create_client_session(2, attrs.get(), nullptr, nullptr, &client) != 0 || client != 1)
+      return 1;
     return vsk_create_service_session_by_client_id(1, "kept", nullptr, nullptr, &service) == 0 &&
                    service == 2
                ? 0
@@ -187,7 +195,8 @@ TEST_F(ServiceSystemTest, CreateGivesUpAfterFourPassesAndRemovalOutlastsTheHolde
   const int write_fd = fds[1];
   ChildResult removed = AsClientDaemon([write_fd] {
     NoLockWaits();
-    g_signal_fd = write_fd, g_signal_on = ": Failed to read client session 1, err=", g_signal_after = 12;
+    g_signal_fd = write_fd,
+    g_signal_on = ": Failed to read client session 1, err=", g_signal_after = 12;
     vsk_trace_cbk = SignallingTrace;
     if (vsk_remove_service_session(2) != 0) return 1;
     if (g_seen < 12) return 2;

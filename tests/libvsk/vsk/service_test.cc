@@ -2,9 +2,10 @@
 // with nothing left of the eleventh, both sides of the link after create and removal, the
 // cached client's slot beside its untouched row, the caller's list after every return, the
 // stored name, all-or-nothing activation, config-bit counters and the published texts.
+#include "vsk/service.h"
+
 #include "session_rows.h"
 #include "support/attr_lists.h"
-#include "vsk/service.h"
 
 namespace vsk::test {
 namespace {
@@ -12,13 +13,16 @@ namespace {
 constexpr char kCreateFn[] = "vsk_create_service_session_by_client_id";
 constexpr char kUpdateFn[] = "vsk_update_service_session_internal";
 
-uint32_t BitCount(int bit) { return vsk_summary_counter[vsk_session_config_bit_to_summary_counter(bit)]; }
+uint32_t BitCount(int bit) {
+  return vsk_summary_counter[vsk_session_config_bit_to_summary_counter(bit)];
+}
 
 // "n: a b c" of a client record; "null" stands for a null id array.
 std::string ListOf(const vsk_client_session_t* rec) {
   std::string out = std::to_string(rec->service_count) + ":";
   if (rec->service_ids == nullptr) return out + " null";
-  for (uint16_t i = 0; i < rec->service_count; ++i) out += " " + std::to_string(rec->service_ids[i]);
+  for (uint16_t i = 0; i < rec->service_count; ++i)
+    out += " " + std::to_string(rec->service_ids[i]);
   return out;
 }
 
@@ -34,7 +38,8 @@ std::string TableList(uint64_t client) {
 std::string SlotList(uint64_t client) {
   vsk_client_session_t* rec = nullptr;
   if (vsk_db_client_session_empty(&rec) != 0) return "no memory";
-  vsk_status_t st = vsk_shm_to_session_record(nullptr, vsk_snap_get_shared_memory_ptr(), rec, client);
+  vsk_status_t st =
+      vsk_shm_to_session_record(nullptr, vsk_snap_get_shared_memory_ptr(), rec, client);
   std::string out = st == 0 ? ListOf(rec) : "st" + std::to_string(st);
   vsk_db_release_client_session(rec, false);
   return out;
@@ -47,7 +52,8 @@ std::string ServiceRow(uint64_t id, uint16_t type, std::string* bits = nullptr) 
   vsk_status_t st = vsk_db_get_service_session(&txn, &id, &rec, false, nullptr, 0);
   if (st != 0) return "st" + std::to_string(st);
   std::string out = "client=" + std::to_string(rec->client_id) + " " + ValueOf(rec->attrs, type);
-  if (bits != nullptr) bits->assign(reinterpret_cast<char*>(rec->config_bits), rec->config_bits_len);
+  if (bits != nullptr)
+    bits->assign(reinterpret_cast<char*>(rec->config_bits), rec->config_bits_len);
   vsk_db_release_service_session(rec, true);
   return out;
 }
@@ -117,8 +123,8 @@ TEST_F(ServiceTest, NameNodeIsOffTheCallersListAfterEveryReturn) {
     uint64_t client;
     vsk_status_t status;
     bool empty_list;
-  } cases[] = {{Create(attrs, false), 0, false}, {Create(attrs, false), 0, true},
-               {999999, VSK_ERR_NOT_FOUND, false}, {999999, VSK_ERR_NOT_FOUND, true},
+  } cases[] = {{Create(attrs, false), 0, false},     {Create(attrs, false), 0, true},
+               {999999, VSK_ERR_NOT_FOUND, false},   {999999, VSK_ERR_NOT_FOUND, true},
                {full, VSK_ERR_INVALID_PARAM, false}, {full, VSK_ERR_INVALID_PARAM, true}};
   for (const Case& c : cases) {
     SCOPED_TRACE(std::to_string(c.client) + (c.empty_list ? " empty" : " one node"));
@@ -136,15 +142,20 @@ TEST_F(ServiceTest, NameNodeIsOffTheCallersListAfterEveryReturn) {
                 "client=" + std::to_string(c.client) + (c.empty_list ? " <absent>" : " kim"));
     }
   }
-  EXPECT_EQ(traces().CountContaining(std::string(kCreateFn) + ": Failed to read client session, err="), 2);
-  EXPECT_EQ(traces().CountContaining(std::string(kCreateFn) + ": Failed to create service session, err="), 4);
+  EXPECT_EQ(
+      traces().CountContaining(std::string(kCreateFn) + ": Failed to read client session, err="),
+      2);
+  EXPECT_EQ(
+      traces().CountContaining(std::string(kCreateFn) + ": Failed to create service session, err="),
+      4);
 }
 
 TEST_F(ServiceTest, NameIsStoredWithItsNulAndMissingArgumentsAreRefused) {
   AttrList attrs{{VSK_SESSION_STATE, U32(1)}};
   const uint64_t client = Create(attrs, false);
   const uint64_t id = Service(client, "video-hd");
-  EXPECT_EQ(ServiceRow(id, VSK_SERVICE_NAME), "client=" + std::to_string(client) + " " + Text("video-hd"));
+  EXPECT_EQ(ServiceRow(id, VSK_SERVICE_NAME),
+            "client=" + std::to_string(client) + " " + Text("video-hd"));
   vsk_snapshot_handle h{};
   h.session_id = id;
   ASSERT_EQ(vsk_get_snapshot(&h), 0);
@@ -155,8 +166,10 @@ TEST_F(ServiceTest, NameIsStoredWithItsNulAndMissingArgumentsAreRefused) {
 
   traces().Clear();
   vsk_session_id_t out = 0;
-  EXPECT_EQ(vsk_create_service_session_by_client_id(client, nullptr, nullptr, nullptr, &out), VSK_ERR_INVALID_PARAM);
-  EXPECT_EQ(vsk_create_service_session_by_client_id(client, "x", nullptr, nullptr, nullptr), VSK_ERR_INVALID_PARAM);
+  EXPECT_EQ(vsk_create_service_session_by_client_id(client, nullptr, nullptr, nullptr, &out),
+            VSK_ERR_INVALID_PARAM);
+  EXPECT_EQ(vsk_create_service_session_by_client_id(client, "x", nullptr, nullptr, nullptr),
+            VSK_ERR_INVALID_PARAM);
   // Published: "idwithout" without a blank.
   EXPECT_EQ(traces().Count(std::string(kCreateFn) + ": Creating service session by client session "
                                                     "idwithout providing enough parameters"),
@@ -175,9 +188,11 @@ TEST_F(ServiceTest, ActivationChangesAllOrNone) {
   const vsk_session_id_t with_unknown[] = {a, 424242, b};
   EXPECT_EQ(vsk_activate_service_sessions(with_unknown, 3), 0)
       << "published: the abort's result, not the failure";
-  EXPECT_EQ(traces().Count("Failed to set list of service session active -7"), 1) << traces().Dump();
+  EXPECT_EQ(traces().Count("Failed to set list of service session active -7"), 1)
+      << traces().Dump();
   EXPECT_EQ(traces().Count(std::string(kUpdateFn) + ": Failed to update service session -7"), 1);
-  EXPECT_EQ(ServiceRow(a, VSK_SESSION_STATE), prefix + U32(5)) << "rolled back with the outer transaction";
+  EXPECT_EQ(ServiceRow(a, VSK_SESSION_STATE), prefix + U32(5))
+      << "rolled back with the outer transaction";
   EXPECT_EQ(ServiceRow(b, VSK_SESSION_STATE), prefix + "<absent>");
 
   const vsk_session_id_t both[] = {a, b};
@@ -202,9 +217,12 @@ TEST_F(ServiceTest, ConfigBitCountersFollowTheMaskAndRemovalKeepsTheDynamicRecor
     uint32_t bit0, bit1, bit9;
   } steps[] = {
       {VSK_ATTR_ACTION_ADD_OR_REPLACE, std::string("\x01", 1), std::string("\x01", 1), 1, 0, 0},
-      {VSK_ATTR_ACTION_ADD_OR_REPLACE, std::string("\x02", 1), std::string("\x01", 1), 1, 0, 0},  // same length: stands
-      {VSK_ATTR_ACTION_SET_BITS, std::string("\x02\x02", 2), std::string("\x03\x02", 2), 1, 1, 1},  // grows the copy
-      {VSK_ATTR_ACTION_SET_BITS, std::string("\x01", 1), std::string("\x03\x02", 2), 1, 1, 1},  // same bits
+      {VSK_ATTR_ACTION_ADD_OR_REPLACE, std::string("\x02", 1), std::string("\x01", 1), 1, 0,
+       0},  // same length: stands
+      {VSK_ATTR_ACTION_SET_BITS, std::string("\x02\x02", 2), std::string("\x03\x02", 2), 1, 1,
+       1},  // grows the copy
+      {VSK_ATTR_ACTION_SET_BITS, std::string("\x01", 1), std::string("\x03\x02", 2), 1, 1,
+       1},  // same bits
       {VSK_ATTR_ACTION_CLEAR_BITS, std::string("\x01", 1), std::string("\x02\x02", 2), 0, 1, 1},
       {VSK_ATTR_ACTION_DELETE, "", "", 0, 0, 0},
       {VSK_ATTR_ACTION_SET_BITS, std::string("\x00\x02", 2), std::string("\x00\x02", 2), 0, 0, 1},
@@ -258,9 +276,13 @@ TEST_F(ServiceTest, RefusedUpdatesChangeNothingAndUseTheServiceWords) {
     std::string mask;
     std::string trace;
   } cases[] = {
-      {VSK_USER_NAME, VSK_ATTR_ACTION_SET_BITS, "x", fn + ": Failed to add config bits to session during update " + std::to_string(VSK_USER_NAME)},
-      {VSK_INFO_ATTR, VSK_ATTR_ACTION_ADD_OR_REPLACE, "ab", fn + ": Length must be the same for info_attrs, err=" + bad},
-      {VSK_INFO_ATTR, VSK_ATTR_ACTION_DELETE_ARRAY, "a", fn + ": Invalid action type for info_attrs, err=" + bad},
+      {VSK_USER_NAME, VSK_ATTR_ACTION_SET_BITS, "x",
+       fn + ": Failed to add config bits to session during update " +
+           std::to_string(VSK_USER_NAME)},
+      {VSK_INFO_ATTR, VSK_ATTR_ACTION_ADD_OR_REPLACE, "ab",
+       fn + ": Length must be the same for info_attrs, err=" + bad},
+      {VSK_INFO_ATTR, VSK_ATTR_ACTION_DELETE_ARRAY, "a",
+       fn + ": Invalid action type for info_attrs, err=" + bad},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.trace);
@@ -328,11 +350,14 @@ TEST_F(ServiceTest, ServiceMissingFromItsClientsListIsInconsistent) {
   vsk_db_release_client_session(rec, true);
 
   EXPECT_EQ(vsk_remove_service_session(lost), VSK_ERR_CORRUPT);
-  EXPECT_EQ(traces().Count("vsk_remove_service_session: DB data is inconsistent, when remove service session " +
-                           std::to_string(lost) + " could not find service sid in client session record " +
-                           std::to_string(client)),
-            1);
-  EXPECT_EQ(ServiceRow(lost, VSK_SERVICE_NAME), "client=" + std::to_string(client) + " " + Text("b"));
+  EXPECT_EQ(
+      traces().Count(
+          "vsk_remove_service_session: DB data is inconsistent, when remove service session " +
+          std::to_string(lost) + " could not find service sid in client session record " +
+          std::to_string(client)),
+      1);
+  EXPECT_EQ(ServiceRow(lost, VSK_SERVICE_NAME),
+            "client=" + std::to_string(client) + " " + Text("b"));
   EXPECT_EQ(TableList(client), "1: " + std::to_string(kept));
 }
 
