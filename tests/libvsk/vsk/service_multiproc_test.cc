@@ -2,14 +2,18 @@
 // remove services on shared clients at once, and both sides of every link and the
 // config-bit counters then agree with the tables; a process holding a client record's lock
 // makes a create give up after its four passes and is outlasted by a removal.
+#include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <map>
 #include <random>
 #include <set>
+#include <thread>
 
 #include "lock_holder.h"
 #include "support/attr_lists.h"
+#include "support/orvd_process.h"
 #include "support/recount.h"
 #include "vsk/service.h"
 
@@ -40,9 +44,9 @@ std::map<uint64_t, uint64_t> ServiceOwners(vsk_status_t* status) {
   return owners;
 }
 
-// "" when every client lists exactly the services that name it, once each, and the
-// services are `expected`; else what disagrees.
-std::string LinkDifferences(const std::set<uint64_t>& expected) {
+// "" when every client lists exactly the services that name it, once each, and (when
+// given) the services are `expected`; else what disagrees.
+std::string LinkDifferences(const std::set<uint64_t>* expected) {
   vsk_status_t st;
   std::map<uint64_t, uint64_t> owners = ServiceOwners(&st);
   if (st != VSK_OK) return "service walk " + std::to_string(st);
@@ -64,9 +68,10 @@ std::string LinkDifferences(const std::set<uint64_t>& expected) {
   }
   for (const auto& [s, client] : owners) {
     if (!listed.count(s)) out += "unlisted " + std::to_string(s) + "; ";
-    if (!expected.count(s)) out += "unexpected " + std::to_string(s) + "; ";
+    if (expected != nullptr && !expected->count(s)) out += "unexpected " + std::to_string(s) + "; ";
   }
-  if (owners.size() != expected.size()) out += "count " + std::to_string(owners.size()) + "; ";
+  if (expected != nullptr && owners.size() != expected->size())
+    out += "count " + std::to_string(owners.size()) + "; ";
   return out;
 }
 
@@ -135,7 +140,7 @@ TEST_F(ServiceSystemTest, ConcurrentWorkersKeepBothSidesOfEveryLinkInStep) {
     for (uint64_t id : ReadNumbers<uint64_t>(ResultFile(k))) live.insert(id);
   }
   ChildResult check = AsClientDaemon([&live] {
-    std::string links = LinkDifferences(live);
+    std::string links = LinkDifferences(&live);
     std::string drift = CountDifferences(RecountFromTables(), ReadSharedCounts());
     if (links.empty() && drift.empty() && RecountFromTables().services == live.size()) return 0;
     std::fprintf(stderr, "links: %s\ncounts: %s\n", links.c_str(), drift.c_str());
@@ -213,6 +218,107 @@ TEST_F(ServiceSystemTest, CreateGivesUpAfterFourPassesAndRemovalOutlastsTheHolde
   holder.Go();
   EXPECT_TRUE(holder.Wait().Ok());
   close(fds[0]), close(fds[1]);
+}
+
+// ---- processes killed in the middle of service operations ------------------------------
+
+// Registers with a running orvd in poll mode, retrying while it recovers; null on timeout.
+orvd_ctx_t* Join() {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (std::chrono::steady_clock::now() < end) {
+    orvd_ctx_t* ctx = orvd_init_handle();
+    orvd_set_trace_callback(ctx, nullptr, CaptureTraceV);
+    orvd_set_reg_type_poll(ctx);
+    if (orvd_register(ctx) == VSK_OK) return ctx;
+    orvd_unregister(&ctx);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return nullptr;
+}
+
+// Workers creating, updating and removing services on clients 1..4 are SIGKILLed at
+// random moments, many of them inside Berkeley DB. After each kill, once orvd has taken
+// stock, every link is whole: a service and its place in its client's list commit or
+// vanish together. At the end every service can still be removed.
+TEST_F(VskTest, KilledServiceWorkersLeaveEveryLinkWhole) {
+  constexpr int kKills = 12;
+  OrvdProcess orvd;
+  ASSERT_TRUE(orvd.Start());
+  ChildResult made = RunInChild([] {
+    if (Join() == nullptr) return 1;
+    for (uint64_t i = 1; i <= kClients; ++i) {
+      AttrList attrs{{VSK_SESSION_STATE, U32(1)}};
+      vsk_session_id_t id = 0;
+      if (vsk_create_client_session(2, attrs.get(), nullptr, nullptr, &id) != 0 || id != i)
+        return 2;
+    }
+    return 0;
+  });
+  ASSERT_TRUE(made.Ok()) << made;
+  // Checks the links (and, with `remove_all`, removes every service first); retried while
+  // the store is recovering under the checker.
+  auto check = [](bool remove_all) {
+    return RunInChild(
+        [remove_all] {
+          if (Join() == nullptr) return 1;
+          vsk_status_t st;
+          std::set<uint64_t> none;
+          if (remove_all) {
+            for (const auto& [s, client] : ServiceOwners(&st)) {
+              if (vsk_remove_service_session(s) != 0) return 2;
+            }
+          }
+          std::string links = LinkDifferences(remove_all ? &none : nullptr);
+          if (links.empty()) return 0;
+          std::fprintf(stderr, "%s\n", links.c_str());
+          return 3;
+        },
+        std::chrono::seconds(90));
+  };
+  std::mt19937 rng(4711);
+  for (int k = 0; k < kKills; ++k) {
+    Child worker;
+    const unsigned seed = rng();
+    worker.Start([seed](Child::Channel& ch) -> int {
+      if (Join() == nullptr) return 1;
+      std::mt19937 r(seed);
+      std::vector<uint64_t> mine;
+      for (bool told = false;; told = true) {
+        vsk_session_id_t id = 0;
+        if (mine.empty() || r() % 3 == 0) {
+          if (vsk_create_service_session_by_client_id(1 + r() % kClients, "svc", nullptr, nullptr,
+                                                      &id) == 0)
+            mine.push_back(id);
+        } else if (r() % 2 == 0) {
+          UpdateList info;
+          info.Add(VSK_INFO_ATTR, VSK_ATTR_ACTION_SET_BITS, std::string(1, char(1 << r() % 8)));
+          vsk_update_service_session_and_info(mine[r() % mine.size()], nullptr, info.get());
+        } else {
+          const size_t at = r() % mine.size();
+          if (vsk_remove_service_session(mine[at]) == 0) mine.erase(mine.begin() + long(at));
+        }
+        if (!told) ch.Ready();
+      }
+    });
+    ASSERT_TRUE(worker.WaitReady(std::chrono::seconds(60))) << "kill " << k;
+    std::this_thread::sleep_for(std::chrono::microseconds(rng() % 30000));
+    const long checks = OrvdProcess::HealthFigure("failchk_runs");
+    const long recoveries = OrvdProcess::HealthFigure("recoveries");
+    worker.Kill();
+    worker.Wait();
+    // What the dead one held goes at orvd's next check (or recovery); a checker that came
+    // earlier could wait on it.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (std::chrono::steady_clock::now() < deadline &&
+           OrvdProcess::HealthFigure("failchk_runs") < checks + 2 &&
+           OrvdProcess::HealthFigure("recoveries") == recoveries) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ChildResult whole = check(false);
+    ASSERT_TRUE(whole.Ok()) << "after kill " << k << ": " << whole;
+  }
+  ChildResult emptied = check(true);
+  EXPECT_TRUE(emptied.Ok()) << emptied;
 }
 
 }  // namespace
