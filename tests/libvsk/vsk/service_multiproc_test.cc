@@ -76,6 +76,47 @@ std::string LinkDifferences(const std::set<uint64_t>* expected) {
   return out;
 }
 
+// Clients 1..kClients in the tables, state 1. 0 or the failing step.
+int MakeClients() {
+  for (uint64_t i = 1; i <= kClients; ++i) {
+    AttrList attrs{{VSK_SESSION_STATE, U32(1)}};
+    vsk_session_id_t id = 0;
+    if (vsk_create_client_session(2, attrs.get(), nullptr, nullptr, &id) != 0 || id != i) return 1;
+  }
+  return 0;
+}
+
+// One random operation on the services in `mine` (kept in step with what committed):
+// create on a random client (-6 there means "full" and counts as done), a config-bit
+// change, activation of two, or removal. Its status.
+vsk_status_t RandomStep(std::mt19937& rng, std::vector<uint64_t>& mine, int* created,
+                        int* removed) {
+  auto pick = [&](size_t n) { return static_cast<size_t>(rng() % n); };
+  const size_t what = mine.size() < 3 ? 0 : pick(10);
+  if (what < 4) {
+    vsk_session_id_t id = 0;
+    vsk_status_t st =
+        vsk_create_service_session_by_client_id(1 + pick(kClients), "svc", nullptr, nullptr, &id);
+    if (st == 0) mine.push_back(id), ++*created;
+    return st == VSK_ERR_INVALID_PARAM ? 0 : st;
+  }
+  if (what < 7) {
+    UpdateList info;
+    std::string mask(2, '\0');
+    mask[pick(2)] = static_cast<char>(1 << pick(8));
+    info.Add(VSK_INFO_ATTR, pick(2) ? VSK_ATTR_ACTION_SET_BITS : VSK_ATTR_ACTION_CLEAR_BITS, mask);
+    return vsk_update_service_session_and_info(mine[pick(mine.size())], nullptr, info.get());
+  }
+  if (what < 8) {
+    const vsk_session_id_t pair[] = {mine[pick(mine.size())], mine[pick(mine.size())]};
+    return vsk_activate_service_sessions(pair, 2);
+  }
+  const size_t at = pick(mine.size());
+  vsk_status_t st = vsk_remove_service_session(mine[at]);
+  if (st == 0) mine.erase(mine.begin() + long(at)), ++*removed;
+  return st;
+}
+
 using ServiceSystemTest = SessionSystemTest;
 
 // Clients 1..4 live in the tables, shared by three workers that each keep their own
@@ -84,51 +125,18 @@ using ServiceSystemTest = SessionSystemTest;
 TEST_F(ServiceSystemTest, ConcurrentWorkersKeepBothSidesOfEveryLinkInStep) {
   constexpr int kWorkers = 3, kSteps = 400;
   ASSERT_TRUE(StartSystem());
-  ChildResult made = AsClientDaemon([] {
-    for (int i = 1; i <= kClients; ++i) {
-      AttrList attrs{{VSK_SESSION_STATE, U32(1)}};
-      vsk_session_id_t id = 0;
-      if (vsk_create_client_session(2, attrs.get(), nullptr, nullptr, &id) != 0 ||
-          id != uint64_t(i))
-        return 1;
-    }
-    return 0;
-  });
+  ChildResult made = AsClientDaemon(MakeClients);
   ASSERT_TRUE(made.Ok()) << made;
   ASSERT_TRUE(RunConcurrently(kWorkers, [this](int k) {
     orvd_ctx link{};
     if (Up(&link, false) != 0) return 100;
     std::mt19937 rng(77 + k);
-    auto pick = [&](int n) { return static_cast<int>(rng() % n); };
     std::vector<uint64_t> mine;
     int created = 0, removed = 0;
     for (int step = 0; step < kSteps; ++step) {
-      const int what = mine.size() < 3 ? 0 : pick(10);
-      vsk_status_t st = 0;
-      if (what < 4) {
-        vsk_session_id_t id = 0;
-        st = vsk_create_service_session_by_client_id(1 + pick(kClients), "svc", nullptr, nullptr,
-                                                     &id);
-        if (st == 0) mine.push_back(id), ++created;
-        if (st == VSK_ERR_INVALID_PARAM) st = 0;  // that client has ten
-      } else if (what < 7) {
-        UpdateList info;
-        std::string mask(2, '\0');
-        mask[pick(2)] = static_cast<char>(1 << pick(8));
-        info.Add(VSK_INFO_ATTR, pick(2) ? VSK_ATTR_ACTION_SET_BITS : VSK_ATTR_ACTION_CLEAR_BITS,
-                 mask);
-        st = vsk_update_service_session_and_info(mine[pick(int(mine.size()))], nullptr, info.get());
-      } else if (what < 8) {
-        const vsk_session_id_t pair[] = {mine[pick(int(mine.size()))],
-                                         mine[pick(int(mine.size()))]};
-        st = vsk_activate_service_sessions(pair, 2);
-      } else {
-        const size_t at = size_t(pick(int(mine.size())));
-        st = vsk_remove_service_session(mine[at]);
-        if (st == 0) mine.erase(mine.begin() + long(at)), ++removed;
-      }
+      vsk_status_t st = RandomStep(rng, mine, &created, &removed);
       if (st != 0 && st != VSK_ERR_RETRY) {
-        std::fprintf(stderr, "worker %d step %d what %d: %d\n", k, step, what, st);
+        std::fprintf(stderr, "worker %d step %d: %d\n", k, step, st);
         return 1;
       }
     }
@@ -262,16 +270,7 @@ TEST_F(VskTest, KilledServiceWorkersLeaveEveryLinkWhole) {
   constexpr int kKills = 12;
   OrvdProcess orvd;
   ASSERT_TRUE(orvd.Start());
-  ChildResult made = RunInChild([] {
-    if (Join() == nullptr) return 1;
-    for (uint64_t i = 1; i <= kClients; ++i) {
-      AttrList attrs{{VSK_SESSION_STATE, U32(1)}};
-      vsk_session_id_t id = 0;
-      if (vsk_create_client_session(2, attrs.get(), nullptr, nullptr, &id) != 0 || id != i)
-        return 2;
-    }
-    return 0;
-  });
+  ChildResult made = RunInChild([] { return Join() == nullptr ? 1 : MakeClients(); });
   ASSERT_TRUE(made.Ok()) << made;
   // Checks the links (and, with `remove_all`, removes every service first); retried while
   // the store is recovering under the checker.
@@ -300,21 +299,13 @@ TEST_F(VskTest, KilledServiceWorkersLeaveEveryLinkWhole) {
     worker.Start([seed](Child::Channel& ch) -> int {
       if (Join() == nullptr) return 1;
       std::mt19937 r(seed);
+      // The services that earlier workers left are this one's to change and remove too.
+      vsk_status_t st;
       std::vector<uint64_t> mine;
+      for (const auto& [service, client] : ServiceOwners(&st)) mine.push_back(service);
+      int created = 0, removed = 0;
       for (bool told = false;; told = true) {
-        vsk_session_id_t id = 0;
-        if (mine.empty() || r() % 3 == 0) {
-          if (vsk_create_service_session_by_client_id(1 + r() % kClients, "svc", nullptr, nullptr,
-                                                      &id) == 0)
-            mine.push_back(id);
-        } else if (r() % 2 == 0) {
-          UpdateList info;
-          info.Add(VSK_INFO_ATTR, VSK_ATTR_ACTION_SET_BITS, std::string(1, char(1 << r() % 8)));
-          vsk_update_service_session_and_info(mine[r() % mine.size()], nullptr, info.get());
-        } else {
-          const size_t at = r() % mine.size();
-          if (vsk_remove_service_session(mine[at]) == 0) mine.erase(mine.begin() + long(at));
-        }
+        RandomStep(r, mine, &created, &removed);
         if (!told) ch.Ready();
       }
     });
