@@ -41,6 +41,24 @@ void CountUnit(uint64_t dynamic_id, SessionCounts* out) {
   vsk_db_release_dynamic_config(dyn, true);
 }
 
+// The config bits of the client's services (first 8 bytes), as the recovery walk counts
+// them; a listed service without a record counts nothing.
+void CountServices(const vsk_client_session_t* rec, SessionCounts* out) {
+  for (uint16_t i = 0; rec->service_ids != nullptr && i < rec->service_count; ++i) {
+    vsk_db_txn_t txn{};
+    vsk_service_session_t* service = nullptr;
+    uint64_t id = rec->service_ids[i];
+    if (vsk_db_get_service_session(&txn, &id, &service, false, nullptr, 0) == VSK_OK) {
+      ++out->services;
+      if (service->config_bits_len != 0) {
+        int32_t n = service->config_bits_len < 8 ? service->config_bits_len : 8;
+        vsk_summary_counter_increment_config_bits(service->config_bits, n, out->counters);
+      }
+    }
+    vsk_db_release_service_session(service, true);
+  }
+}
+
 void CountSession(uint64_t id, const vsk_client_session_t* rec, SessionCounts* out) {
   const vsk_attr_list_t* attrs = rec->attrs;
   out->sessions.insert(id);
@@ -62,6 +80,7 @@ void CountSession(uint64_t id, const vsk_client_session_t* rec, SessionCounts* o
   if (own != nullptr) ++out->interfaces[Name(own)].first;
   if (uifl != nullptr) ++out->interfaces[Name(uifl)].second;
   CountUnit(rec->dynamic_id, out);
+  CountServices(rec, out);
 }
 
 }  // namespace
