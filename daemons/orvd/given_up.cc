@@ -103,5 +103,18 @@ bool WaitsInsideGivenUpStore(pid_t pid) {
   return false;
 }
 
+std::vector<pid_t> ProcessesWaitingInsideRemovedStore() {
+  std::vector<pid_t> out;
+  DIR* dir = opendir("/proc");
+  if (dir == nullptr) return out;
+  while (const dirent* e = readdir(dir)) {
+    char* end = nullptr;
+    const long pid = std::strtol(e->d_name, &end, 10);
+    if (pid <= 0 || *end != '\0' || pid == getpid()) continue;
+    if (WaitsInsideGivenUpStore(static_cast<pid_t>(pid))) out.push_back(static_cast<pid_t>(pid));
+  }
+  closedir(dir);
+  return out;
+}
 
 }  // namespace orvd

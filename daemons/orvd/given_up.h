@@ -39,4 +39,10 @@ void Release(const Holdings& holdings);
 // mutex, latch or condition of a given-up environment, which nobody will ever wake.
 bool WaitsInsideGivenUpStore(pid_t pid);
 
+// Every other process that waits in a futex inside a removed region file of the store.
+// An orvd that was killed leaves its clients in its environment; the next orvd's recovery
+// removes those region files, and a client that waits there on what a dead process held
+// is never woken.
+std::vector<pid_t> ProcessesWaitingInsideRemovedStore();
+
 }  // namespace orvd

@@ -118,6 +118,8 @@ vsk_status_t Keeper::Open() {
     return rc;
   }
   StartMaintenance();
+  removed_store_check_ = Clock::now() + kOldEnvironmentWatch;
+  removed_store_check_due_ = true;
   return VSK_OK;
 }
 
@@ -192,6 +194,7 @@ void Keeper::OnReplicationRequest() {
 void Keeper::OnTick(Server& server) {
   const Clock::time_point now = Clock::now();
   ReleaseOldEnvironments(now);
+  EndProcessesLeftInRemovedStore(now);
   // Before anything touches a store that a reopen in place may be closing.
   if (reopen_ != nullptr && phase_ == Phase::kServing && reopen_->Tick(server)) {
     WriteHealthFile(server);
@@ -317,6 +320,17 @@ void Keeper::EndBlockedProcesses(OldEnvironment& old) {
   for (pid_t pid : blocked) {
     if (pid <= 0 || pid == getpid() || kill(pid, 0) != 0) continue;
     Log("pid %d is blocked for good inside the given-up store; ending it", static_cast<int>(pid));
+    kill(pid, SIGKILL);
+    ++blocked_ended_;
+  }
+}
+
+void Keeper::EndProcessesLeftInRemovedStore(Clock::time_point now) {
+  if (!removed_store_check_due_ || now < removed_store_check_) return;
+  removed_store_check_due_ = false;
+  for (pid_t pid : ProcessesWaitingInsideRemovedStore()) {
+    Log("pid %d is blocked for good inside the store of an earlier environment; ending it",
+        static_cast<int>(pid));
     kill(pid, SIGKILL);
     ++blocked_ended_;
   }

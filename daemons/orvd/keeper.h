@@ -124,6 +124,12 @@ class Keeper : public StoreOwner {
     bool blocked_ended = false;
   };
   void EndBlockedProcesses(OldEnvironment& old);
+  // Each open recovers the store and removes the region files of the environment before
+  // it, which may be a killed orvd's whose clients orvd never told: once they have had
+  // the watch's time to notice, those still waiting inside its removed files are ended.
+  void EndProcessesLeftInRemovedStore(Clock::time_point now);
+  Clock::time_point removed_store_check_{};
+  bool removed_store_check_due_ = false;
   void ReleaseOldEnvironments(Clock::time_point now);
   std::vector<OldEnvironment> old_envs_;
   uint64_t abandoned_workers_ = 0;

@@ -12,6 +12,7 @@
 #include "vsk/evlib.h"
 #include "vsk/orvd.h"
 #include "vsk/session.h"
+#include "vsk/service.h"
 #include "vsk/shared.h"
 #include "vsk/avl.h"
 #include "vsk/intf.h"

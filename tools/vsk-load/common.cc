@@ -2,9 +2,12 @@
 // worker's latencies back to the parent.
 #include <sys/mman.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <sstream>
+#include <thread>
 
 #include "load.h"
 
@@ -13,14 +16,91 @@ namespace vsk::load {
 bool Shared::Map(int workers, uint64_t per_line) {
   ids_per_line = per_line;
   const size_t board_bytes = (sizeof(Board) + 4095) & ~size_t{4095};
-  bytes = board_bytes + sizeof(uint64_t) * per_line * static_cast<uint64_t>(workers);
+  const uint64_t entries = per_line * static_cast<uint64_t>(workers);
+  bytes = board_bytes + (sizeof(uint64_t) + sizeof(uint8_t)) * entries;
   // Untouched pages of the id lists cost nothing: a duration run reserves generously.
   void* p = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE,
                  -1, 0);
   if (p == MAP_FAILED) return false;
   board = reinterpret_cast<Board*>(p);
   ids = reinterpret_cast<uint64_t*>(static_cast<char*>(p) + board_bytes);
+  stages = reinterpret_cast<uint8_t*>(ids + entries);
   return true;
+}
+
+bool Transient(vsk_status_t st) {
+  switch (st) {
+    case VSK_ERR_RETRY:
+    case VSK_ERR_RECOVERING:
+    case VSK_ERR_NOT_STARTED:
+    case VSK_ERR_SECONDARY_RECOVERY:
+    case VSK_ERR_ORVD_FATAL:
+    case VSK_ERR_ORVD_CONNECT:
+      return true;
+    default:
+      return false;
+  }
+}
+
+std::string ApplyMix(const std::string& mix, Options* o) {
+  o->setup_updates = 0, o->activate = false, o->snapshots = 0, o->reads = 0;
+  std::stringstream in(mix);
+  std::string item;
+  while (std::getline(in, item, ',')) {
+    if (item.empty()) continue;
+    const size_t eq = item.find('=');
+    const std::string name = item.substr(0, eq);
+    long count = 1;
+    if (eq != std::string::npos) {
+      char* end = nullptr;
+      const std::string digits = item.substr(eq + 1);
+      count = std::strtol(digits.c_str(), &end, 10);
+      if (digits.empty() || *end != '\0' || count < 0 || count > 1000)
+        return "--mix: \"" + item + "\": the count must be 0 to 1000";
+    }
+    if (name == "setup-update") {
+      o->setup_updates = static_cast<int>(count);
+    } else if (name == "activate") {
+      if (count > 1) return "--mix: activate runs once or not at all";
+      o->activate = count == 1;
+    } else if (name == "snapshot") {
+      o->snapshots = static_cast<int>(count);
+    } else if (name == "reads") {
+      o->reads = static_cast<int>(count);
+    } else {
+      return "--mix: unknown step \"" + name +
+             "\" (setup-update, activate, snapshot, reads; create and remove always run)";
+    }
+  }
+  if (o->reads != 0 && o->snapshots == 0) return "--mix: reads need a snapshot to read from";
+  return {};
+}
+
+std::string UserAfterSetup(const Subscriber& sub, int setup_updates) {
+  if (setup_updates == 0) return sub.user;
+  return kSetupUsers[(setup_updates - 1) & 1];
+}
+
+vsk_status_t JoinStore(orvd_ctx_t** ctx, orvd_trace_fn_t trace,
+                       orvd_db_env_change_cbk_t env_change, int limit) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(limit);
+  vsk_status_t st = VSK_ERR_ORVD_FATAL;
+  for (;;) {
+    *ctx = orvd_init_handle();
+    if (*ctx == nullptr) return VSK_ERR_NOMEM;
+    st = orvd_set_trace_callback(*ctx, nullptr, trace);
+    if (st == VSK_OK && env_change != nullptr) st = orvd_set_db_env_change_callback(*ctx, env_change);
+    if (st == VSK_OK) st = orvd_set_reg_type_poll(*ctx);
+    if (st == VSK_OK) st = orvd_register(*ctx);
+    if (st == VSK_OK) st = vsk_db_check();
+    if (st == VSK_OK) return orvd_send_recovery_complete(*ctx);
+    orvd_unregister(ctx);
+    // orvd refuses registrations until its store is ready and is not there at all while it
+    // restarts; a store that is given up while this process opens it fails the open
+    // (a panic, a deadlock victim: -1). A daemon tries again until its supervisor's limit.
+    if (st == VSK_ERR_UNSUPPORTED || std::chrono::steady_clock::now() > end) return st;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
 }
 
 void Shared::Unmap() {

@@ -3,35 +3,16 @@
 // A node with a length but no value would be read through a null pointer by the record
 // encoder and the cache: such a list is refused with -6 before anything is touched.
 #include "libvsk/base/trace.h"
+#include "libvsk/vsk/arg_checks.h"
 #include "libvsk/vsk/create_internal.h"
 #include "vsk/session.h"
 
 namespace {
 
+using vsk::session::AttrsUsable;
+using vsk::session::DynamicUsable;
+
 constexpr char kNotEnough[] = "%s: Creating client session without provide enough parameters";
-
-bool AttrsUsable(const char* fn, const vsk_attr_list_t* list) {
-  if (list == nullptr) return true;
-  for (const vsk_attr_t* a = list->first; a != nullptr; a = a->next) {
-    if (a->length != 0 && a->value == nullptr) {
-      VSK_TRACE("%s: attribute %u has length %u and no value", fn, a->type, a->length);
-      return false;
-    }
-  }
-  return true;
-}
-
-bool DynamicUsable(const char* fn, const vsk_dyn_attr_list_t* list) {
-  if (list == nullptr) return true;
-  for (const vsk_dyn_attr_t* a = list->first; a != nullptr; a = a->next) {
-    if (a->name == nullptr || (a->length != 0 && a->value == nullptr)) {
-      VSK_TRACE("%s: dynamic attribute %s has length %u and no value", fn,
-                a->name != nullptr ? a->name : "(no name)", a->length);
-      return false;
-    }
-  }
-  return true;
-}
 
 // The extended create's checks and call, shared by the three entry points.
 vsk_status_t Extended(const char* fn, uint32_t client_type, vsk_attr_list_t* attrs,

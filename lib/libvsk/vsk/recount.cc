@@ -41,6 +41,24 @@ void CountUnit(uint64_t dynamic_id, SessionCounts* out) {
   vsk_db_release_dynamic_config(dyn, true);
 }
 
+// The config bits of the client's services (first 8 bytes), as the recovery walk counts
+// them; a listed service without a record counts nothing.
+void CountServices(const vsk_client_session_t* rec, SessionCounts* out) {
+  for (uint16_t i = 0; rec->service_ids != nullptr && i < rec->service_count; ++i) {
+    vsk_db_txn_t txn{};
+    vsk_service_session_t* service = nullptr;
+    uint64_t id = rec->service_ids[i];
+    if (vsk_db_get_service_session(&txn, &id, &service, false, nullptr, 0) == VSK_OK) {
+      ++out->services;
+      if (service->config_bits_len != 0) {
+        int32_t n = service->config_bits_len < 8 ? service->config_bits_len : 8;
+        vsk_summary_counter_increment_config_bits(service->config_bits, n, out->counters);
+      }
+    }
+    vsk_db_release_service_session(service, true);
+  }
+}
+
 void CountSession(uint64_t id, const vsk_client_session_t* rec, SessionCounts* out) {
   const vsk_attr_list_t* attrs = rec->attrs;
   out->sessions.insert(id);
@@ -62,6 +80,7 @@ void CountSession(uint64_t id, const vsk_client_session_t* rec, SessionCounts* o
   if (own != nullptr) ++out->interfaces[Name(own)].first;
   if (uifl != nullptr) ++out->interfaces[Name(uifl)].second;
   CountUnit(rec->dynamic_id, out);
+  CountServices(rec, out);
 }
 
 }  // namespace
@@ -79,17 +98,12 @@ SessionCounts RecountFromTables() {
     if (out.status != VSK_OK) break;
     current = key->id, next = ahead != nullptr ? ahead->id : 0;
     vsk_db_release_key_session_id(key, true), vsk_db_release_key_session_id(ahead, true);
-    vsk_client_session_t* slot = nullptr;
-    if (shm != nullptr && vsk_is_session_in_shm(current, shm) &&
-        vsk_db_client_session_empty(&slot) == VSK_OK &&
-        vsk_shm_to_session_record(nullptr, shm, slot, current) == VSK_OK) {
-      slot->dynamic_id = rec->dynamic_id;
-      CountSession(current, slot, &out);
-      ++out.slots_in_use;
-    } else {
-      CountSession(current, rec, &out);
-    }
-    vsk_db_release_client_session(slot, false);
+    // Counted from the table row, as create, the flush of a state change, removal and the
+    // recovery walk count: a slot differs from its row in a counted attribute only when its
+    // writer died between the slot's update and the flush's commit, and that change was
+    // never counted.
+    CountSession(current, rec, &out);
+    if (shm != nullptr && vsk_is_session_in_shm(current, shm)) ++out.slots_in_use;
     vsk_db_release_client_session(rec, true);
   }
   if (out.status == VSK_ERR_NOT_FOUND) out.status = VSK_OK;
@@ -123,8 +137,10 @@ SessionCounts ReadSharedCounts() {
   // other processes see it through a relaxed load.
   if (auto* seg = static_cast<vsk::cache::SnapshotSegment*>(vsk_snap_get_shared_memory_ptr())) {
     for (auto& slot : seg->slots) {
-      if (std::atomic_ref<uint64_t>(slot.session_id).load(std::memory_order_relaxed) != 0)
-        ++out.slots_in_use;
+      const uint64_t id = std::atomic_ref<uint64_t>(slot.session_id).load(std::memory_order_relaxed);
+      if (id == 0) continue;
+      ++out.slots_in_use;
+      out.slot_sessions.insert(id);
     }
   }
   return out;

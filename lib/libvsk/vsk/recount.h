@@ -1,12 +1,14 @@
 // A recount of what the summary counters, the interface table and the interface unit pool
 // should hold, made from the session tables, beside what they do hold.
 //
-// The recount walks the client table; a session that is still in the cache is counted
-// from its slot, which is the current copy until the next flush. Each session counts as a
-// create counts it: state, interface type, client type and total, its config bits (first
-// 8 bytes), its own interface (VSK_INTERFACE_NAME of a session without VSK_PROFILE_NAME) and
-// its underlying interface, and an interface unit named in its dynamic record when that
-// unit lies in the pool. Sessions that carry VSK_AGGREGATED or a profile name, or whose
+// The recount walks the client table and counts each session from its table row, as the
+// counters themselves are kept (a cached update that changes a counted attribute is
+// counted once its flush has committed), and counts the sessions that hold a cache slot.
+// Each session counts as a create counts it: state, interface type, client type and total,
+// its config bits (first 8 bytes), its own interface (VSK_INTERFACE_NAME of a session
+// without VSK_PROFILE_NAME) and its underlying interface, and an interface unit named in
+// its dynamic record when that unit lies in the pool, and the config bits of each service
+// the session lists. Sessions that carry VSK_AGGREGATED or a profile name, or whose
 // interface name changed after it was first set, are not counted the way removal uncounts
 // them; a test that wants an exact match keeps away from them.
 //
@@ -33,6 +35,8 @@ struct SessionCounts {
   uint32_t units_in_use = 0;  // interface units (pool 0)
   uint32_t slots_in_use = 0;  // cache slots holding a session (slot or table view)
   std::set<uint64_t> sessions;
+  std::set<uint64_t> slot_sessions;  // the sessions the cache slots name (shared view only)
+  uint32_t services = 0;  // service records found through their clients' lists (tables only)
 };
 
 // What the tables (and slots) say.

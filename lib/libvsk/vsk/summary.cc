@@ -68,18 +68,25 @@ void UpdateSummaryCounters(const SessionDelta& d) {
     VSK_TRACE("%s: Failed to increment client ifl type summary counter %s", kCountersFn,
               vsk_get_err_msg(rc));
   }
-  if (d.old_bits_len == d.new_bits_len &&
-      std::memcmp(d.old_bits, d.new_bits, d.old_bits_len) == 0) {
-    return;
-  }
-  if (d.old_bits_len != 0 &&
-      (rc = shared::CounterDecrementConfigBits(d.old_bits, d.old_bits_len)) != 0) {
-    VSK_TRACE("%s: Failed to decrement client config bits summary counter %s", kCountersFn,
+  MoveConfigBitCounters(d.old_bits, d.old_bits_len, d.new_bits, d.new_bits_len, kCountersFn);
+}
+
+void KeepBits(const uint8_t* bits, uint16_t length, uint8_t (&out)[8], uint16_t* out_len) {
+  *out_len = length < 8 ? length : 8;
+  std::memset(out, 0, sizeof out);
+  if (bits != nullptr && *out_len != 0) std::memcpy(out, bits, *out_len);
+}
+
+void MoveConfigBitCounters(const uint8_t* old_bits, uint16_t old_len, const uint8_t* new_bits,
+                           uint16_t new_len, const char* fn) {
+  if (old_len == new_len && std::memcmp(old_bits, new_bits, old_len) == 0) return;
+  int rc;
+  if (old_len != 0 && (rc = shared::CounterDecrementConfigBits(old_bits, old_len)) != 0) {
+    VSK_TRACE("%s: Failed to decrement client config bits summary counter %s", fn,
               vsk_get_err_msg(rc));
   }
-  if (d.new_bits_len != 0 &&
-      (rc = shared::CounterIncrementConfigBits(d.new_bits, d.new_bits_len, nullptr)) != 0) {
-    VSK_TRACE("%s: Failed to increment client config bits summary counter %s", kCountersFn,
+  if (new_len != 0 && (rc = shared::CounterIncrementConfigBits(new_bits, new_len, nullptr)) != 0) {
+    VSK_TRACE("%s: Failed to increment client config bits summary counter %s", fn,
               vsk_get_err_msg(rc));
   }
 }

@@ -99,12 +99,6 @@ bool ReadName(patricia_root_t* tree, void* shm, uint64_t id, const char* what,
   return true;
 }
 
-void KeepBits(const uint8_t* bits, uint16_t length, uint8_t (&out)[8], uint16_t* out_len) {
-  *out_len = length < 8 ? length : 8;
-  std::memset(out, 0, sizeof out);
-  if (bits != nullptr && *out_len != 0) std::memcpy(out, bits, *out_len);
-}
-
 class Update {
  public:
   explicit Update(const UpdateRequest& request) : rq_(request) { delta_.id = request.id; }

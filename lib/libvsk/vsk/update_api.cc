@@ -6,32 +6,14 @@
 #include "libvsk/base/trace.h"
 #include "libvsk/shared/session_cache.h"
 #include "libvsk/store/txn.h"
+#include "libvsk/vsk/arg_checks.h"
 #include "libvsk/vsk/update_internal.h"
 #include "vsk/session.h"
 
 namespace {
 
-bool UpdatesUsable(const char* fn, const vsk_attr_update_list_t* list) {
-  if (list == nullptr) return true;
-  for (const vsk_attr_update_t* e = list->first; e != nullptr; e = e->next) {
-    const bool bad_type = e->type < VSK_TYPE_MIN || e->type >= VSK_TYPE_MAX;
-    const bool bad_old = e->length != 0 && e->value == nullptr &&
-                         e->action == VSK_ATTR_ACTION_ADD_OR_APPEND;
-    const bool bad_new = e->new_length != 0 && e->new_value == nullptr;
-    if (bad_type || bad_old || bad_new) {
-      VSK_TRACE("%s: update of attribute %u (action %u) has a bad type or a length without value",
-                fn, e->type, e->action);
-      return false;
-    }
-  }
-  return true;
-}
-
-bool PrivateUsable(const char* fn, const vsk_app_data_t* data) {
-  if (data == nullptr || data->length == 0 || data->data != nullptr) return true;
-  VSK_TRACE("%s: private data has length %u and no value", fn, data->length);
-  return false;
-}
+using vsk::session::PrivateUsable;
+using vsk::session::UpdatesUsable;
 
 // The public forms: the segment, the gate, the checks, then the internal form.
 vsk_status_t Public(const char* fn, vsk_session_id_t id, const vsk_attr_update_list_t* updates,

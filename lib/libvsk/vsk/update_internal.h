@@ -1,7 +1,8 @@
 // Client session update and removal, inside the library.
 //
-// Callers: the exported update and removal shims (update_api.cc), and later the service
-// session and bundled-session code, which run an update inside their own transaction.
+// Callers: the exported update and removal shims (update_api.cc), the service session
+// update (config-bit helpers), and the bundled-session code, which runs an update inside
+// its own transaction.
 #pragma once
 
 #include <cstdint>
@@ -53,6 +54,15 @@ vsk_status_t UpdateClientSession(const UpdateRequest& request);
 // trace), then the summary counters. Every failure is traced and ignored.
 void FollowInterfaceTable(const SessionDelta& delta, vsk_status_t result);
 void UpdateSummaryCounters(const SessionDelta& delta);
+
+// The first 8 bytes, at most, of config bits (null or length 0: none) into `out`, the rest
+// zeroed, and their length into *out_len.
+void KeepBits(const uint8_t* bits, uint16_t length, uint8_t (&out)[8], uint16_t* out_len);
+// When old and new bits (as KeepBits keeps them) differ in length or bytes: the old ones
+// leave the config-bit counters and the new ones join them. Failures are traced, naming
+// `fn`, in the words of a client update (a service update uses them too, as published).
+void MoveConfigBitCounters(const uint8_t* old_bits, uint16_t old_len, const uint8_t* new_bits,
+                           uint16_t new_len, const char* fn);
 
 // The whole removal. 0, -7 for a removed session that named no interface (published
 // behaviour), or the status that stopped the transaction.
