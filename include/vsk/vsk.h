@@ -27,5 +27,8 @@
 #include "vsk/provdb.h"
 #include "vsk/pfltd.h"
 #include "vsk/ack.h"
+#include "vsk/auth.h"
+#include "vsk/app_data.h"
+#include "vsk/uid.h"
 
 #endif /* VSK_VSK_H */

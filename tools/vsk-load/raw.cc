@@ -1,19 +1,32 @@
 // The raw side of --baseline: the Berkeley DB table operations that one lifecycle makes in
-// the store, replayed directly against an environment set up as the store's (same cache,
-// log buffer and region, mutex and lock limits, time-outs, deadlock detector, no sync on
-// commit, thread-safe handles; no replication), with records of the same sizes (the
-// library's own encodings of the same subscriber) and the client table ordered by the
-// store's key comparison. Per lifecycle:
-//   create    one transaction: put client record, dynamic record, auth request
+// the store, replayed directly against an environment set up as the store's, with records
+// of the same sizes (the library's own encodings of the same subscriber) and the client
+// table ordered by the store's key comparison.
+//
+// The environment is the store's: the same cache, log buffer and region, mutex and lock
+// limits, time-outs and deadlock detector; thread tracking with a thread-id and liveness
+// callback (the store's joiners need them for failchk); commits written to the log file
+// without a sync; replication started as master, here with a transport that drops what
+// it is given (the store's queues it for the replication daemon: that copy is the
+// library's cost). The tables live in one file, as the store's do.
+//
+// Per lifecycle, as the library does them with the session cache:
+//   create    one transaction: put client record, put dynamic record (the authentication
+//             request stays in the cache slot)
 //   set-up    none (the cached update touches only the slot)
 //   activate  one transaction: put client record (the flushed slot) and dynamic record
-//   snapshot  one transaction: get client record and dynamic record
-//   remove    one transaction: delete client record, dynamic record, auth request and
-//             auth response (absent)
+//   snapshot  one transaction: get client record, get dynamic record (the attribute reads
+//             look at the loaded snapshot only)
+//   remove    one transaction: delete the private data of applications 0-9 (absent), get
+//             client record, delete it, get dynamic record for update, delete it, delete
+//             auth request and auth response (both absent)
 // Workers hold and remove their sessions exactly as the library's workers do.
 #include <db.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -30,17 +43,43 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr db_timeout_t kTimeoutUs = 10000000;
+constexpr uint32_t kThreadCount = 100;
 constexpr uint32_t kLogBufferBytes = 64000;
 constexpr uint32_t kLogRegionBytes = 195000;
 constexpr uint32_t kCacheBytes = 1048576;
 constexpr uint32_t kMaxMutexes = 8192;
 constexpr uint32_t kMaxLocks = 4096;
 constexpr uint32_t kMaxLockers = 4096;
-constexpr uint32_t kEnvFlags = DB_THREAD | DB_INIT_LOCK | DB_INIT_LOG | DB_INIT_MPOOL | DB_INIT_TXN;
+constexpr uint32_t kRepMessageLimitBytes = 64000;
+constexpr int kMasterEnvId = 0;
+// The creator makes the environment with replication and starts it as master; the workers
+// join it and inherit replication, as the store's daemons do.
+constexpr uint32_t kCreateFlags = DB_CREATE | DB_RECOVER | DB_THREAD | DB_INIT_LOCK | DB_INIT_LOG |
+                                  DB_INIT_MPOOL | DB_INIT_REP | DB_INIT_TXN;
+constexpr uint32_t kJoinFlags =
+    DB_THREAD | DB_INIT_LOCK | DB_INIT_LOG | DB_INIT_MPOOL | DB_INIT_TXN;
 constexpr const char kFile[] = "raw.db";
 constexpr int kPasses = 250;
-enum Table { kClient, kDynamic, kAuthRequest, kAuthResponse, kTables };
-constexpr const char* kTableNames[kTables] = {"client", "dynamic", "auth-request", "auth-response"};
+// Applications whose private data a removal deletes (0 to 9), as the library's does.
+constexpr uint32_t kApplications = 10;
+enum Table { kClient, kDynamic, kAuthRequest, kAuthResponse, kAppPrivate, kTables };
+constexpr const char* kTableNames[kTables] = {"client", "dynamic", "auth-request", "auth-response",
+                                              "app-private"};
+
+// The process's identity for thread tracking: the pid taken once, every thread thread 0,
+// as the store's callback gives it.
+pid_t g_pid = 0;
+void ThreadId(DB_ENV*, pid_t* pid, db_threadid_t* tid) noexcept {
+  if (pid != nullptr) *pid = g_pid;
+  if (tid != nullptr) *tid = 0;
+}
+int IsAlive(DB_ENV*, pid_t pid, db_threadid_t, uint32_t) noexcept {
+  return pid > 0 && (kill(pid, 0) == 0 || errno != ESRCH) ? 1 : 0;
+}
+// Nobody listens: every message is taken and dropped, so that a commit never waits.
+int DropMessage(DB_ENV*, const DBT*, const DBT*, const DB_LSN*, int, uint32_t) noexcept {
+  return 0;
+}
 
 struct EnvCloser {
   void operator()(DB_ENV* e) const { e->close(e, 0); }
@@ -52,18 +91,28 @@ int OpenEnv(const std::string& home, bool create, EnvPtr* out) {
   int ret = db_env_create(&env, 0);
   if (ret != 0) return ret;
   out->reset(env);
+  g_pid = getpid();
   if ((ret = env->set_timeout(env, kTimeoutUs, DB_SET_TXN_TIMEOUT)) != 0 ||
       (ret = env->set_timeout(env, kTimeoutUs, DB_SET_LOCK_TIMEOUT)) != 0 ||
       (ret = env->set_lk_detect(env, DB_LOCK_DEFAULT)) != 0 ||
+      (create && (ret = env->set_thread_count(env, kThreadCount)) != 0) ||
+      (ret = env->set_thread_id(env, ThreadId)) != 0 ||
+      (ret = env->set_isalive(env, IsAlive)) != 0 ||
       (ret = env->set_lg_bsize(env, kLogBufferBytes)) != 0 ||
       (ret = env->set_lg_regionmax(env, kLogRegionBytes)) != 0 ||
       (ret = env->set_cachesize(env, 0, kCacheBytes, 0)) != 0 ||
       (ret = env->mutex_set_max(env, kMaxMutexes)) != 0 ||
       (ret = env->set_lk_max_locks(env, kMaxLocks)) != 0 ||
       (ret = env->set_lk_max_lockers(env, kMaxLockers)) != 0 ||
-      (ret = env->set_flags(env, DB_TXN_NOSYNC, 1)) != 0)
+      (ret = env->set_flags(env, DB_TXN_WRITE_NOSYNC, 1)) != 0)
     return ret;
-  return env->open(env, home.c_str(), kEnvFlags | (create ? DB_CREATE : 0), 0);
+  if ((ret = env->open(env, home.c_str(), create ? kCreateFlags : kJoinFlags, 0)) != 0 ||
+      (ret = env->rep_set_transport(env, kMasterEnvId, DropMessage)) != 0 ||
+      (ret = env->rep_set_config(env, DB_REP_CONF_NOWAIT, 1)) != 0 ||
+      (ret = env->rep_set_limit(env, 0, kRepMessageLimitBytes)) != 0 ||
+      (ret = env->rep_set_timeout(env, DB_REP_CHECKPOINT_DELAY, 0)) != 0)
+    return ret;
+  return create ? env->rep_start(env, nullptr, DB_REP_MASTER) : 0;
 }
 
 struct DbCloser {
@@ -118,17 +167,12 @@ class RawLifecycles {
     vsk_dynamic_config_t dyn{};
     dyn.attrs = &sub.dyn_list;
     dynamic_ = Encode(vsk::store::EncodeDynamicRecord, &dyn);
-    vsk_auth_info_t auth{};
-    auth.attrs = &sub.auth_list;
-    request_ = Encode(vsk::store::EncodeAuthRecord, &auth);
   }
 
   int Create(uint64_t key) {
     return InTxn([&](DB_TXN* txn) {
       int ret = Put(kClient, txn, key, client_);
-      if (ret == 0) ret = Put(kDynamic, txn, key, dynamic_);
-      if (ret == 0) ret = Put(kAuthRequest, txn, key, request_);
-      return ret;
+      return ret == 0 ? Put(kDynamic, txn, key, dynamic_) : ret;
     });
   }
   int Activate(uint64_t key) {
@@ -139,14 +183,25 @@ class RawLifecycles {
   }
   int Read(uint64_t key) {
     return InTxn([&](DB_TXN* txn) {
-      int ret = Get(kClient, txn, key);
-      return ret == 0 ? Get(kDynamic, txn, key) : ret;
+      int ret = Get(kClient, txn, key, 0);
+      return ret == 0 ? Get(kDynamic, txn, key, 0) : ret;
     });
   }
   int Remove(uint64_t key) {
     return InTxn([&](DB_TXN* txn) {
       int ret = 0;
-      for (int t = 0; t < kTables && ret == 0; ++t) ret = Del(static_cast<Table>(t), txn, key);
+      for (uint32_t app = 0; app < kApplications && ret == 0; ++app) {
+        uint8_t private_key[12];
+        const vsk_app_pri_key_t k{key, app};
+        vsk::store::EncodeAppPriKey(&k, private_key, sizeof private_key);
+        ret = Del(kAppPrivate, txn, private_key, sizeof private_key);
+      }
+      if (ret == 0) ret = Get(kClient, txn, key, 0);
+      if (ret == 0) ret = Del(kClient, txn, &key, sizeof key);
+      if (ret == 0) ret = Get(kDynamic, txn, key, DB_RMW);
+      if (ret == 0) ret = Del(kDynamic, txn, &key, sizeof key);
+      if (ret == 0) ret = Del(kAuthRequest, txn, &key, sizeof key);
+      if (ret == 0) ret = Del(kAuthResponse, txn, &key, sizeof key);
       return ret;
     });
   }
@@ -176,27 +231,28 @@ class RawLifecycles {
     d.size = static_cast<uint32_t>(bytes.size());
     return dbs_[t]->put(dbs_[t].get(), txn, &k, &d, 0);
   }
-  int Get(Table t, DB_TXN* txn, uint64_t key) {
+  int Get(Table t, DB_TXN* txn, uint64_t key, uint32_t flags) {
     DBT k{}, d{};
     k.data = &key;
     k.size = k.ulen = sizeof key;
     k.flags = DB_DBT_USERMEM;  // thread-safe handles with a key comparison want a memory flag
     d.flags = DB_DBT_MALLOC;
-    int ret = dbs_[t]->get(dbs_[t].get(), txn, &k, &d, 0);
+    int ret = dbs_[t]->get(dbs_[t].get(), txn, &k, &d, flags);
     std::free(d.data);
     return ret;
   }
-  int Del(Table t, DB_TXN* txn, uint64_t key) {
+  // Absent records pass, as they do in the library's removal.
+  int Del(Table t, DB_TXN* txn, void* key, uint32_t size) {
     DBT k{};
-    k.data = &key;
-    k.size = sizeof key;
+    k.data = key;
+    k.size = size;
     int ret = dbs_[t]->del(dbs_[t].get(), txn, &k, 0);
     return ret == DB_NOTFOUND ? 0 : ret;
   }
 
   DB_ENV* env_;
   DbPtr (&dbs_)[kTables];
-  std::string client_, active_client_, dynamic_, request_;
+  std::string client_, active_client_, dynamic_;
 };
 
 }  // namespace

@@ -1,6 +1,8 @@
 // The end table (or the same as one JSON document with --json): lifecycles per second, and
 // per step the rate and the latency percentiles; with --baseline the raw side beside it and
-// the ratio of the library's mean cost to the raw mean cost, per step and per lifecycle.
+// the ratio of the library's cost to the raw cost, per step and per lifecycle. Two ratios
+// each: of the means, and of the medians. On a shared machine a step's mean carries every
+// time the worker lost its core in the middle of it; the median is the step's own cost.
 #include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -35,6 +37,17 @@ StepFigures Figures(const PhaseFigures& p, int step) {
   return f;
 }
 
+// The median cost of one lifecycle: each step's median times its calls per lifecycle.
+double MedianLifecycleUs(const PhaseFigures& p) {
+  if (p.lifecycles == 0) return 0;
+  double sum = 0;
+  for (int s = 0; s < kSteps; ++s) {
+    StepFigures f = Figures(p, s);
+    sum += f.p50 * static_cast<double>(f.calls) / static_cast<double>(p.lifecycles);
+  }
+  return sum;
+}
+
 double Rate(const PhaseFigures& p) {
   return p.seconds > 0 ? static_cast<double>(p.lifecycles) / p.seconds : 0;
 }
@@ -49,6 +62,8 @@ void PrintTable(const Options& o, int workers, const PhaseFigures& lib, const Ph
   };
   const double lifecycle_ratio =
       raw && raw->lifecycles && lib.lifecycles ? cost_us(lib) / cost_us(*raw) : 0;
+  const double median_ratio =
+      raw && MedianLifecycleUs(*raw) > 0 ? MedianLifecycleUs(lib) / MedianLifecycleUs(*raw) : 0;
   if (o.json) {
     nlohmann::json j;
     j["workers"] = workers;
@@ -67,6 +82,8 @@ void PrintTable(const Options& o, int workers, const PhaseFigures& lib, const Ph
         step["raw"] = {{"calls", r.calls}, {"rate", r.rate},  {"mean_us", r.mean_us},
                        {"p50_us", r.p50},  {"p99_us", r.p99}, {"p999_us", r.p999}};
         step["ratio"] = r.calls ? nlohmann::json(f.mean_us / r.mean_us) : nlohmann::json(nullptr);
+        step["ratio_p50"] =
+            r.calls && r.p50 > 0 ? nlohmann::json(f.p50 / r.p50) : nlohmann::json(nullptr);
       }
       j["steps"][kStepNames[s]] = step;
     }
@@ -76,6 +93,9 @@ void PrintTable(const Options& o, int workers, const PhaseFigures& lib, const Ph
                   {"lifecycles_per_second", Rate(*raw)},
                   {"lifecycle_cost_us", cost_us(*raw)}};
       j["lifecycle_ratio"] = lifecycle_ratio;
+      j["lifecycle_median_us"] = MedianLifecycleUs(lib);
+      j["raw"]["lifecycle_median_us"] = MedianLifecycleUs(*raw);
+      j["lifecycle_ratio_p50"] = median_ratio;
     }
     j["oracle"] = oracle.empty() ? "ok" : oracle;
     j["leftovers_removed"] = leftovers;
@@ -89,7 +109,8 @@ void PrintTable(const Options& o, int workers, const PhaseFigures& lib, const Ph
               cost_us(lib));
   std::printf("%-16s %10s %10s %9s %9s %9s %9s", "step", "calls", "rate/s", "mean us", "p50 us",
               "p99 us", "p99.9 us");
-  if (raw != nullptr) std::printf(" %9s %9s %7s", "raw mean", "raw p99", "ratio");
+  if (raw != nullptr)
+    std::printf(" %9s %9s %9s %7s %7s", "raw mean", "raw p50", "raw p99", "ratio", "p50 r.");
   std::printf("\n");
   for (int s = 0; s < kSteps; ++s) {
     StepFigures f = Figures(lib, s);
@@ -98,9 +119,10 @@ void PrintTable(const Options& o, int workers, const PhaseFigures& lib, const Ph
     if (raw != nullptr) {
       StepFigures r = Figures(*raw, s);
       if (r.calls != 0) {
-        std::printf(" %9.1f %9.1f %6.2fx", r.mean_us, r.p99, f.mean_us / r.mean_us);
+        std::printf(" %9.1f %9.1f %9.1f %6.2fx %6.2fx", r.mean_us, r.p50, r.p99,
+                    f.mean_us / r.mean_us, r.p50 > 0 ? f.p50 / r.p50 : 0.0);
       } else {
-        std::printf(" %9s %9s %7s", "-", "-", "n/a");  // no table work to compare with
+        std::printf(" %9s %9s %9s %7s %7s", "-", "-", "-", "n/a", "n/a");  // no table work
       }
     }
     std::printf("\n");
@@ -110,6 +132,8 @@ void PrintTable(const Options& o, int workers, const PhaseFigures& lib, const Ph
         "raw Berkeley DB: %.0f lifecycles/s, %.1f us per lifecycle; library/raw %.2fx "
         "(target <= 1.30x per step)\n",
         Rate(*raw), cost_us(*raw), lifecycle_ratio);
+    std::printf("median lifecycle: library %.1f us, raw %.1f us; library/raw %.2fx\n",
+                MedianLifecycleUs(lib), MedianLifecycleUs(*raw), median_ratio);
   }
   if (leftovers != 0)
     std::printf("sessions of killed workers read back and removed: %llu\n",

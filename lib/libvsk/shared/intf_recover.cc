@@ -23,6 +23,7 @@
 #include "libvsk/shared/avl.h"
 #include "libvsk/shared/intf_file.h"
 #include "libvsk/shared/lock_hold.h"
+#include "libvsk/shared/uid_table.h"
 #include "platform/paths.h"
 #include "vsk/intf.h"
 #include "vsk/shared.h"
@@ -178,9 +179,9 @@ vsk_status_t vsk_db_secondary_recover(void) {
     vsk_unit_recovered(VSK_UNIT_POOL_IFL);
   }
 
-  // Join: vsk_uid_recover() rebuilds the UID tables here. Until it is built in, that
-  // step counts as done.
-  vsk_status_t uid = VSK_OK;
+  // The UID numbers stored in their table go back out of pool 1 before its free list is
+  // rebuilt.
+  vsk_status_t uid = vsk::shared::RecoverTable();
   if (uid != VSK_OK) {
     VSK_TRACE("Failed to recover UID tables : %s", vsk::base::ErrorText(uid));
   } else {

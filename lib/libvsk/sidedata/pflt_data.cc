@@ -9,8 +9,8 @@
 #include <utility>
 
 #include "libvsk/base/trace.h"
-#include "libvsk/sidedata/app_private_read.h"
 #include "libvsk/sidedata/field_codec.h"
+#include "libvsk/vsk/app_data_internal.h"
 #include "vsk/pfltd.h"
 #include "vsk/tables.h"
 
@@ -104,7 +104,7 @@ void FreeWords(vsk_app_pflt_data_t* d) {
 
 vsk_status_t GetPfltData(vsk_session_id_t session_id, vsk_app_pflt_data_t** result) {
   *result = nullptr;
-  vsk_app_data_t* data = ReadAppPrivateData(session_id, VSK_APP_ID_PFLTD);
+  vsk_app_data_t* data = vsk::session::ReadAppPrivateData(session_id, VSK_APP_ID_PFLTD);
   if (data == nullptr) return VSK_ERR_NOT_FOUND;
   pfltd_vsk_data_t record{};
   const int32_t used =

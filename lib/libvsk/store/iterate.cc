@@ -15,6 +15,7 @@
 #include "libvsk/store/context.h"
 #include "libvsk/store/dyn_db_internal.h"
 #include "libvsk/store/records.h"
+#include "libvsk/store/tables.h"
 #include "vsk/dyn_db.h"
 #include "vsk/tables.h"
 
@@ -159,10 +160,12 @@ vsk_status_t vsk_db_iterate_service_session(vsk_db_txn_t* walk, vsk_session_id_t
                       key_out, next_out, record_out, mask, mask_len);
 }
 
-vsk_status_t vsk_db_iterate_app_defined(vsk_db_txn_t* walk, const void* current_key,
-                                        const void* next_key, vsk_app_def_key_t** key_out,
-                                        vsk_app_def_key_t** next_out, vsk_app_data_t** data_out,
-                                        uint16_t table_id) {
+}  // extern "C"
+
+vsk_status_t vsk::store::IterateAppDefined(vsk_db_txn_t* walk, const void* current_key,
+                                           const void* next_key, vsk_app_def_key_t** key_out,
+                                           vsk_app_def_key_t** next_out,
+                                           vsk_app_data_t** data_out, uint16_t table_id) {
   (void)data_out;  // the data is read afterwards with vsk_db_get_app_def_data
   if (current_key != nullptr && next_key == nullptr) return VSK_ERR_NOT_FOUND;
   DB* db = nullptr;
@@ -203,6 +206,15 @@ vsk_status_t vsk_db_iterate_app_defined(vsk_db_txn_t* walk, const void* current_
   cursor->close(cursor);
   walk->cursor = nullptr;
   return st;
+}
+
+extern "C" {
+
+vsk_status_t vsk_db_iterate_app_defined(vsk_db_txn_t* walk, const void* current_key,
+                                        const void* next_key, vsk_app_def_key_t** key_out,
+                                        vsk_app_def_key_t** next_out, vsk_app_data_t** data_out,
+                                        uint16_t table_id) {
+  return IterateAppDefined(walk, current_key, next_key, key_out, next_out, data_out, table_id);
 }
 
 }  // extern "C"

@@ -42,4 +42,22 @@ vsk_status_t DelDynamicConfig(vsk_db_txn_t* txn, const vsk_session_id_t* key);
 vsk_status_t DynamicConfigRecordExists(vsk_db_txn_t* txn, const vsk_session_id_t* key,
                                                  bool for_update);
 
+// Application private data, keyed by (session id, application id).
+vsk_status_t GetAppPriData(vsk_db_txn_t* txn, const vsk_app_pri_key_t* key,
+                           vsk_app_data_t** data_out, bool for_update);
+vsk_status_t PutAppPriData(vsk_db_txn_t* txn, const vsk_app_pri_key_t* key,
+                           const vsk_app_data_t* data);
+vsk_status_t DelAppPriData(vsk_db_txn_t* txn, const vsk_app_pri_key_t* key);
+// Application-defined tables: -1 with "App defined table not open for table id %d" for an
+// id of 7 or more or a table not open.
+vsk_status_t GetAppDefData(vsk_db_txn_t* txn, const vsk_app_def_key_t* key,
+                           vsk_app_data_t** data_out, bool for_update);
+vsk_status_t PutAppDefData(vsk_db_txn_t* txn, const vsk_app_def_key_t* key,
+                           const vsk_app_data_t* data);
+vsk_status_t DelAppDefData(vsk_db_txn_t* txn, const vsk_app_def_key_t* key);
+// One step of a walk of an application-defined table; see vsk_db_iterate_app_defined.
+vsk_status_t IterateAppDefined(vsk_db_txn_t* walk, const void* current_key, const void* next_key,
+                               vsk_app_def_key_t** key_out, vsk_app_def_key_t** next_out,
+                               vsk_app_data_t** data_out, uint16_t table_id);
+
 }  // namespace vsk::store

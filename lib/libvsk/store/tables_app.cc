@@ -7,6 +7,7 @@
 #include "libvsk/store/context.h"
 #include "libvsk/store/dyn_db_internal.h"
 #include "libvsk/store/records.h"
+#include "libvsk/store/tables.h"
 #include "vsk/dyn_db.h"
 #include "vsk/tables.h"
 
@@ -52,37 +53,32 @@ vsk_status_t GetData(DB* db, vsk_db_txn_t* txn, const void* key, vsk_encoder_t e
 }
 
 }  // namespace
-}  // namespace vsk::store
 
-using namespace vsk::store;
-
-extern "C" {
-
-vsk_status_t vsk_db_get_app_pri_data(vsk_db_txn_t* txn, const vsk_app_pri_key_t* key,
-                                     vsk_app_data_t** data_out, bool for_update) {
+vsk_status_t GetAppPriData(vsk_db_txn_t* txn, const vsk_app_pri_key_t* key,
+                           vsk_app_data_t** data_out, bool for_update) {
   if (key == nullptr || data_out == nullptr) return VSK_ERR_INVALID_PARAM;
   DB* db = PrivateTable();
   if (db == nullptr) return VSK_ERR_FATAL;
   return GetData(db, txn, key, EncodeAppPriKey, data_out, for_update);
 }
 
-vsk_status_t vsk_db_put_app_pri_data(vsk_db_txn_t* txn, const vsk_app_pri_key_t* key,
-                                     const vsk_app_data_t* data) {
+vsk_status_t PutAppPriData(vsk_db_txn_t* txn, const vsk_app_pri_key_t* key,
+                           const vsk_app_data_t* data) {
   if (key == nullptr || data == nullptr) return VSK_ERR_INVALID_PARAM;
   DB* db = PrivateTable();
   if (db == nullptr) return VSK_ERR_FATAL;
-  return vsk::store::DynPut(db, TxnOf(txn), key, EncodeAppPriKey, data, EncodeAppData, 0);
+  return DynPut(db, TxnOf(txn), key, EncodeAppPriKey, data, EncodeAppData, 0);
 }
 
-vsk_status_t vsk_db_del_app_pri_data(vsk_db_txn_t* txn, const vsk_app_pri_key_t* key) {
+vsk_status_t DelAppPriData(vsk_db_txn_t* txn, const vsk_app_pri_key_t* key) {
   if (key == nullptr) return VSK_ERR_INVALID_PARAM;
   DB* db = PrivateTable();
   if (db == nullptr) return VSK_ERR_FATAL;
-  return vsk::store::DynDel(db, TxnOf(txn), key, EncodeAppPriKey, 0);
+  return DynDel(db, TxnOf(txn), key, EncodeAppPriKey, 0);
 }
 
-vsk_status_t vsk_db_get_app_def_data(vsk_db_txn_t* txn, const vsk_app_def_key_t* key,
-                                     vsk_app_data_t** data_out, bool for_update) {
+vsk_status_t GetAppDefData(vsk_db_txn_t* txn, const vsk_app_def_key_t* key,
+                           vsk_app_data_t** data_out, bool for_update) {
   if (data_out == nullptr) return VSK_ERR_INVALID_PARAM;
   *data_out = nullptr;
   DB* db = DefinedTable(key);
@@ -90,18 +86,50 @@ vsk_status_t vsk_db_get_app_def_data(vsk_db_txn_t* txn, const vsk_app_def_key_t*
   return GetData(db, txn, key, EncodeAppDefKey, data_out, for_update);
 }
 
-vsk_status_t vsk_db_put_app_def_data(vsk_db_txn_t* txn, const vsk_app_def_key_t* key,
-                                     const vsk_app_data_t* data) {
+vsk_status_t PutAppDefData(vsk_db_txn_t* txn, const vsk_app_def_key_t* key,
+                           const vsk_app_data_t* data) {
   DB* db = DefinedTable(key);
   if (db == nullptr) return VSK_ERR_FATAL;
   if (data == nullptr) return VSK_ERR_INVALID_PARAM;
-  return vsk::store::DynPut(db, TxnOf(txn), key, EncodeAppDefKey, data, EncodeAppData, 0);
+  return DynPut(db, TxnOf(txn), key, EncodeAppDefKey, data, EncodeAppData, 0);
+}
+
+vsk_status_t DelAppDefData(vsk_db_txn_t* txn, const vsk_app_def_key_t* key) {
+  DB* db = DefinedTable(key);
+  if (db == nullptr) return VSK_ERR_FATAL;
+  return DynDel(db, TxnOf(txn), key, EncodeAppDefKey, 0);
+}
+
+}  // namespace vsk::store
+
+extern "C" {
+
+vsk_status_t vsk_db_get_app_pri_data(vsk_db_txn_t* txn, const vsk_app_pri_key_t* key,
+                                     vsk_app_data_t** data_out, bool for_update) {
+  return vsk::store::GetAppPriData(txn, key, data_out, for_update);
+}
+
+vsk_status_t vsk_db_put_app_pri_data(vsk_db_txn_t* txn, const vsk_app_pri_key_t* key,
+                                     const vsk_app_data_t* data) {
+  return vsk::store::PutAppPriData(txn, key, data);
+}
+
+vsk_status_t vsk_db_del_app_pri_data(vsk_db_txn_t* txn, const vsk_app_pri_key_t* key) {
+  return vsk::store::DelAppPriData(txn, key);
+}
+
+vsk_status_t vsk_db_get_app_def_data(vsk_db_txn_t* txn, const vsk_app_def_key_t* key,
+                                     vsk_app_data_t** data_out, bool for_update) {
+  return vsk::store::GetAppDefData(txn, key, data_out, for_update);
+}
+
+vsk_status_t vsk_db_put_app_def_data(vsk_db_txn_t* txn, const vsk_app_def_key_t* key,
+                                     const vsk_app_data_t* data) {
+  return vsk::store::PutAppDefData(txn, key, data);
 }
 
 vsk_status_t vsk_db_del_app_def_data(vsk_db_txn_t* txn, const vsk_app_def_key_t* key) {
-  DB* db = DefinedTable(key);
-  if (db == nullptr) return VSK_ERR_FATAL;
-  return vsk::store::DynDel(db, TxnOf(txn), key, EncodeAppDefKey, 0);
+  return vsk::store::DelAppDefData(txn, key);
 }
 
 }  // extern "C"

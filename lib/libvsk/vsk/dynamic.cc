@@ -114,12 +114,16 @@ vsk_status_t LoadTree(patricia_root_t* tree, const vsk_dyn_attr_list_t* list, co
   return VSK_OK;
 }
 
-vsk_status_t AddMembers(FlatList* out, const vsk_attr_value_t* entry, const char* fn) {
+vsk_status_t AddMembers(FlatList* out, const vsk_attr_value_t* entry) {
   if (entry == nullptr || entry->members == nullptr) return VSK_OK;
   for (const vsk_array_member_t* m = entry->members->first; m != nullptr; m = m->next) {
     if (m->entry == nullptr || m->entry->member_state == 2) continue;  // removed from the tree
     if (m->entry->array_id == 0) {
-      VSK_TRACE("%s - Array member without array start being added to patricia tree \n", fn);
+      // A member list being written out again names an entry that no array instance
+      // claimed: the record cannot be rebuilt faithfully, so the update is refused.
+      VSK_TRACE("member stored without array identifier for %d - suspect misconfiguration of "
+                "array",
+                static_cast<int>(entry->array_id));
       return VSK_ERR_INVALID_PARAM;
     }
     vsk_status_t st = out->Add(m->name, m->entry->length, m->entry->value, VSK_ARRAY_MEMBER_TLV);
@@ -130,7 +134,7 @@ vsk_status_t AddMembers(FlatList* out, const vsk_attr_value_t* entry, const char
 
 // One array from its top-level index node: the identifying chain, then the members of its
 // deepest instance, then the next nested instance with the chain again.
-vsk_status_t EmitArray(FlatList* out, vsk_array_index_node_t* top, const char* fn) {
+vsk_status_t EmitArray(FlatList* out, vsk_array_index_node_t* top) {
   vsk_array_index_node_t* node[kArrayLevels] = {top};
   int level = 1;
   if (top->nested_root != nullptr) {
@@ -145,7 +149,7 @@ vsk_status_t EmitArray(FlatList* out, vsk_array_index_node_t* top, const char* f
       vsk_status_t st = out->Add(node[i]->name, e->length, e->value, node[i]->tag);
       if (st != VSK_OK) return st;
     }
-    return AddMembers(out, node[level - 1]->entry, fn);
+    return AddMembers(out, node[level - 1]->entry);
   };
   vsk_status_t st = write_out();
   if (st != VSK_OK || level < 2) return st;
@@ -182,7 +186,7 @@ vsk_status_t FlattenClient(patricia_root_t* tree, FlatList* out) {
         if (node->top_level == 0 || node->index_root == nullptr) continue;
         vsk_array_index_node_t* ix = FindIndex(node->index_root, v);
         if (ix == nullptr) return VSK_ERR_INVALID_PARAM;
-        vsk_status_t st = EmitArray(out, ix, kClientFn);
+        vsk_status_t st = EmitArray(out, ix);
         if (st != VSK_OK) return st;
       } else if (tag != VSK_ARRAY_MEMBER_TLV) {
         vsk_status_t st = out->Add(name, v->length, v->value, tag);
@@ -204,7 +208,7 @@ vsk_status_t FlattenService(patricia_root_t* tree, FlatList* out) {
       vsk_status_t st = out->Add(name, v->length, v->value, node->array_tag);
       if (st == VSK_OK && (node->array_tag == VSK_ARRAY_IDENTIFYING_TLV ||
                            node->array_tag == VSK_ARRAY_START_TLV)) {
-        st = AddMembers(out, v, kServiceFn);
+        st = AddMembers(out, v);
       }
       if (st != VSK_OK) return st;
     }

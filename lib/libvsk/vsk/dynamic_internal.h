@@ -36,6 +36,9 @@ vsk_status_t UpdateClientDynamicInTxn(uint64_t client_id, void* shm,
                                       const vsk_dyn_update_list_t* updates, vsk_db_txn_t* txn);
 
 // ---- recovery walk (recover.cc) ----------------------------------------------------------
+// The gate of every recovery walk: vsk_db_check, then -1 on the standby ("Application tried
+// to recover data on standby RE").
+vsk_status_t RecoveryWalkGate();
 vsk_status_t RecoverSessions(vsk_snapshot_callback_t callback, const vsk_snapshot_filter* filter);
 vsk_status_t GetNextRecoverSessions(vsk_snapshot_callback_t callback,
                                     const vsk_snapshot_filter* filter, vsk_snapshot_handle* h,

@@ -71,16 +71,6 @@ bool WalkableFilter(const vsk_snapshot_filter* filter) {
          (filter->flags & (VSK_FILTER_CLIENT_SESSIONS | VSK_FILTER_SERVICE_SESSIONS)) != 0;
 }
 
-vsk_status_t Gate() {
-  vsk_status_t st = store::Check();
-  if (st != VSK_OK) return st;
-  if (!base::IsMaster()) {
-    VSK_TRACE("Application tried to recover data on standby RE");
-    return VSK_ERR_FATAL;
-  }
-  return VSK_OK;
-}
-
 void RecoverInterfaces(vsk_snapshot_handle* h, uint64_t id, int32_t state) {
   vsk_attr_value_t* list = nullptr;
   if (snapshot::ClientAttr(h, VSK_INTERFACE_NAME, &list) == VSK_OK && list->next != nullptr) {
@@ -222,8 +212,18 @@ void DebugEndJoin() { RecoverDebugEnd(); }
 
 }  // namespace
 
+vsk_status_t RecoveryWalkGate() {
+  vsk_status_t st = store::Check();
+  if (st != VSK_OK) return st;
+  if (!base::IsMaster()) {
+    VSK_TRACE("Application tried to recover data on standby RE");
+    return VSK_ERR_FATAL;
+  }
+  return VSK_OK;
+}
+
 vsk_status_t RecoverSessions(vsk_snapshot_callback_t callback, const vsk_snapshot_filter* filter) {
-  vsk_status_t st = Gate();
+  vsk_status_t st = RecoveryWalkGate();
   if (st != VSK_OK) return st;
   if (!WalkableFilter(filter)) return VSK_ERR_INVALID_PARAM;
   VSK_TRACE("Recover Start");
@@ -251,7 +251,7 @@ vsk_status_t RecoverSessions(vsk_snapshot_callback_t callback, const vsk_snapsho
 vsk_status_t GetNextRecoverSessions(vsk_snapshot_callback_t callback,
                                     const vsk_snapshot_filter* filter, vsk_snapshot_handle* h,
                                     int32_t max_count, bool done) {
-  vsk_status_t st = Gate();
+  vsk_status_t st = RecoveryWalkGate();
   if (st != VSK_OK) return st;
   if (h == nullptr) return VSK_ERR_INVALID_PARAM;
   if (h->walk == nullptr) {

@@ -223,7 +223,7 @@ Outcome Pass::LoadAndFilterClient() {
   if (hd->app_id != 0) {
     vsk_app_pri_key_t k{hd->client_session_id, hd->app_id};
     vsk_app_data_t* app = nullptr;
-    st = vsk_db_get_app_pri_data(&txn, &k, &app, false);
+    st = store::GetAppPriData(&txn, &k, &app, false);
     if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
       VSK_TRACE(
           "%s: Failed to locate private data record for snapshot by client session id "

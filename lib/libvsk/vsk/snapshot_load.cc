@@ -224,7 +224,7 @@ vsk_status_t LoadService(vsk_snapshot_handle* h, vsk_db_txn_t* txn, uint64_t id,
   if (h->app_id != 0) {
     vsk_app_pri_key_t k{id, h->app_id};
     vsk_app_data_t* app = nullptr;
-    st = vsk_db_get_app_pri_data(txn, &k, &app, false);
+    st = store::GetAppPriData(txn, &k, &app, false);
     if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) {
       VSK_TRACE(
           "%s: Failed to locate private data record for snapshot by service session id "

@@ -210,7 +210,7 @@ class Update {
     record->attrs = old;
     if (st == VSK_OK && rq_.private_data != nullptr) {
       vsk_app_pri_key_t key{rq_.id, rq_.app_id};
-      st = vsk_db_put_app_pri_data(txn, &key, rq_.private_data);
+      st = store::PutAppPriData(txn, &key, rq_.private_data);
     }
     if (st != VSK_OK) {
       // Published: the record's put reports with the private data's words.
@@ -302,7 +302,7 @@ class Update {
     }
     if (rq_.private_data != nullptr) {
       vsk_app_pri_key_t key{id, rq_.app_id};
-      st = vsk_db_put_app_pri_data(txn, &key, rq_.private_data);
+      st = store::PutAppPriData(txn, &key, rq_.private_data);
       if (st != VSK_OK) {
         VSK_TRACE("%s: Failed to update private data in client session %llu, err=%s", kFn,
                   Ull(id), vsk_get_err_msg(st));

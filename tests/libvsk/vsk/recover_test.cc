@@ -181,20 +181,12 @@ TEST_F(RecoverSystemTest, RestartAfterKillingEveryProcessRebuildsTheSameState) {
   EXPECT_TRUE(rebuilt.Ok()) << rebuilt;
 }
 
-class RecoverTest : public VskTest {
+class RecoverTest : public OrvdInProcessTest {
  protected:
-  void SetUp() override {
-    VskTest::SetUp();
-    ASSERT_EQ(Up(&link_, true), 0) << traces().Dump();
-    traces().Clear();
-  }
   void TearDown() override {
-    vsk_close_internal();
-    vsk_db_reset_orvd_handle();
+    OrvdInProcessTest::TearDown();
     vsk_debug = false;
-    VskTest::TearDown();
   }
-  orvd_ctx link_{};
 };
 
 int g_calls = 0;

@@ -27,6 +27,37 @@ inline vsk_status_t Up(orvd_ctx* link, bool orvd) {
   return st;
 }
 
+// This process as `orvd` with everything up, for tests that need no other process.
+class OrvdInProcessTest : public VskTest {
+ protected:
+  void SetUp() override {
+    VskTest::SetUp();
+    ASSERT_EQ(Up(&link_, true), 0) << traces().Dump();
+    traces().Clear();
+  }
+  void TearDown() override {
+    vsk_close_internal();
+    vsk_db_reset_orvd_handle();
+    VskTest::TearDown();
+  }
+  // A new client session in state 1 on "ge-0/0/1", cached when asked; 0 on failure.
+  static vsk_session_id_t NewSession(bool cache) {
+    static const vsk_create_options_t kCacheIt{0, 1, {0, 0}};
+    const char name[] = "ge-0/0/1";
+    const uint32_t state = 1;
+    vsk_attr_t a[2] = {{VSK_SESSION_STATE, 4, const_cast<uint32_t*>(&state), nullptr},
+                       {VSK_INTERFACE_NAME, sizeof name, const_cast<char*>(name), nullptr}};
+    a[0].next = &a[1];
+    vsk_attr_list_t attrs{&a[0], &a[1].next};
+    vsk_session_ids_t ids{};
+    return vsk_create_extended_client_session(2, &attrs, nullptr, nullptr, &ids,
+                                              cache ? &kCacheIt : nullptr, nullptr) == 0
+               ? ids.session_id
+               : 0;
+  }
+  orvd_ctx link_{};
+};
+
 class SessionSystemTest : public SharedTest {
  protected:
   void TearDown() override {

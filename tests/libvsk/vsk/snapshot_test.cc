@@ -34,17 +34,8 @@ vsk_snapshot_filter Filter(uint32_t flags, uint32_t type_mask = 0,
 constexpr uint32_t kClients = VSK_FILTER_CLIENT_SESSIONS;
 constexpr uint32_t kServices = VSK_FILTER_SERVICE_SESSIONS;
 
-class SnapshotTest : public VskTest {
+class SnapshotTest : public OrvdInProcessTest {
  protected:
-  void SetUp() override {
-    VskTest::SetUp();
-    ASSERT_EQ(Up(&link_, true), 0) << traces().Dump();
-    traces().Clear();
-  }
-  void TearDown() override {
-    vsk_close_internal();
-    VskTest::TearDown();
-  }
   // Four clients and their services, for the filter table.
   void PutFilterRows() {
     ASSERT_EQ(PutSession({10, &c10_, &d10_, {0x01}, {{20, &s20_}}}), 0);
@@ -70,7 +61,6 @@ class SnapshotTest : public VskTest {
     return out;
   }
 
-  orvd_ctx link_{};
   AttrList c10_{{VSK_CLIENT_SESSION_TYPE, U32(1)}, {VSK_USER_NAME, Text("a")}};
   AttrList c11_{{VSK_CLIENT_SESSION_TYPE, U32(2)}, {VSK_USER_NAME, Text("b")}};
   AttrList c12_{{VSK_CLIENT_SESSION_TYPE, U32(4)}, {VSK_USER_NAME, Text("a")}};

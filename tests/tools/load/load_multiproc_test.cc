@@ -60,8 +60,10 @@ TEST_F(LoadTest, SmallRunPassesTheCheckWithEveryCallCounted) {
     const bool slot_only = std::string(c.step) == "setup-update";
     EXPECT_EQ(j["steps"][c.step]["raw"]["calls"], slot_only ? 0 : c.calls) << c.step;
     EXPECT_EQ(j["steps"][c.step]["ratio"].is_null(), slot_only) << c.step;
+    EXPECT_EQ(j["steps"][c.step]["ratio_p50"].is_null(), slot_only) << c.step;
   }
   EXPECT_EQ(j["raw"]["lifecycles"], 2000);
+  EXPECT_GT(j["lifecycle_ratio_p50"].get<double>(), 0);
   EXPECT_GT(j["lifecycles_per_second"].get<double>(), 0);
 }
 

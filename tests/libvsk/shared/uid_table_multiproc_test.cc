@@ -1,0 +1,61 @@
+// A real orvd killed with SIGKILL and started again rebuilds pool 1 from the UID table:
+// the numbers that stored names hold are in use again, so a new name does not get one of
+// them, and a known name keeps its number and count.
+#include "../vsk/session_fixture.h"
+#include "support/orvd_process.h"
+
+namespace vsk::test {
+namespace {
+
+class UidRestartTest : public SessionSystemTest {
+ protected:
+  void TearDown() override {
+    orvd_.Stop(SIGKILL);
+    SessionSystemTest::TearDown();
+  }
+  bool StartRealOrvd() {
+    if (!orvd_.Start()) return false;
+    AsClient();
+    vsk::shared::intf::TestSeam::Forget();
+    return vsk_open_internal(false) == 0;
+  }
+  OrvdProcess orvd_;
+};
+
+TEST_F(UidRestartTest, RestartMarksStoredNumbersInUseAgain) {
+  ASSERT_TRUE(StartRealOrvd());
+  ChildResult before = AsClientDaemon([] {
+    uint32_t uid = 0;
+    for (const char* name : {"a", "b", "c"}) CHILD_CHECK(vsk_uid_add_db_entry(name, &uid) == 0);
+    CHILD_CHECK(uid == 1002);
+    CHILD_CHECK(vsk_uid_delete_db_entry("b") == 0);
+    return 0;
+  });
+  ASSERT_TRUE(before.Ok()) << before;
+
+  orvd_.Stop(SIGKILL);
+  vsk_close_internal();
+  ASSERT_TRUE(StartRealOrvd());
+  // Pool 1 as the rebuild left it: 1000 and 1002 in use, 1001 first to go.
+  const auto* pool = static_cast<const int32_t*>(vsk_get_shm_ptr(VSK_SHM_UNIT_POOL1_OFFSET));
+  ASSERT_NE(pool, nullptr);
+  EXPECT_EQ(pool[1], 1);
+  EXPECT_EQ(pool[3 + 0], -1);
+  EXPECT_EQ(pool[3 + 1], 3);
+  EXPECT_EQ(pool[3 + 2], -1);
+
+  ChildResult after = AsClientDaemon([] {
+    uint32_t uid = 0;
+    CHILD_CHECK(vsk_uid_add_db_entry("d", &uid) == 0);
+    CHILD_CHECK(uid == 1001);
+    CHILD_CHECK(vsk_uid_add_db_entry("e", &uid) == 0);
+    CHILD_CHECK(uid == 1003);
+    CHILD_CHECK(vsk_uid_add_db_entry("a", &uid) == 0);
+    CHILD_CHECK(uid == 1000);
+    return 0;
+  });
+  EXPECT_TRUE(after.Ok()) << after;
+}
+
+}  // namespace
+}  // namespace vsk::test
