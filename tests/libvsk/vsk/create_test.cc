@@ -119,10 +119,13 @@ TEST_F(CreateTest, SplicedNodesGoInAndExactlyTwoComeOff) {
             std::string(reinterpret_cast<char*>(&id), 8));
   EXPECT_EQ(DynamicIdOf(bundled), id) << "the underlying dynamic record is shared";
   EXPECT_EQ(DynamicRow(bundled), "st-7");
-  // The shared dynamic record is never overwritten by a bundled create's list.
-  EXPECT_EQ(
-      vsk_create_bundled_client_session(1, nullptr, nullptr, own.get(), &bundled, id, nullptr), -6);
-  EXPECT_EQ(DynamicRow(id), "kelvo-a=orig;");
+  // A bundled create's list changes the shared dynamic record; it never puts its own.
+  DynList change{{"kelvo-a", "new"}, {"kelvo-b", "2"}};
+  ASSERT_EQ(
+      vsk_create_bundled_client_session(1, nullptr, nullptr, change.get(), &bundled, id, nullptr),
+      0);
+  EXPECT_EQ(DynamicRow(id), "kelvo-a=new;kelvo-b=2;");
+  EXPECT_EQ(DynamicRow(bundled), "st-7");
 }
 
 TEST_F(CreateTest, CacheLimitsLeaveTheSessionInTheTablesOnly) {
