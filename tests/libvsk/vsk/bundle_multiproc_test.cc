@@ -105,12 +105,6 @@ std::set<std::string> SharedNames(vsk_status_t* st) {
   return names;
 }
 
-vsk_status_t Join() {
-  orvd_ctx_t* ctx = orvd_init_handle();
-  orvd_set_reg_type_poll(ctx);
-  return orvd_register(ctx);
-}
-
 class BundleKillTest : public VskTest {
  protected:
   void TearDown() override {
@@ -130,14 +124,14 @@ TEST_F(BundleKillTest, CreatorKilledMidWayLeavesOnlyCommittedChanges) {
     AttrList attrs{{VSK_USER_NAME, "first"}};
     SharedOn(attrs, kUifl);
     DynList dyn{{"kelvo-base", "0"}};
-    return Join() == 0 && CreateOn(0, attrs, &dyn) == 1 ? 0 : 1;
+    return JoinRunningOrvd() != nullptr && CreateOn(0, attrs, &dyn) == 1 ? 0 : 1;
   });
   ASSERT_TRUE(first.Ok()) << first;
   // The creator notes each create before it starts ("T") and how it ended ("C" or "F").
   const std::string done_file = root() + "/committed";
   Child creator;
   creator.Start([&done_file](Child::Channel& ch) {
-    if (Join() != 0) return 1;
+    if (JoinRunningOrvd() == nullptr) return 1;
     std::ofstream done(done_file);
     for (int i = 0; i < 100000; ++i) {
       AttrList attrs;
@@ -170,7 +164,7 @@ TEST_F(BundleKillTest, CreatorKilledMidWayLeavesOnlyCommittedChanges) {
   for (int attempt = 0; attempt < 60; ++attempt) {
     after = RunInChild(
         [&] {
-          if (Join() != 0) return 10;
+          if (JoinRunningOrvd() == nullptr) return 10;
           AttrList attrs;
           SharedOn(attrs, kUifl);
           DynList dyn{{"kelvo-after", "v"}};

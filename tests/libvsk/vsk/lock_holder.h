@@ -84,4 +84,32 @@ inline void HoldRecordLock(Child& holder, uint64_t id, int fd, int released_fd =
   });
 }
 
+// Runs `fn` in a client daemon that does not wait for locks while another process holds
+// client record `id`'s write lock, letting go at the `after`th trace of this daemon that
+// holds `on`. The daemon's result; a holder that failed counts as a failure of the test.
+template <typename Fn>
+ChildResult WhileRecordHeld(uint64_t id, const char* on, int after, Fn fn) {
+  int fds[2], back[2];
+  if (pipe(fds) != 0) return {};
+  if (pipe(back) != 0) return close(fds[0]), close(fds[1]), ChildResult{};
+  Child holder;
+  HoldRecordLock(holder, id, fds[0], back[1]);
+  ChildResult r;
+  if (holder.WaitReady()) {
+    const int write_fd = fds[1], released_fd = back[0];
+    r = InClientDaemon([=] {
+      NoLockWaits();
+      g_signal_fd = write_fd, g_released_fd = released_fd;
+      g_signal_on = on, g_signal_after = after;
+      vsk_trace_cbk = SignallingTrace;
+      return fn();
+    });
+  }
+  (void)!write(fds[1], "", 1);  // lets the holder go also when the signal never came
+  holder.Go();
+  EXPECT_TRUE(holder.Wait().Ok()) << "the lock holder";
+  close(fds[0]), close(fds[1]), close(back[0]), close(back[1]);
+  return r;
+}
+
 }  // namespace vsk::test
