@@ -160,7 +160,6 @@ TEST_F(ServiceSystemTest, ConcurrentWorkersKeepBothSidesOfEveryLinkInStep) {
 
 // Exit codes of the lock-holder cases: 0 as expected, else the check that failed.
 int CreateUnderAHeldClient() {
-  NoLockWaits();
   vsk_session_id_t id = 0;
   if (vsk_create_service_session_by_client_id(1, "svc", nullptr, nullptr, &id) != VSK_ERR_RETRY)
     return 1;
@@ -190,15 +189,8 @@ TEST_F(ServiceSystemTest, CreateGivesUpAfterFourPassesAndRemovalOutlastsTheHolde
                : 2;
   });
   ASSERT_TRUE(made.Ok()) << made;
-  {
-    Child holder;
-    HoldRecordLock(holder, 1, -1);
-    ASSERT_TRUE(holder.WaitReady());
-    ChildResult blocked = AsClientDaemon(CreateUnderAHeldClient);
-    EXPECT_TRUE(blocked.Ok()) << blocked;
-    holder.Go();
-    EXPECT_TRUE(holder.Wait().Ok());
-  }
+  ChildResult blocked = WhileRecordHeld(1, nullptr, 0, CreateUnderAHeldClient);
+  EXPECT_TRUE(blocked.Ok()) << blocked;
   // The holder lets go after twelve failed passes of the removal, more than any other
   // operation waits.
   ChildResult removed = WhileRecordHeld(1, ": Failed to read client session 1, err=", 12, [] {

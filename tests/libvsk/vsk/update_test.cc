@@ -318,25 +318,17 @@ TEST_F(UpdateSystemTest, UpdateRetriesUntilTheLockGoesOrGivesUpAfterTenPasses) {
   ASSERT_TRUE(made.Ok()) << made;
 
   // Held for good: ten passes, then -4; the record unchanged.
-  {
-    Child holder;
-    HoldRecordLock(holder, 1, -1);
-    ASSERT_TRUE(holder.WaitReady());
-    ChildResult blocked = AsClientDaemon([] {
-      NoLockWaits();
-      UpdateList u;
-      u.Replace(VSK_SESSION_STATE, U32(2));
-      if (vsk_update_client_session(1, u.get()) != VSK_ERR_RETRY) return 1;
-      if (GlobalTraces().CountContaining(": Failed to read client session 1, err=") != 10) return 2;
-      return GlobalTraces().Count(std::string(kFn) + ": Failed to update client session 1, err=" +
-                                  vsk_get_err_msg(-4)) == 1
-                 ? 0
-                 : 3;
-    });
-    EXPECT_TRUE(blocked.Ok()) << blocked;
-    holder.Go();
-    EXPECT_TRUE(holder.Wait().Ok());
-  }
+  ChildResult blocked = WhileRecordHeld(1, nullptr, 0, [] {
+    UpdateList u;
+    u.Replace(VSK_SESSION_STATE, U32(2));
+    if (vsk_update_client_session(1, u.get()) != VSK_ERR_RETRY) return 1;
+    if (GlobalTraces().CountContaining(": Failed to read client session 1, err=") != 10) return 2;
+    return GlobalTraces().Count(std::string(kFn) + ": Failed to update client session 1, err=" +
+                                vsk_get_err_msg(-4)) == 1
+               ? 0
+               : 3;
+  });
+  EXPECT_TRUE(blocked.Ok()) << blocked;
   EXPECT_EQ(StateCount(1), 1u);
 
   // Let go after the second failed pass: the update then succeeds.
