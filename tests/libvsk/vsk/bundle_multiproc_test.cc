@@ -25,6 +25,23 @@ std::string Name(int worker, int i) {
   return "kelvo-w" + std::to_string(worker) + "-" + std::to_string(i);
 }
 
+// The shared dynamic record (id 1) as name -> value, with the number of its entries;
+// *st tells whether it could be read.
+std::map<std::string, std::string> SharedRecord(vsk_status_t* st, int* entries = nullptr) {
+  vsk_db_txn_t txn{};
+  uint64_t key = 1;
+  vsk_dynamic_config_t* rec = nullptr;
+  std::map<std::string, std::string> out;
+  *st = vsk_db_get_dynamic_config(&txn, &key, &rec, false);
+  vsk_dyn_attr_t* first = *st == VSK_OK ? rec->attrs->first : nullptr;
+  for (vsk_dyn_attr_t* a = first; a != nullptr; a = a->next) {
+    out[a->name] = std::string(static_cast<char*>(a->value), a->length);
+    if (entries != nullptr) ++*entries;
+  }
+  vsk_db_release_dynamic_config(rec, true);
+  return out;
+}
+
 TEST_F(BundleSystemTest, ConcurrentCreatorsShareOneDynamicRecord) {
   constexpr int kWorkers = 2, kEach = 120;
   ASSERT_TRUE(StartSystem());
@@ -70,16 +87,10 @@ TEST_F(BundleSystemTest, ConcurrentCreatorsShareOneDynamicRecord) {
       if (DynamicIdOf(id) != 1) return 1;
       if (RawDynamicRow(id) != "st" + std::to_string(DB_NOTFOUND)) return 2;
     }
-    vsk_db_txn_t txn{};
-    uint64_t key = 1;
-    vsk_dynamic_config_t* rec = nullptr;
-    if (vsk_db_get_dynamic_config(&txn, &key, &rec, false) != 0) return 3;
-    std::map<std::string, std::string> got;
     int entries = 0;
-    for (vsk_dyn_attr_t* a = rec->attrs->first; a != nullptr; a = a->next, ++entries) {
-      got[a->name] = std::string(static_cast<char*>(a->value), a->length);
-    }
-    vsk_db_release_dynamic_config(rec, true);
+    vsk_status_t st = VSK_OK;
+    std::map<std::string, std::string> got = SharedRecord(&st, &entries);
+    if (st != VSK_OK) return 3;
     std::map<std::string, std::string> want{{"kelvo-base", "0"}};
     for (int k = 0; k < kWorkers; ++k) {
       for (int i = 0; i < kEach; ++i) want[Name(k, i)] = std::to_string(i);
@@ -88,21 +99,6 @@ TEST_F(BundleSystemTest, ConcurrentCreatorsShareOneDynamicRecord) {
     return Drift().empty() ? 0 : 5;
   });
   EXPECT_TRUE(check.Ok()) << check;
-}
-
-// The names of the shared record (id 1) that are not "kelvo-base"; "st<n>" when unreadable.
-std::set<std::string> SharedNames(vsk_status_t* st) {
-  vsk_db_txn_t txn{};
-  uint64_t key = 1;
-  vsk_dynamic_config_t* rec = nullptr;
-  std::set<std::string> names;
-  *st = vsk_db_get_dynamic_config(&txn, &key, &rec, false);
-  if (*st == VSK_OK) {
-    for (vsk_dyn_attr_t* a = rec->attrs->first; a != nullptr; a = a->next) names.insert(a->name);
-  }
-  vsk_db_release_dynamic_config(rec, true);
-  names.erase("kelvo-base");
-  return names;
 }
 
 class BundleKillTest : public VskTest {
@@ -171,11 +167,12 @@ TEST_F(BundleKillTest, CreatorKilledMidWayLeavesOnlyCommittedChanges) {
           vsk_status_t st = 0;
           CreateOn(0, attrs, &dyn, nullptr, false, &st);
           if (st != VSK_OK) return 10;
-          std::set<std::string> names = SharedNames(&st);
+          std::map<std::string, std::string> names = SharedRecord(&st);
+          names.erase("kelvo-base");
           if (st != VSK_OK || names.erase("kelvo-after") != 1) return 1;
           names.erase(in_flight);  // committed or not: the kill may fall after the commit
           std::ofstream out(names_file);
-          for (const std::string& n : names) out << n << "\n";
+          for (const auto& [n, v] : names) out << n << "\n";
           return out ? 0 : 2;
         },
         std::chrono::seconds(60));
