@@ -6,7 +6,9 @@
 // for ever); every kFailchkPeriod it runs failchk, which aborts the transactions and frees
 // the locks and thread slots of processes that died outside the library and reports one
 // that died inside it (recovery needed); on the master every kCheckpointPeriod it asks
-// for a checkpoint and removes the log files nobody needs (log_retention.h).
+// for a checkpoint and removes the log files nobody needs (log_retention.h). On the
+// standby it runs no failchk (Berkeley DB crashes in it on a replication client; the
+// standby's store is reopened with recovery when a registered client dies, reopen.h).
 //
 // Why a thread: a process killed inside Berkeley DB may leave a mutex or a pinned page
 // behind, and a call that needs it (a checkpoint, the deadlock detector) then never

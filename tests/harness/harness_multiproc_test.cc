@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -141,6 +142,22 @@ TEST_F(HarnessTest, TheSweepRemovesWhatAKilledTestProcessLeft) {
   SweepStaleRoots();
   EXPECT_TRUE(NothingLeft()) << standin_root_;
   EXPECT_TRUE(std::filesystem::exists(root()));
+}
+
+// Another test process's sweep may run while a root's owner record is being written; a
+// record it cannot read yet (empty, half written) never makes a fresh root look stale.
+TEST_F(HarnessTest, TheSweepLeavesAFreshRootWhoseOwnerRecordIsUnreadable) {
+  for (const char* record : {"", "12"}) {
+    SCOPED_TRACE(record);
+    char tmpl[sizeof kRootPattern];
+    std::memcpy(tmpl, kRootPattern, sizeof tmpl);
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    const std::string fresh = tmpl;
+    std::ofstream(fresh + "/.owner") << record;
+    SweepStaleRoots();
+    EXPECT_TRUE(std::filesystem::exists(fresh));
+    std::filesystem::remove_all(fresh);
+  }
 }
 
 }  // namespace

@@ -274,12 +274,15 @@ unsigned long long StartTimeOf(pid_t pid) {
   return start;
 }
 
-bool OwnerAlive(const std::string& root) {
+enum class Owner { kAlive, kGone, kUnknown };
+
+// What the root's owner record says; kUnknown when there is none or it cannot be read.
+Owner OwnerOf(const std::string& root) {
   std::ifstream in(root + kOwnerFile);
   long long pid = 0;
   unsigned long long start = 0;
-  if (!(in >> pid >> start) || pid <= 0) return false;
-  return StartTimeOf(static_cast<pid_t>(pid)) == start;
+  if (!(in >> pid >> start) || pid <= 0) return Owner::kUnknown;
+  return StartTimeOf(static_cast<pid_t>(pid)) == start ? Owner::kAlive : Owner::kGone;
 }
 
 // The live root of this process, for its fatal-signal and exit paths, which must not
@@ -333,7 +336,11 @@ void WatchForDeath(const std::string& root, bool first) {
   g_dying.argv[count + 1] = g_dying.roots[count];
   ++count;
   g_dying.argv[count + 1] = nullptr;
-  std::ofstream(root + kOwnerFile) << getpid() << ' ' << StartTimeOf(getpid()) << '\n';
+  // Written aside and renamed into place: a sweep in another test process must never
+  // find the record empty or half written, which would make this live root look stale.
+  const std::string record = root + kOwnerFile;
+  std::ofstream(record + ".new") << getpid() << ' ' << StartTimeOf(getpid()) << '\n';
+  std::rename((record + ".new").c_str(), record.c_str());
   g_dying.owner = getpid();
 }
 
@@ -355,9 +362,9 @@ int SweepStaleRoots() {
   for (const auto& entry : std::filesystem::directory_iterator(pattern.parent_path(), ec)) {
     const std::string root = entry.path().string();
     if (entry.path().filename().string().rfind(prefix, 0) != 0) continue;
-    if (std::filesystem::exists(root + kOwnerFile, ec)) {
-      if (OwnerAlive(root)) continue;
-    } else {
+    const Owner owner = OwnerOf(root);
+    if (owner == Owner::kAlive) continue;
+    if (owner == Owner::kUnknown) {
       auto age = std::filesystem::file_time_type::clock::now() -
                  std::filesystem::last_write_time(root, ec);
       if (ec || age < std::chrono::hours(1)) continue;

@@ -156,8 +156,9 @@ inline constexpr const char kRootPattern[] = "/tmp/vsk-test.XXXXXX";
 // Removes `root` and the System V objects keyed by its key files. True when it is gone.
 bool RemoveRoot(const std::string& root);
 // Removes every test root whose owner process is gone, with the System V objects keyed
-// by its key files. A root without an owner record is removed only when it is older than
-// an hour (made by a harness that wrote none). Returns the number of roots removed.
+// by its key files. A root without a readable owner record is removed only when it is
+// older than an hour (made by a harness that wrote none, or its record is being written).
+// Returns the number of roots removed.
 int SweepStaleRoots();
 
 class VskTest : public ::testing::Test {

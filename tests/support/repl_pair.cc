@@ -65,6 +65,14 @@ int DaemonProcess::Stop(int sig) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+bool DaemonProcess::Alive() {
+  if (pid_ <= 0) return false;
+  int status = 0;
+  if (waitpid(pid_, &status, WNOHANG) != pid_) return true;
+  pid_ = -1;
+  return false;
+}
+
 void Engine::SetRole(bool master) const {
   ScopedRoot root(root_);
   platform::WriteRoleFile(master);
@@ -168,6 +176,18 @@ std::string Engine::LogTail() const {
   }
   out << "---- lodexd status\n" << platform::FormatLodexStatus(Status());
   return out.str();
+}
+
+bool Engine::WaitOrvdLog(const std::string& text, std::chrono::milliseconds timeout) const {
+  auto end = Clock::now() + timeout;
+  do {
+    std::ifstream in(root_ + "/var/log/orvd.log");
+    std::stringstream all;
+    all << in.rdbuf();
+    if (all.str().find(text) != std::string::npos) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  } while (Clock::now() < end);
+  return false;
 }
 
 uint16_t FreeLoopbackPort() {

@@ -43,6 +43,8 @@ class DaemonProcess {
   // Sends `sig` and reaps. The exit code, or -1 when killed or not running.
   int Stop(int sig = SIGTERM);
   bool running() const { return pid_ > 0; }
+  // Started and not ended (reaps it when it has ended).
+  bool Alive();
   pid_t pid() const { return pid_; }
 
  private:
@@ -62,6 +64,7 @@ class Engine {
   void StopOrvd(int sig = SIGTERM) { orvd_.Stop(sig); }
   void StopAll(int sig = SIGTERM);
   DaemonProcess& lodexd() { return lodexd_; }
+  DaemonProcess& orvd() { return orvd_; }
 
   platform::LodexStatus Status() const;
   // Waits up to `timeout` for lodexd's status to satisfy `done`; the last status seen.
@@ -73,6 +76,9 @@ class Engine {
   // orvd has lodexd registered in `master`'s role.
   bool WaitRegistered(bool master, std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
   std::string LogTail() const;
+  // Waits up to `timeout` for a line holding `text` in orvd's log.
+  bool WaitOrvdLog(const std::string& text,
+                   std::chrono::milliseconds timeout = std::chrono::seconds(30)) const;
 
  private:
   std::string root_;

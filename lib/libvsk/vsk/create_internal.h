@@ -1,8 +1,8 @@
 // Client session creation, inside the library: the create itself, the login time, and the
 // joins where bundled sessions hook into the create's transaction.
 //
-// Callers: the exported create shims (create_api.cc), and later the bundled-session code,
-// which fills in the joins below without touching the create's own steps.
+// Callers: the exported create shims (create_api.cc). The joins below are the bundled-session
+// steps (bundle_join.cc) that the create calls at fixed points of each pass.
 #pragma once
 
 #include <cstdint>
@@ -43,7 +43,8 @@ struct BundlePass {
 };
 
 // Before the cache position is taken: a session whose VSK_AGGREGATED is 2 shares its
-// underlying interface and is not cached. May change *dynamic_id. 0 or a failure of the pass.
+// underlying interface and is not cached; it takes the dynamic id of the first client on
+// that interface, if any (*dynamic_id changes). 0 or a failure of the pass.
 vsk_status_t BundleJoinSharedInterface(vsk_db_txn_t* txn, const CreateRequest& request,
                                        const vsk_attr_list_t* attrs, uint64_t session_id,
                                        uint64_t* dynamic_id, BundlePass* pass);
@@ -51,10 +52,12 @@ vsk_status_t BundleJoinSharedInterface(vsk_db_txn_t* txn, const CreateRequest& r
 // prepares its dynamic changes and inherited attributes.
 vsk_status_t BundleJoinUnderlyingSession(vsk_db_txn_t* txn, const CreateRequest& request,
                                          uint64_t session_id, BundlePass* pass);
-// After the client record is written: applies the inherited attributes to it.
+// After the client record is written: applies the inherited attributes to it, then
+// releases them and the underlying snapshot.
 vsk_status_t BundleJoinInheritedAttributes(vsk_db_txn_t* txn, const CreateRequest& request,
                                            uint64_t session_id, BundlePass* pass);
-// In place of the dynamic record's put when the pass holds dynamic changes.
+// In place of the dynamic record's put when the pass holds dynamic changes: applies them
+// to the record the session's dynamic id names (the shared one).
 vsk_status_t BundleJoinDynamicChanges(vsk_db_txn_t* txn, const CreateRequest& request,
                                       uint64_t session_id, uint64_t dynamic_id, BundlePass* pass);
 

@@ -89,5 +89,26 @@ TEST_F(ReplicationTest, AKilledLodexdOnEitherSideIsRestartedWithNothingLost) {
   }
 }
 
+// The standby's lodexd, a registered client that has applied transactions (so it holds
+// log registrations in the standby's store), is killed: the standby's orvd must not run
+// Berkeley DB's failchk over it (Berkeley DB 5.3 crashes there on a replication client)
+// and reopens the store with recovery instead. A lodexd started again applies into the
+// recovered store, and readers there find everything.
+TEST_F(ReplicationTest, AStandbysLodexdKilledAfterApplyingHasTheStoreRecovered) {
+  StartPair();
+  ASSERT_TRUE(a().WaitRegistered(true));
+  Write(1, 50);
+  ASSERT_TRUE(a().WaitInSync());
+  b().StopLodexd(SIGKILL);
+  ASSERT_TRUE(b().WaitOrvdLog("a client died in the standby's store: reopening it with recovery"))
+      << b().LogTail();
+  ASSERT_TRUE(b().WaitOrvdLog("store reopened as standby")) << b().LogTail();
+  ASSERT_TRUE(b().StartLodexd()) << b().LogTail();
+  Write(51, 50);
+  ASSERT_TRUE(a().WaitInSync()) << platform::FormatLodexStatus(b().Status());
+  EXPECT_TRUE(AllOn(b(), 1, 100));
+  EXPECT_TRUE(b().orvd().Alive()) << b().LogTail();
+}
+
 }  // namespace
 }  // namespace vsk::test

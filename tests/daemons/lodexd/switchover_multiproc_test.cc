@@ -40,7 +40,12 @@ TEST_F(SwitchoverTest, RehearsalWithARunningLoadLosesNothingAndWritesGoOnOnTheNe
     return r.Ok() ? 0 : 1;
   });
   ASSERT_TRUE(load.WaitReady());
-  while (last_committed->load() < 100) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  // A load that stops before its hundredth commit fails the test instead of hanging it.
+  const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (last_committed->load() < 100 && std::chrono::steady_clock::now() < give_up) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  ASSERT_GE(last_committed->load(), 100u) << a().LogTail();
 
   repl::SwitchoverResult r = repl::Switchover(a().root(), b().root());
   ASSERT_TRUE(r.ok) << r.detail;

@@ -2,7 +2,9 @@
 // when to let go: the lock is released after a given number of failed passes, seen in the
 // traces of the process that meets it, never after a time. The process that meets the lock
 // does not wait for locks (NoLockWaits), so every pass fails on it at once and no lock
-// time-out is involved.
+// time-out is involved. The hook then waits until the holder says it has let go, so the
+// passes left to the caller never race the holder's way to its abort (on a loaded machine
+// the holder may not run for longer than the caller's remaining passes take).
 #pragma once
 
 #include <db.h>
@@ -19,12 +21,15 @@
 namespace vsk::test {
 
 inline int g_signal_fd = -1;
+inline int g_released_fd = -1;  // the holder's answer, when it has let go
 inline const char* g_signal_on = nullptr;
 inline int g_signal_after = 0;
 inline std::atomic<int> g_seen{0};
 
 // A trace hook that records like the harness and, on the `g_signal_after`th trace holding
-// `g_signal_on`, writes one byte to `g_signal_fd`: the lock holder then lets go.
+// `g_signal_on`, writes one byte to `g_signal_fd`: the lock holder then lets go. With
+// `g_released_fd` set it returns only once the holder has answered there that it let go
+// (or after 30 s, so that a holder that never answers fails the test instead of hanging).
 inline void SignallingTrace(void* handle, int level, const char* format, ...) {
   va_list args;
   va_start(args, format);
@@ -39,6 +44,8 @@ inline void SignallingTrace(void* handle, int level, const char* format, ...) {
       ++g_seen == g_signal_after) {
     char b = 1;
     (void)!write(g_signal_fd, &b, 1);
+    pollfd p{g_released_fd, POLLIN, 0};
+    if (g_released_fd >= 0 && poll(&p, 1, 30000) == 1) (void)!read(g_released_fd, &b, 1);
   }
 }
 
@@ -51,9 +58,10 @@ inline void NoLockWaits() {
 }
 
 // Holds the write lock of client record `id` in an open transaction until a byte arrives
-// on `fd` (then waits for Go() before it ends) or, with `fd` -1, until Go().
-inline void HoldRecordLock(Child& holder, uint64_t id, int fd) {
-  holder.Start([id, fd](Child::Channel& ch) {
+// on `fd` (then waits for Go() before it ends) or, with `fd` -1, until Go(). Once the
+// transaction is aborted it writes one byte to `released_fd` when given.
+inline void HoldRecordLock(Child& holder, uint64_t id, int fd, int released_fd = -1) {
+  holder.Start([id, fd, released_fd](Child::Channel& ch) {
     orvd_ctx link{};
     if (Up(&link, false) != 0) return 1;
     vsk_db_txn_t txn{};
@@ -69,6 +77,7 @@ inline void HoldRecordLock(Child& holder, uint64_t id, int fd) {
     if (fd < 0) ch.WaitGo();
     vsk_db_release_client_session(rec, true);
     vsk_db_abort_txn(&txn, 0);
+    if (released_fd >= 0) (void)!write(released_fd, &b, 1);
     if (fd >= 0) ch.WaitGo();
     vsk_close_internal();
     return 0;
