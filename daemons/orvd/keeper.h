@@ -15,7 +15,8 @@
 // own close is told not to touch the panicked handles, every registered client is told
 // through the link (-11: leave the environment without touching it), and the worker goes
 // on expiring lock waits in the old environment for a lock timeout and a second, so that
-// processes already blocked behind the dead one get their timeout and find the panic.
+// processes already blocked behind the dead one get their timeout (lock or transaction,
+// both counted from before the panic) and find the panic.
 // Reopening runs the library's open as orvd, which recovers the environment (DB_RECOVER)
 // and rebuilds the shared state; clients then register again by themselves.
 //
@@ -63,8 +64,8 @@ inline constexpr const char kHealthFile[] = "/var/run/orvd_health";
 // never ends, and one that is idle does not touch the environment.
 inline constexpr auto kDrainGrace = std::chrono::milliseconds(500);
 inline constexpr auto kReopenRetry = std::chrono::seconds(1);
-// The worker expires lock waits in a panicked environment for this long: the lock
-// timeout, and a margin.
+// The worker expires lock waits in a panicked environment for this long: the lock and
+// transaction timeouts (10 seconds each), and a margin.
 inline constexpr auto kOldEnvironmentWatch = std::chrono::seconds(11);
 
 class Keeper : public StoreOwner {

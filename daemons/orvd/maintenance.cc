@@ -129,25 +129,6 @@ struct Maintenance::State {
     }
   }
 
-  // In a panicked environment every live transaction is lost anyway: its lock waits are
-  // timed out now rather than at the lock timeout, so that processes waiting on the dead
-  // one's locks come back at the next detector run (a quarter of a second) instead of ten
-  // seconds later. Waits of lockers without a transaction keep their timeout.
-  void TimeOutLiveTransactions() {
-    DB_TXN_STAT* stat = nullptr;
-    if (Call([&] { return env->txn_stat(env, &stat, 0); }) != 0 || stat == nullptr) return;
-    int timed_out = 0;
-    for (uint32_t i = 0; i < stat->st_nactive; ++i) {
-      const DB_TXN_ACTIVE& t = stat->st_txnarray[i];
-      if (t.pid == getpid()) continue;
-      DB_LOCKREQ req{};
-      req.op = DB_LOCK_TIMEOUT;
-      if (Call([&] { return env->lock_vec(env, t.txnid, 0, &req, 1, nullptr); }) == 0) ++timed_out;
-    }
-    std::free(stat);
-    if (timed_out > 0) Log("timed out the lock waits of %d transaction(s) of the given-up store", timed_out);
-  }
-
   // Processes inside the library now, from Berkeley DB's statistics text.
   std::set<pid_t> Inside() {
     std::set<pid_t> inside;
@@ -192,7 +173,6 @@ void Maintenance::Run(std::shared_ptr<State> s) {
   vsk::store::SetThisThreadNumber(kWorkerThreadNumber);
   Clock::time_point next_failchk = Clock::now();
   Clock::time_point next_checkpoint = Clock::now() + kCheckpointPeriod;
-  bool timed_out_transactions = false;
   for (;;) {
     bool draining;
     Clock::time_point drain_until;
@@ -219,10 +199,6 @@ void Maintenance::Run(std::shared_ptr<State> s) {
           s->holdings_taken = true;
         }
       }
-      if (!timed_out_transactions) {
-        s->TimeOutLiveTransactions();
-        timed_out_transactions = true;
-      }
       if (now >= drain_until) {
         // Blocked for good: inside the library at both looks, a second apart.
         std::set<pid_t> second_look = s->Inside();
@@ -235,6 +211,13 @@ void Maintenance::Run(std::shared_ptr<State> s) {
         s->first_look = s->Inside();
         s->first_look.insert(0);  // marks the first look as taken
       }
+      // Only the detector runs here, never a call that names another process's locker
+      // (lock_vec's DB_LOCK_TIMEOUT): a transaction's locker is freed when it ends, which
+      // a process still inside a call may do at any moment, and Berkeley DB 5.3 follows
+      // a null locker for an id it no longer knows. The timeouts suffice within the
+      // watch: no transaction begins in a panicked environment, so each one's waits run
+      // out at the latest a transaction timeout after the panic, and so does any wait
+      // that had begun before it (lock timeout).
       s->ExpireLockWaits();
       s->Notify();  // nobody joins a drained environment: just release the asker
     } else {
