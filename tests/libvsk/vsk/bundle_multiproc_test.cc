@@ -25,6 +25,23 @@ std::string Name(int worker, int i) {
   return "kelvo-w" + std::to_string(worker) + "-" + std::to_string(i);
 }
 
+// The shared dynamic record (id 1) as name -> value, with the number of its entries;
+// *st tells whether it could be read.
+std::map<std::string, std::string> SharedRecord(vsk_status_t* st, int* entries = nullptr) {
+  vsk_db_txn_t txn{};
+  uint64_t key = 1;
+  vsk_dynamic_config_t* rec = nullptr;
+  std::map<std::string, std::string> out;
+  *st = vsk_db_get_dynamic_config(&txn, &key, &rec, false);
+  vsk_dyn_attr_t* first = *st == VSK_OK ? rec->attrs->first : nullptr;
+  for (vsk_dyn_attr_t* a = first; a != nullptr; a = a->next) {
+    out[a->name] = std::string(static_cast<char*>(a->value), a->length);
+    if (entries != nullptr) ++*entries;
+  }
+  vsk_db_release_dynamic_config(rec, true);
+  return out;
+}
+
 TEST_F(BundleSystemTest, ConcurrentCreatorsShareOneDynamicRecord) {
   constexpr int kWorkers = 2, kEach = 120;
   ASSERT_TRUE(StartSystem());
@@ -70,16 +87,10 @@ TEST_F(BundleSystemTest, ConcurrentCreatorsShareOneDynamicRecord) {
       if (DynamicIdOf(id) != 1) return 1;
       if (RawDynamicRow(id) != "st" + std::to_string(DB_NOTFOUND)) return 2;
     }
-    vsk_db_txn_t txn{};
-    uint64_t key = 1;
-    vsk_dynamic_config_t* rec = nullptr;
-    if (vsk_db_get_dynamic_config(&txn, &key, &rec, false) != 0) return 3;
-    std::map<std::string, std::string> got;
     int entries = 0;
-    for (vsk_dyn_attr_t* a = rec->attrs->first; a != nullptr; a = a->next, ++entries) {
-      got[a->name] = std::string(static_cast<char*>(a->value), a->length);
-    }
-    vsk_db_release_dynamic_config(rec, true);
+    vsk_status_t st = VSK_OK;
+    std::map<std::string, std::string> got = SharedRecord(&st, &entries);
+    if (st != VSK_OK) return 3;
     std::map<std::string, std::string> want{{"kelvo-base", "0"}};
     for (int k = 0; k < kWorkers; ++k) {
       for (int i = 0; i < kEach; ++i) want[Name(k, i)] = std::to_string(i);
@@ -88,27 +99,6 @@ TEST_F(BundleSystemTest, ConcurrentCreatorsShareOneDynamicRecord) {
     return Drift().empty() ? 0 : 5;
   });
   EXPECT_TRUE(check.Ok()) << check;
-}
-
-// The names of the shared record (id 1) that are not "kelvo-base"; "st<n>" when unreadable.
-std::set<std::string> SharedNames(vsk_status_t* st) {
-  vsk_db_txn_t txn{};
-  uint64_t key = 1;
-  vsk_dynamic_config_t* rec = nullptr;
-  std::set<std::string> names;
-  *st = vsk_db_get_dynamic_config(&txn, &key, &rec, false);
-  if (*st == VSK_OK) {
-    for (vsk_dyn_attr_t* a = rec->attrs->first; a != nullptr; a = a->next) names.insert(a->name);
-  }
-  vsk_db_release_dynamic_config(rec, true);
-  names.erase("kelvo-base");
-  return names;
-}
-
-vsk_status_t Join() {
-  orvd_ctx_t* ctx = orvd_init_handle();
-  orvd_set_reg_type_poll(ctx);
-  return orvd_register(ctx);
 }
 
 class BundleKillTest : public VskTest {
@@ -130,14 +120,14 @@ TEST_F(BundleKillTest, CreatorKilledMidWayLeavesOnlyCommittedChanges) {
     AttrList attrs{{VSK_USER_NAME, "first"}};
     SharedOn(attrs, kUifl);
     DynList dyn{{"kelvo-base", "0"}};
-    return Join() == 0 && CreateOn(0, attrs, &dyn) == 1 ? 0 : 1;
+    return JoinRunningOrvd() != nullptr && CreateOn(0, attrs, &dyn) == 1 ? 0 : 1;
   });
   ASSERT_TRUE(first.Ok()) << first;
   // The creator notes each create before it starts ("T") and how it ended ("C" or "F").
   const std::string done_file = root() + "/committed";
   Child creator;
   creator.Start([&done_file](Child::Channel& ch) {
-    if (Join() != 0) return 1;
+    if (JoinRunningOrvd() == nullptr) return 1;
     std::ofstream done(done_file);
     for (int i = 0; i < 100000; ++i) {
       AttrList attrs;
@@ -170,18 +160,19 @@ TEST_F(BundleKillTest, CreatorKilledMidWayLeavesOnlyCommittedChanges) {
   for (int attempt = 0; attempt < 60; ++attempt) {
     after = RunInChild(
         [&] {
-          if (Join() != 0) return 10;
+          if (JoinRunningOrvd() == nullptr) return 10;
           AttrList attrs;
           SharedOn(attrs, kUifl);
           DynList dyn{{"kelvo-after", "v"}};
           vsk_status_t st = 0;
           CreateOn(0, attrs, &dyn, nullptr, false, &st);
           if (st != VSK_OK) return 10;
-          std::set<std::string> names = SharedNames(&st);
+          std::map<std::string, std::string> names = SharedRecord(&st);
+          names.erase("kelvo-base");
           if (st != VSK_OK || names.erase("kelvo-after") != 1) return 1;
           names.erase(in_flight);  // committed or not: the kill may fall after the commit
           std::ofstream out(names_file);
-          for (const std::string& n : names) out << n << "\n";
+          for (const auto& [n, v] : names) out << n << "\n";
           return out ? 0 : 2;
         },
         std::chrono::seconds(60));

@@ -58,39 +58,14 @@ TEST_F(BundleTest, InheritedTypesReachTheRecordButNotTheSlot) {
   EXPECT_EQ(Drift(), "");
 }
 
-// A bundled session's `dynamic` list changes the underlying record in place: named values
-// are replaced, new names added, the others kept; without a list the record is untouched.
-TEST_F(BundleTest, DynamicListChangesTheSharedRecordInPlace) {
-  AttrList under{{VSK_USER_NAME, "ulysses"}};
-  DynList under_dyn{{"kelvo-a", "1"}, {"kelvo-b", "22"}};
-  const uint64_t u = Create(under, false, 2, &under_dyn);
-  ASSERT_NE(u, 0u);
-  ASSERT_EQ(RawDynamicRow(u), EncodedDynamic(under_dyn));
-
-  AttrList plain{{VSK_USER_NAME, "p"}};
-  const uint64_t p = CreateOn(u, plain, nullptr);
-  ASSERT_NE(p, 0u);
-  EXPECT_EQ(DynamicIdOf(p), u);
-  EXPECT_EQ(RawDynamicRow(u), EncodedDynamic(under_dyn));
-  EXPECT_EQ(RawDynamicRow(p), "st" + std::to_string(DB_NOTFOUND));
-
-  AttrList attrs{{VSK_USER_NAME, "q"}};
-  DynList changes{{"kelvo-b", "333"}, {"kelvo-c", "4"}};
-  const uint64_t q = CreateOn(u, attrs, &changes);
-  ASSERT_NE(q, 0u) << traces().Dump();
-  DynList want{{"kelvo-a", "1"}, {"kelvo-b", "333"}, {"kelvo-c", "4"}};
-  EXPECT_EQ(RawDynamicRow(u), EncodedDynamic(want));
-  EXPECT_EQ(RawDynamicRow(q), "st" + std::to_string(DB_NOTFOUND));
-  EXPECT_EQ(DynamicIdOf(q), u);
-}
-
 // VSK_AGGREGATED 2 on an underlying interface: the first such client has its own dynamic
 // record and is never cached; a later one takes the first client's dynamic id, and its list
-// goes onto that record. Naming an underlying session as well is refused, nothing stored.
+// changes that record in place (named values replaced, new names added, the others kept).
+// Naming an underlying session as well is refused, nothing stored.
 TEST_F(BundleTest, SharedUnderlyingInterfaceUsesTheFirstClientsRecord) {
   AttrList first_attrs{{VSK_USER_NAME, "first"}};
   SharedOn(first_attrs, "ae0");
-  DynList first_dyn{{"kelvo-a", "1"}};
+  DynList first_dyn{{"kelvo-a", "1"}, {"kelvo-b", "22"}};
   vsk_session_ids_t ids{};
   ids.shm_offset = 0xbeef;
   ASSERT_EQ(vsk_create_extended_client_session(2, first_attrs.get(), nullptr, first_dyn.get(), &ids,
@@ -109,7 +84,7 @@ TEST_F(BundleTest, SharedUnderlyingInterfaceUsesTheFirstClientsRecord) {
   ASSERT_NE(second, 0u) << traces().Dump();
   EXPECT_FALSE(vsk_is_session_in_shm(second, shm_));
   EXPECT_EQ(DynamicIdOf(second), first);
-  DynList want{{"kelvo-a", "7"}, {"kelvo-z", "9"}};
+  DynList want{{"kelvo-a", "7"}, {"kelvo-b", "22"}, {"kelvo-z", "9"}};
   EXPECT_EQ(RawDynamicRow(first), EncodedDynamic(want));
   EXPECT_EQ(RawDynamicRow(second), "st" + std::to_string(DB_NOTFOUND));
 

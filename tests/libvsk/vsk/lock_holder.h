@@ -58,9 +58,8 @@ inline void NoLockWaits() {
 }
 
 // Holds the write lock of client record `id` in an open transaction until a byte arrives
-// on `fd` (then waits for Go() before it ends) or, with `fd` -1, until Go(). Once the
-// transaction is aborted it writes one byte to `released_fd` when given.
-inline void HoldRecordLock(Child& holder, uint64_t id, int fd, int released_fd = -1) {
+// on `fd`, then aborts, writes one byte to `released_fd` and waits for Go() before it ends.
+inline void HoldRecordLock(Child& holder, uint64_t id, int fd, int released_fd) {
   holder.Start([id, fd, released_fd](Child::Channel& ch) {
     orvd_ctx link{};
     if (Up(&link, false) != 0) return 1;
@@ -73,15 +72,43 @@ inline void HoldRecordLock(Child& holder, uint64_t id, int fd, int released_fd =
     // The holder lets go after 20 s all the same, so that a test whose signal never comes
     // ends with a failure instead of hanging.
     pollfd p{fd, POLLIN, 0};
-    if (fd >= 0 && poll(&p, 1, 20000) == 1) (void)!read(fd, &b, 1);
-    if (fd < 0) ch.WaitGo();
+    if (poll(&p, 1, 20000) == 1) (void)!read(fd, &b, 1);
     vsk_db_release_client_session(rec, true);
     vsk_db_abort_txn(&txn, 0);
-    if (released_fd >= 0) (void)!write(released_fd, &b, 1);
-    if (fd >= 0) ch.WaitGo();
+    (void)!write(released_fd, &b, 1);
+    ch.WaitGo();
     vsk_close_internal();
     return 0;
   });
+}
+
+// Runs `fn` in a client daemon that does not wait for locks while another process holds
+// client record `id`'s write lock, letting go at the `after`th trace of this daemon that
+// holds `on` (with `on` null, once `fn` has returned). The daemon's result; a holder that
+// failed counts as a failure of the test.
+template <typename Fn>
+ChildResult WhileRecordHeld(uint64_t id, const char* on, int after, Fn fn) {
+  int fds[2], back[2];
+  if (pipe(fds) != 0) return {};
+  if (pipe(back) != 0) return close(fds[0]), close(fds[1]), ChildResult{};
+  Child holder;
+  HoldRecordLock(holder, id, fds[0], back[1]);
+  ChildResult r;
+  if (holder.WaitReady()) {
+    const int write_fd = fds[1], released_fd = back[0];
+    r = InClientDaemon([=] {
+      NoLockWaits();
+      g_signal_fd = write_fd, g_released_fd = released_fd;
+      g_signal_on = on, g_signal_after = after;
+      vsk_trace_cbk = SignallingTrace;
+      return fn();
+    });
+  }
+  (void)!write(fds[1], "", 1);  // lets the holder go also when the signal never came
+  holder.Go();
+  EXPECT_TRUE(holder.Wait().Ok()) << "the lock holder";
+  close(fds[0]), close(fds[1]), close(back[0]), close(back[1]);
+  return r;
 }
 
 }  // namespace vsk::test

@@ -160,7 +160,6 @@ TEST_F(ServiceSystemTest, ConcurrentWorkersKeepBothSidesOfEveryLinkInStep) {
 
 // Exit codes of the lock-holder cases: 0 as expected, else the check that failed.
 int CreateUnderAHeldClient() {
-  NoLockWaits();
   vsk_session_id_t id = 0;
   if (vsk_create_service_session_by_client_id(1, "svc", nullptr, nullptr, &id) != VSK_ERR_RETRY)
     return 1;
@@ -190,28 +189,11 @@ TEST_F(ServiceSystemTest, CreateGivesUpAfterFourPassesAndRemovalOutlastsTheHolde
                : 2;
   });
   ASSERT_TRUE(made.Ok()) << made;
-  {
-    Child holder;
-    HoldRecordLock(holder, 1, -1);
-    ASSERT_TRUE(holder.WaitReady());
-    ChildResult blocked = AsClientDaemon(CreateUnderAHeldClient);
-    EXPECT_TRUE(blocked.Ok()) << blocked;
-    holder.Go();
-    EXPECT_TRUE(holder.Wait().Ok());
-  }
+  ChildResult blocked = WhileRecordHeld(1, nullptr, 0, CreateUnderAHeldClient);
+  EXPECT_TRUE(blocked.Ok()) << blocked;
   // The holder lets go after twelve failed passes of the removal, more than any other
   // operation waits.
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  Child holder;
-  HoldRecordLock(holder, 1, fds[0]);
-  ASSERT_TRUE(holder.WaitReady());
-  const int write_fd = fds[1];
-  ChildResult removed = AsClientDaemon([write_fd] {
-    NoLockWaits();
-    g_signal_fd = write_fd,
-    g_signal_on = ": Failed to read client session 1, err=", g_signal_after = 12;
-    vsk_trace_cbk = SignallingTrace;
+  ChildResult removed = WhileRecordHeld(1, ": Failed to read client session 1, err=", 12, [] {
     if (vsk_remove_service_session(2) != 0) return 1;
     if (g_seen < 12) return 2;
     vsk_db_txn_t txn{};
@@ -223,27 +205,9 @@ TEST_F(ServiceSystemTest, CreateGivesUpAfterFourPassesAndRemovalOutlastsTheHolde
     return empty ? 0 : 4;
   });
   EXPECT_TRUE(removed.Ok()) << removed;
-  (void)!write(fds[1], "", 1);  // lets the holder go also when the signal never came
-  holder.Go();
-  EXPECT_TRUE(holder.Wait().Ok());
-  close(fds[0]), close(fds[1]);
 }
 
 // ---- processes killed in the middle of service operations ------------------------------
-
-// Registers with a running orvd in poll mode, retrying while it recovers; null on timeout.
-orvd_ctx_t* Join() {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-  while (std::chrono::steady_clock::now() < end) {
-    orvd_ctx_t* ctx = orvd_init_handle();
-    orvd_set_trace_callback(ctx, nullptr, CaptureTraceV);
-    orvd_set_reg_type_poll(ctx);
-    if (orvd_register(ctx) == VSK_OK) return ctx;
-    orvd_unregister(&ctx);
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return nullptr;
-}
 
 // orvd itself may die while it handles a kill inside the store: a defect of its own (a lock
 // wait timed out on a transaction that ended meanwhile), outside what this test checks,
@@ -270,14 +234,14 @@ TEST_F(VskTest, KilledServiceWorkersLeaveEveryLinkWhole) {
   constexpr int kKills = 12;
   OrvdProcess orvd;
   ASSERT_TRUE(orvd.Start());
-  ChildResult made = RunInChild([] { return Join() == nullptr ? 1 : MakeClients(); });
+  ChildResult made = RunInChild([] { return JoinRunningOrvd() == nullptr ? 1 : MakeClients(); });
   ASSERT_TRUE(made.Ok()) << made;
   // Checks the links (and, with `remove_all`, removes every service first); retried while
   // the store is recovering under the checker.
   auto check = [](bool remove_all) {
     return RunInChild(
         [remove_all] {
-          if (Join() == nullptr) return 1;
+          if (JoinRunningOrvd() == nullptr) return 1;
           vsk_status_t st;
           std::set<uint64_t> none;
           if (remove_all) {
@@ -297,7 +261,7 @@ TEST_F(VskTest, KilledServiceWorkersLeaveEveryLinkWhole) {
     Child worker;
     const unsigned seed = rng();
     worker.Start([seed](Child::Channel& ch) -> int {
-      if (Join() == nullptr) return 1;
+      if (JoinRunningOrvd() == nullptr) return 1;
       std::mt19937 r(seed);
       // The services that earlier workers left are this one's to change and remove too.
       vsk_status_t st;

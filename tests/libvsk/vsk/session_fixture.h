@@ -4,7 +4,9 @@
 // registration brings them up, without the socket.
 #pragma once
 
+#include <chrono>
 #include <memory>
+#include <thread>
 
 #include "../shared/shared_fixture.h"
 #include "libvsk/orvd_ctx.h"
@@ -25,6 +27,33 @@ inline vsk_status_t Up(orvd_ctx* link, bool orvd) {
   if (st == VSK_OK) st = vsk_db_secondary_init(orvd);
   if (st == VSK_OK && orvd) st = vsk_db_secondary_recover();
   return st;
+}
+
+// Runs `fn` in a client daemon child; its result is the exit code (100: no client).
+template <typename Fn>
+ChildResult InClientDaemon(Fn fn) {
+  return RunInChild([fn] {
+    orvd_ctx link{};
+    if (Up(&link, false) != VSK_OK) return 100;
+    int rc = fn();
+    vsk_close_internal();
+    return rc;
+  });
+}
+
+// Registers with a running orvd in poll mode, retrying while it recovers; null after a
+// minute of refusals.
+inline orvd_ctx_t* JoinRunningOrvd() {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+  while (std::chrono::steady_clock::now() < end) {
+    orvd_ctx_t* ctx = orvd_init_handle();
+    orvd_set_trace_callback(ctx, nullptr, CaptureTraceV);
+    orvd_set_reg_type_poll(ctx);
+    if (orvd_register(ctx) == VSK_OK) return ctx;
+    orvd_unregister(&ctx);
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return nullptr;
 }
 
 // This process as `orvd` with everything up, for tests that need no other process.
@@ -83,16 +112,9 @@ class SessionSystemTest : public SharedTest {
     return vsk_open_internal(false) == 0 && vsk_db_secondary_init(false) == VSK_OK;
   }
 
-  // Runs `fn` in a client daemon child; its result is the exit code (100: no client).
   template <typename Fn>
   static ChildResult AsClientDaemon(Fn fn) {
-    return RunInChild([fn] {
-      orvd_ctx link{};
-      if (Up(&link, false) != VSK_OK) return 100;
-      int rc = fn();
-      vsk_close_internal();
-      return rc;
-    });
+    return InClientDaemon(fn);
   }
 
  private:

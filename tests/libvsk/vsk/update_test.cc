@@ -318,40 +318,21 @@ TEST_F(UpdateSystemTest, UpdateRetriesUntilTheLockGoesOrGivesUpAfterTenPasses) {
   ASSERT_TRUE(made.Ok()) << made;
 
   // Held for good: ten passes, then -4; the record unchanged.
-  {
-    Child holder;
-    HoldRecordLock(holder, 1, -1);
-    ASSERT_TRUE(holder.WaitReady());
-    ChildResult blocked = AsClientDaemon([] {
-      NoLockWaits();
-      UpdateList u;
-      u.Replace(VSK_SESSION_STATE, U32(2));
-      if (vsk_update_client_session(1, u.get()) != VSK_ERR_RETRY) return 1;
-      if (GlobalTraces().CountContaining(": Failed to read client session 1, err=") != 10) return 2;
-      return GlobalTraces().Count(std::string(kFn) + ": Failed to update client session 1, err=" +
-                                  vsk_get_err_msg(-4)) == 1
-                 ? 0
-                 : 3;
-    });
-    EXPECT_TRUE(blocked.Ok()) << blocked;
-    holder.Go();
-    EXPECT_TRUE(holder.Wait().Ok());
-  }
+  ChildResult blocked = WhileRecordHeld(1, nullptr, 0, [] {
+    UpdateList u;
+    u.Replace(VSK_SESSION_STATE, U32(2));
+    if (vsk_update_client_session(1, u.get()) != VSK_ERR_RETRY) return 1;
+    if (GlobalTraces().CountContaining(": Failed to read client session 1, err=") != 10) return 2;
+    return GlobalTraces().Count(std::string(kFn) + ": Failed to update client session 1, err=" +
+                                vsk_get_err_msg(-4)) == 1
+               ? 0
+               : 3;
+  });
+  EXPECT_TRUE(blocked.Ok()) << blocked;
   EXPECT_EQ(StateCount(1), 1u);
 
   // Let go after the second failed pass: the update then succeeds.
-  int fds[2], back[2];
-  ASSERT_EQ(pipe(fds), 0);
-  ASSERT_EQ(pipe(back), 0);
-  Child holder;
-  HoldRecordLock(holder, 1, fds[0], back[1]);
-  ASSERT_TRUE(holder.WaitReady());
-  const int write_fd = fds[1], released_fd = back[0];
-  ChildResult retried = AsClientDaemon([write_fd, released_fd] {
-    NoLockWaits();
-    g_signal_fd = write_fd, g_released_fd = released_fd;
-    g_signal_on = ": Failed to read client session 1", g_signal_after = 2;
-    vsk_trace_cbk = SignallingTrace;
+  ChildResult retried = WhileRecordHeld(1, ": Failed to read client session 1", 2, [] {
     UpdateList u;
     u.Replace(VSK_SESSION_STATE, U32(2));
     if (vsk_update_client_session(1, u.get()) != 0) return 1;
@@ -360,10 +341,6 @@ TEST_F(UpdateSystemTest, UpdateRetriesUntilTheLockGoesOrGivesUpAfterTenPasses) {
     return Row(1, VSK_SESSION_STATE) == U32(2) ? 0 : 3;
   });
   EXPECT_TRUE(retried.Ok()) << retried;
-  (void)!write(fds[1], "", 1);  // lets the holder go also when the signal never came
-  holder.Go();
-  EXPECT_TRUE(holder.Wait().Ok());
-  close(fds[0]), close(fds[1]), close(back[0]), close(back[1]);
   EXPECT_EQ(StateCount(1), 0u);
   EXPECT_EQ(StateCount(2), 1u);
 }

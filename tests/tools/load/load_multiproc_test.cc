@@ -106,7 +106,6 @@ TEST_F(LoadTest, MixChoosesTheSteps) {
     const char* mix;
     int setup, activate, snapshot;  // calls per lifecycle
   } kMixes[] = {{"setup-update=2,snapshot=2,reads=1", 2, 0, 2},
-                {"activate", 0, 1, 0},
                 {"setup-update=1,activate,snapshot=1,reads=3", 1, 1, 1}};
   for (const auto& m : kMixes) {
     LoadRun r = RunLoad(std::string("--workers 2 --sessions 200 --live 30 --json --mix ") + m.mix);
