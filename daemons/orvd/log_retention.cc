@@ -43,6 +43,13 @@ std::vector<std::string> LogFilesToRemove(const std::vector<std::string>& all,
   return remove;
 }
 
+uint64_t LogBytesBetween(const DB_LSN& from, const DB_LSN& to, uint32_t file_size) {
+  if (log_compare(&to, &from) <= 0) return 0;
+  const int64_t bytes = int64_t{to.file - from.file} * file_size + int64_t{to.offset} -
+                        int64_t{from.offset};
+  return bytes > 0 ? static_cast<uint64_t>(bytes) : 0;
+}
+
 int RemoveUnneededLogs(DB_ENV* env, const std::string& home) {
   std::vector<std::string> all, unused;
   if (!Archive(env, DB_ARCH_LOG, &all) || !Archive(env, 0, &unused)) return 0;

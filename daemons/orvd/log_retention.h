@@ -27,6 +27,11 @@ inline constexpr size_t kKeptLogFiles = 3;
 std::vector<std::string> LogFilesToRemove(const std::vector<std::string>& all,
                                           const std::vector<std::string>& unused);
 
+// How many bytes of log lie from `from` to `to` (zero when `to` is not later), counting
+// every file before the last as full (`file_size`, the configured size of a log file):
+// a file ends early only when the next record does not fit, so this is a close bound.
+uint64_t LogBytesBetween(const DB_LSN& from, const DB_LSN& to, uint32_t file_size);
+
 // Applies the rule to `env` (home `home`, with a trailing slash): removes the files and
 // returns how many went. Errors are logged.
 int RemoveUnneededLogs(DB_ENV* env, const std::string& home);

@@ -68,6 +68,12 @@ struct Maintenance::State {
   std::atomic<uint64_t> log_files_removed{0};
   std::atomic<uint64_t> replication_flushes{0};
 
+  // The worker's own: where the last checkpoint made recovery start, the log's end when it
+  // had been written (anything after it is new), and when.
+  DB_LSN ckp_start{0, 0};
+  DB_LSN ckp_ended_at{0, 0};
+  Clock::time_point last_checkpoint{};
+
   // Runs one call into Berkeley DB with the busy mark set around it.
   template <typename Fn>
   int Call(Fn&& fn) {
@@ -109,13 +115,71 @@ struct Maintenance::State {
     }
   }
 
-  void Checkpoint() {
-    int ret = Call([&] { return env->txn_checkpoint(env, kCheckpointKbytes, kCheckpointMinutes, 0); });
+  // The end of the log now; false (and a trace) when Berkeley DB cannot say.
+  bool LogEnd(DB_LSN* end) {
+    DB_LOG_STAT* st = nullptr;
+    int ret = Call([&] { return env->log_stat(env, &st, 0); });
+    if (ret != 0 || st == nullptr) {
+      Log("cannot read the log's end: %s", db_strerror(ret));
+      return false;
+    }
+    end->file = st->st_cur_file;
+    end->offset = st->st_cur_offset;
+    std::free(st);
+    return true;
+  }
+
+  // Where a checkpoint begun now would make recovery start: the log's end, or the first
+  // record of the oldest open transaction when that is earlier. `end` gets the log's end.
+  bool RecoveryStartNow(DB_LSN* start, DB_LSN* end) {
+    if (!LogEnd(end)) return false;
+    *start = *end;
+    DB_TXN_STAT* stat = nullptr;
+    if (Call([&] { return env->txn_stat(env, &stat, 0); }) != 0 || stat == nullptr) return true;
+    for (uint32_t i = 0; i < stat->st_nactive; ++i) {
+      const DB_LSN& first = stat->st_txnarray[i].lsn;  // zero until it has logged
+      if ((first.file != 0 || first.offset != 0) && log_compare(&first, start) < 0) *start = first;
+    }
+    std::free(stat);
+    return true;
+  }
+
+  // Starts the bookkeeping of checkpoints from the log as the worker finds it.
+  void StartCheckpointWatch(Clock::time_point now) {
+    if (!RecoveryStartNow(&ckp_start, &ckp_ended_at)) ckp_start = ckp_ended_at = DB_LSN{0, 0};
+    last_checkpoint = now;
+  }
+
+  // Writes a checkpoint when one is due and removes the log files nobody needs any more.
+  // Berkeley DB's own thresholds count the log written since the last checkpoint record,
+  // which is written at the checkpoint's end; but a checkpoint covers only what was
+  // logged before it began, and nothing an open transaction logged since its start. What
+  // a burst of writes logs while a long checkpoint flushes pages, or while a transaction
+  // stays open, is then counted by nobody: the files stay, and recovery would replay
+  // them, until something else is written and a minute has passed. So the worker decides
+  // itself: a checkpoint is due when one now would move recovery's start by a megabyte,
+  // when a megabyte has been logged since the last one (Berkeley DB's own rule), or a
+  // minute after the last one when anything has been logged since.
+  void Checkpoint(Clock::time_point now) {
+    DB_LSN start, end;
+    if (!RecoveryStartNow(&start, &end)) return;
+    uint32_t lg_max = 0;
+    env->get_lg_max(env, &lg_max);
+    const uint64_t megabyte = uint64_t{kCheckpointKbytes} * 1024;
+    const bool a_megabyte = LogBytesBetween(ckp_start, start, lg_max) >= megabyte ||
+                            LogBytesBetween(ckp_ended_at, end, lg_max) >= megabyte;
+    const bool a_while = now - last_checkpoint >= std::chrono::minutes(kCheckpointMinutes) &&
+                         log_compare(&end, &ckp_ended_at) != 0;
+    if (!a_megabyte && !a_while) return;
+    int ret = Call([&] { return env->txn_checkpoint(env, 0, 0, DB_FORCE); });
     if (ret != 0) {
       Log("checkpoint: %s", db_strerror(ret));
       return;
     }
     ++checkpoints;
+    last_checkpoint = now;
+    ckp_start = start;
+    if (!LogEnd(&ckp_ended_at)) ckp_ended_at = end;
     log_files_removed += static_cast<uint64_t>(Call([&] { return RemoveUnneededLogs(env, home); }));
   }
 
@@ -173,6 +237,7 @@ void Maintenance::Run(std::shared_ptr<State> s) {
   vsk::store::SetThisThreadNumber(kWorkerThreadNumber);
   Clock::time_point next_failchk = Clock::now();
   Clock::time_point next_checkpoint = Clock::now() + kCheckpointPeriod;
+  if (s->master) s->StartCheckpointWatch(Clock::now());
   for (;;) {
     bool draining;
     Clock::time_point drain_until;
@@ -231,7 +296,7 @@ void Maintenance::Run(std::shared_ptr<State> s) {
       if (!s->recovery_needed) {
         s->Flush();
         if (s->master && now >= next_checkpoint) {
-          s->Checkpoint();
+          s->Checkpoint(now);
           next_checkpoint = now + kCheckpointPeriod;
         }
       }

@@ -5,8 +5,8 @@
 // when the deadlock detector runs, and a waiter behind a dead holder would otherwise wait
 // for ever); every kFailchkPeriod it runs failchk, which aborts the transactions and frees
 // the locks and thread slots of processes that died outside the library and reports one
-// that died inside it (recovery needed); on the master every kCheckpointPeriod it asks
-// for a checkpoint and removes the log files nobody needs (log_retention.h). On the
+// that died inside it (recovery needed); on the master every kCheckpointPeriod it writes
+// a checkpoint when one is due and removes the log files nobody needs (log_retention.h). On the
 // standby it runs no failchk (Berkeley DB crashes in it on a replication client; the
 // standby's store is reopened with recovery when a registered client dies, reopen.h).
 //
@@ -52,8 +52,8 @@ inline constexpr auto kFailchkPeriod = std::chrono::milliseconds(250);
 inline constexpr auto kCheckpointPeriod = std::chrono::seconds(1);
 // A call that has not returned after this long waits on a dead process.
 inline constexpr auto kStuckLimit = std::chrono::seconds(5);
-// Berkeley DB's own thresholds: a checkpoint is written when this much log has been
-// written or this many minutes have passed since the last.
+// A checkpoint is written when it would move the point recovery starts from by this
+// much log, or this many minutes after the last when anything has been written since.
 inline constexpr uint32_t kCheckpointKbytes = 1024;
 inline constexpr uint32_t kCheckpointMinutes = 1;
 

@@ -128,6 +128,19 @@ class OrvdProcess {
     return it == figures.end() ? -1 : std::atol(it->second.c_str());
   }
 
+  // orvd publishes its figures at its tick, a moment after what they count: waits up to
+  // `timeout` for figure `name` to reach `at_least`. The last value read (-1: not published).
+  static long WaitForHealthFigure(const std::string& name, long at_least,
+                                  std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
+    const auto end = std::chrono::steady_clock::now() + timeout;
+    long value = HealthFigure(name);
+    while (value < at_least && std::chrono::steady_clock::now() < end) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      value = HealthFigure(name);
+    }
+    return value;
+  }
+
   pid_t pid() const { return pid_; }
 
   static std::map<std::string, OrvdTableRow> Table() { return orvd::ReadClientsTable(); }

@@ -38,12 +38,13 @@ inline std::string RowValue(uint64_t id, uint32_t size = 64) {
   return v;
 }
 
-inline vsk_status_t PutRowIn(vsk_db_txn_t* txn, uint64_t id, uint32_t size = 64) {
+inline vsk_status_t PutRowIn(vsk_db_txn_t* txn, uint64_t id, uint32_t size = 64,
+                             int16_t table = kRowsTable) {
   uint8_t key[12] = {};
   std::memcpy(key, &id, sizeof id);
   std::memcpy(key + 8, "rows", 4);
   std::string value = RowValue(id, size);
-  vsk_app_def_key_t k{static_cast<uint16_t>(kRowsTable), key};
+  vsk_app_def_key_t k{static_cast<uint16_t>(table), key};
   vsk_app_data_t data{};
   data.length = static_cast<uint32_t>(value.size());
   data.data = value.data();
@@ -64,11 +65,11 @@ inline vsk_status_t PutRows(uint64_t first, int count, uint32_t size = 64) {
 }
 
 // 0 when row `id` holds its value, -7 when it is missing, or the read's status.
-inline vsk_status_t CheckRow(uint64_t id, uint32_t size = 64) {
+inline vsk_status_t CheckRow(uint64_t id, uint32_t size = 64, int16_t table = kRowsTable) {
   uint8_t key[12] = {};
   std::memcpy(key, &id, sizeof id);
   std::memcpy(key + 8, "rows", 4);
-  vsk_app_def_key_t k{static_cast<uint16_t>(kRowsTable), key};
+  vsk_app_def_key_t k{static_cast<uint16_t>(table), key};
   vsk_app_data_t* data = nullptr;
   vsk_db_txn_t txn{};
   vsk_status_t st = vsk_db_check();

@@ -88,11 +88,7 @@ TEST_F(KilledOrvdTest, ClientLeftWaitingInTheKilledOrvdsStoreIsEnded) {
   EXPECT_FALSE(r.timed_out) << "the waiter was left blocked";
   EXPECT_EQ(r.signal, SIGKILL) << r;
   // orvd counts the ending after the kill and publishes its figures at its next tick.
-  long ended = 0;
-  for (int i = 0; i < 1000 && (ended = OrvdProcess::HealthFigure("blocked_processes_ended")) < 1;
-       ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  EXPECT_EQ(ended, 1);
+  EXPECT_EQ(OrvdProcess::WaitForHealthFigure("blocked_processes_ended", 1), 1);
   std::ifstream in(log);
   const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
   EXPECT_NE(text.find("pid " + std::to_string(waiter.pid()) +
