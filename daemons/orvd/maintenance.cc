@@ -179,7 +179,10 @@ struct Maintenance::State {
     ++checkpoints;
     last_checkpoint = now;
     ckp_start = start;
-    if (!LogEnd(&ckp_ended_at)) ckp_ended_at = end;
+    // The log's end after the checkpoint record; the end before it when that cannot be read.
+    DB_LSN ended = end;
+    LogEnd(&ended);
+    ckp_ended_at = ended;
     log_files_removed += static_cast<uint64_t>(Call([&] { return RemoveUnneededLogs(env, home); }));
   }
 
