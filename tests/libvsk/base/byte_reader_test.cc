@@ -35,9 +35,10 @@ std::vector<uint8_t> Section(uint16_t count_field, size_t values, const char* te
   std::vector<uint8_t> contents(2);
   std::memcpy(contents.data(), &count_field, 2);
   for (size_t i = 0; i < values; ++i) {
-    uint64_t v = i + 1;
-    const auto* p = reinterpret_cast<const uint8_t*>(&v);
-    contents.insert(contents.end(), p, p + 8);
+    const uint64_t v = i + 1;
+    const size_t at = contents.size();
+    contents.resize(at + 8);
+    std::memcpy(contents.data() + at, &v, 8);
   }
   contents.insert(contents.end(), text, text + std::strlen(text) + 1);
   std::vector<uint8_t> out(8);
