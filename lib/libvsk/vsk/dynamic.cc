@@ -262,13 +262,13 @@ vsk_status_t ReadForUpdate(uint64_t id, void* shm, vsk_db_txn_t* txn, Records* r
     // that neither list is written over with a copy that lacks the other's entry.
     st = store::ClientSessionRecordExists(txn, &id, true);
     if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) return st;
-    st = vsk_db_client_session_empty(&r->client);
+    st = store::ClientSessionEmpty(&r->client);
     if (st == VSK_OK) st = cache::ToSessionRecord(nullptr, shm, id, r->client);
     if (st != VSK_OK) {
       VSK_TRACE("%s - %d: Failed to read client session from shm", kClientFn, __LINE__);
       return st;
     }
-    st = vsk_db_dynamic_config_empty(&r->dynamic);
+    st = store::DynamicConfigEmpty(&r->dynamic);
     if (st == VSK_OK) st = cache::ToDynamicRecord(nullptr, shm, id, r->dynamic);
     if (st != VSK_OK)
       VSK_TRACE("%s - %d: Failed to read client record from shm", kClientFn, __LINE__);
@@ -285,7 +285,7 @@ vsk_status_t ReadForUpdate(uint64_t id, void* shm, vsk_db_txn_t* txn, Records* r
     // A session created without dynamic configuration gets its first record now.
     store::ReleaseDynamicConfig(r->dynamic, true);
     r->dynamic = nullptr;
-    st = vsk_db_dynamic_config_empty(&r->dynamic);
+    st = store::DynamicConfigEmpty(&r->dynamic);
     r->from_cache = false;
   }
   if (st != VSK_OK) VSK_TRACE("%s - %d: Failed to read client session", kClientFn, __LINE__);

@@ -196,7 +196,7 @@ class ServiceRemoval {
   vsk_status_t InTransaction(vsk_db_txn_t* txn, OwningClient* client) {
     for (uint32_t app = 0; app < kApplications; ++app) {
       vsk_app_pri_key_t key{id_, app};
-      vsk_status_t st = vsk_db_del_app_pri_data(txn, &key);
+      vsk_status_t st = store::DelAppPriData(txn, &key);
       if (st == VSK_OK) {
         VSK_TRACE("%s: Private data for service session %llu app %d found during session delete",
                   kRemoveFn, Ull(id_), static_cast<int>(app));

@@ -120,7 +120,7 @@ vsk_status_t Pass(const ServiceUpdate& u, bool* committed, BitsSeen* seen) {
   record->attrs = old;
   if (st == VSK_OK && u.private_data != nullptr) {
     vsk_app_pri_key_t key{u.id, u.app_id};
-    st = vsk_db_put_app_pri_data(&block, &key, u.private_data);
+    st = store::PutAppPriData(&block, &key, u.private_data);
   }
   if (st != VSK_OK) return txn.Fail(st);
   *committed = true;
