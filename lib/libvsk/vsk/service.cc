@@ -43,8 +43,6 @@ constexpr uint32_t kApplications = 10;
 
 unsigned long long Ull(uint64_t v) { return static_cast<unsigned long long>(v); }
 
-bool Retryable(vsk_status_t st) { return st == VSK_ERR_RETRY || st == VSK_ERR_RECOVERING; }
-
 uint64_t* NewIds(size_t count) {
   return static_cast<uint64_t*>(std::malloc(count * sizeof(uint64_t)));
 }
@@ -85,7 +83,7 @@ class ServiceCreate {
       bool committed = false;
       vsk_status_t st = Pass(&committed);
       if (committed) return st;
-      if (!Retryable(st) || retries == kCreateRetries) {
+      if (!store::RetryOnDeadlockOrRecovery(st) || retries == kCreateRetries) {
         VSK_TRACE("%s: Failed to create service session, err=%s", kCreateFn, vsk_get_err_msg(st));
         return st;
       }
@@ -158,7 +156,7 @@ class ServiceRemoval {
       bool committed = false;
       vsk_status_t st = Pass(&committed);
       if (committed) return st;
-      if (!Retryable(st) || retries == kRemoveRetries) {
+      if (!store::RetryOnDeadlockOrRecovery(st) || retries == kRemoveRetries) {
         VSK_TRACE("%s: Failed to remove service session %llu, err=%s", kRemoveFn, Ull(id_),
                   vsk_get_err_msg(st));
         return st;
