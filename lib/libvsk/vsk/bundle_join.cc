@@ -34,18 +34,9 @@ namespace vsk::session {
 namespace {
 
 constexpr char kCreateFn[] = "vsk_create_extended_client_session";
-constexpr uint32_t kAggregatedShared = 2;
 constexpr size_t kNameCopy = 256;
 
 unsigned long long Ull(uint64_t v) { return static_cast<unsigned long long>(v); }
-
-bool SharesUnderlyingInterface(const vsk_attr_list_t* attrs) {
-  const vsk_attr_t* a = vsk_get_attribute_from_list(attrs, VSK_AGGREGATED);
-  if (a == nullptr || a->value == nullptr) return false;
-  uint32_t value = 0;
-  std::memcpy(&value, a->value, a->length < 4 ? a->length : 4);
-  return value == kAggregatedShared;
-}
 
 void FreeInherited(vsk_attr_update_list_t* list) {
   if (list == nullptr) return;

@@ -216,14 +216,6 @@ vsk_status_t FlattenService(patricia_root_t* tree, FlatList* out) {
   return VSK_OK;
 }
 
-bool AppendReplaces(const vsk_client_session_t* rec) {
-  const vsk_attr_t* a = vsk_get_attribute_from_list(rec->attrs, VSK_AGGREGATED);
-  if (a == nullptr || a->value == nullptr || a->length == 0) return false;
-  uint32_t v = 0;
-  std::memcpy(&v, a->value, a->length < 4 ? a->length : 4);
-  return v == 2;
-}
-
 // Runs one-transaction attempts of `body` with the retry rule of small writes.
 template <typename Body>
 vsk_status_t InOwnTxn(Body body) {
@@ -262,13 +254,13 @@ vsk_status_t ReadForUpdate(uint64_t id, void* shm, vsk_db_txn_t* txn, Records* r
     // that neither list is written over with a copy that lacks the other's entry.
     st = store::ClientSessionRecordExists(txn, &id, true);
     if (st != VSK_OK && st != VSK_ERR_NOT_FOUND) return st;
-    st = vsk_db_client_session_empty(&r->client);
+    st = store::ClientSessionEmpty(&r->client);
     if (st == VSK_OK) st = cache::ToSessionRecord(nullptr, shm, id, r->client);
     if (st != VSK_OK) {
       VSK_TRACE("%s - %d: Failed to read client session from shm", kClientFn, __LINE__);
       return st;
     }
-    st = vsk_db_dynamic_config_empty(&r->dynamic);
+    st = store::DynamicConfigEmpty(&r->dynamic);
     if (st == VSK_OK) st = cache::ToDynamicRecord(nullptr, shm, id, r->dynamic);
     if (st != VSK_OK)
       VSK_TRACE("%s - %d: Failed to read client record from shm", kClientFn, __LINE__);
@@ -285,7 +277,7 @@ vsk_status_t ReadForUpdate(uint64_t id, void* shm, vsk_db_txn_t* txn, Records* r
     // A session created without dynamic configuration gets its first record now.
     store::ReleaseDynamicConfig(r->dynamic, true);
     r->dynamic = nullptr;
-    st = vsk_db_dynamic_config_empty(&r->dynamic);
+    st = store::DynamicConfigEmpty(&r->dynamic);
     r->from_cache = false;
   }
   if (st != VSK_OK) VSK_TRACE("%s - %d: Failed to read client session", kClientFn, __LINE__);
@@ -293,6 +285,14 @@ vsk_status_t ReadForUpdate(uint64_t id, void* shm, vsk_db_txn_t* txn, Records* r
 }
 
 }  // namespace
+
+bool SharesUnderlyingInterface(const vsk_attr_list_t* attrs) {
+  const vsk_attr_t* a = vsk_get_attribute_from_list(attrs, VSK_AGGREGATED);
+  if (a == nullptr || a->value == nullptr) return false;
+  uint32_t value = 0;
+  std::memcpy(&value, a->value, a->length < 4 ? a->length : 4);
+  return value == 2;
+}
 
 vsk_status_t UpdateClientDynamicInTxn(uint64_t client_id, void* shm,
                                       const vsk_dyn_update_list_t* updates, vsk_db_txn_t* txn) {
@@ -306,7 +306,7 @@ vsk_status_t UpdateClientDynamicInTxn(uint64_t client_id, void* shm,
   st = LoadTree(tree.get(), r.dynamic->attrs, kClientFn, &array_id);
   if (st != VSK_OK) return st;
   if (updates != nullptr) {
-    st = vsk_update_session_dynamic(tree.get(), updates, array_id, AppendReplaces(r.client));
+    st = vsk_update_session_dynamic(tree.get(), updates, array_id, SharesUnderlyingInterface(r.client->attrs));
     if (st != VSK_OK) return st;
   }
   FlatList flat;

@@ -34,6 +34,9 @@ vsk_status_t SetClientDynamic(uint64_t client_id, const vsk_dyn_attr_list_t* lis
 // One attempt inside the caller's transaction; the session in the cache or in the tables.
 vsk_status_t UpdateClientDynamicInTxn(uint64_t client_id, void* shm,
                                       const vsk_dyn_update_list_t* updates, vsk_db_txn_t* txn);
+// True when the session says with VSK_AGGREGATED 2 that it shares its underlying interface
+// (and so its dynamic record) with other clients.
+bool SharesUnderlyingInterface(const vsk_attr_list_t* attrs);
 
 // ---- recovery walk (recover.cc) ----------------------------------------------------------
 // The gate of every recovery walk: vsk_db_check, then -1 on the standby ("Application tried

@@ -43,8 +43,6 @@ constexpr uint32_t kApplications = 10;
 
 unsigned long long Ull(uint64_t v) { return static_cast<unsigned long long>(v); }
 
-bool Retryable(vsk_status_t st) { return st == VSK_ERR_RETRY || st == VSK_ERR_RECOVERING; }
-
 uint64_t* NewIds(size_t count) {
   return static_cast<uint64_t*>(std::malloc(count * sizeof(uint64_t)));
 }
@@ -85,7 +83,7 @@ class ServiceCreate {
       bool committed = false;
       vsk_status_t st = Pass(&committed);
       if (committed) return st;
-      if (!Retryable(st) || retries == kCreateRetries) {
+      if (!store::RetryOnDeadlockOrRecovery(st) || retries == kCreateRetries) {
         VSK_TRACE("%s: Failed to create service session, err=%s", kCreateFn, vsk_get_err_msg(st));
         return st;
       }
@@ -158,7 +156,7 @@ class ServiceRemoval {
       bool committed = false;
       vsk_status_t st = Pass(&committed);
       if (committed) return st;
-      if (!Retryable(st) || retries == kRemoveRetries) {
+      if (!store::RetryOnDeadlockOrRecovery(st) || retries == kRemoveRetries) {
         VSK_TRACE("%s: Failed to remove service session %llu, err=%s", kRemoveFn, Ull(id_),
                   vsk_get_err_msg(st));
         return st;
@@ -196,7 +194,7 @@ class ServiceRemoval {
   vsk_status_t InTransaction(vsk_db_txn_t* txn, OwningClient* client) {
     for (uint32_t app = 0; app < kApplications; ++app) {
       vsk_app_pri_key_t key{id_, app};
-      vsk_status_t st = vsk_db_del_app_pri_data(txn, &key);
+      vsk_status_t st = store::DelAppPriData(txn, &key);
       if (st == VSK_OK) {
         VSK_TRACE("%s: Private data for service session %llu app %d found during session delete",
                   kRemoveFn, Ull(id_), static_cast<int>(app));

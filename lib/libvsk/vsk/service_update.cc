@@ -32,8 +32,6 @@ constexpr char kFn[] = "vsk_update_service_session_internal";
 constexpr int kMaxRetries = 3;
 constexpr uint32_t kActiveState = 2;
 
-bool Retryable(vsk_status_t st) { return st == VSK_ERR_RETRY || st == VSK_ERR_RECOVERING; }
-
 struct ServiceRecordFree {
   void operator()(vsk_service_session_t* r) const { store::ReleaseServiceSession(r, true); }
 };
@@ -120,7 +118,7 @@ vsk_status_t Pass(const ServiceUpdate& u, bool* committed, BitsSeen* seen) {
   record->attrs = old;
   if (st == VSK_OK && u.private_data != nullptr) {
     vsk_app_pri_key_t key{u.id, u.app_id};
-    st = vsk_db_put_app_pri_data(&block, &key, u.private_data);
+    st = store::PutAppPriData(&block, &key, u.private_data);
   }
   if (st != VSK_OK) return txn.Fail(st);
   *committed = true;
@@ -140,7 +138,7 @@ vsk_status_t UpdateServiceSession(const ServiceUpdate& update) {
       }
       return st;
     }
-    if (!Retryable(st) || retries == kMaxRetries) {
+    if (!store::RetryOnDeadlockOrRecovery(st) || retries == kMaxRetries) {
       VSK_TRACE("%s: Failed to update service session %d", kFn, st);
       return st;
     }
