@@ -48,6 +48,11 @@ double MedianLifecycleUs(const PhaseFigures& p) {
   return sum;
 }
 
+nlohmann::json ToJson(const StepFigures& f) {
+  return {{"calls", f.calls}, {"rate", f.rate},  {"mean_us", f.mean_us},
+          {"p50_us", f.p50},  {"p99_us", f.p99}, {"p999_us", f.p999}};
+}
+
 double Rate(const PhaseFigures& p) {
   return p.seconds > 0 ? static_cast<double>(p.lifecycles) / p.seconds : 0;
 }
@@ -75,12 +80,10 @@ void PrintTable(const Options& o, int workers, const PhaseFigures& lib, const Ph
     j["lifecycle_cost_us"] = cost_us(lib);
     for (int s = 0; s < kSteps; ++s) {
       StepFigures f = Figures(lib, s);
-      nlohmann::json step{{"calls", f.calls}, {"rate", f.rate},  {"mean_us", f.mean_us},
-                          {"p50_us", f.p50},  {"p99_us", f.p99}, {"p999_us", f.p999}};
+      nlohmann::json step = ToJson(f);
       if (raw != nullptr) {
         StepFigures r = Figures(*raw, s);
-        step["raw"] = {{"calls", r.calls}, {"rate", r.rate},  {"mean_us", r.mean_us},
-                       {"p50_us", r.p50},  {"p99_us", r.p99}, {"p999_us", r.p999}};
+        step["raw"] = ToJson(r);
         step["ratio"] = r.calls ? nlohmann::json(f.mean_us / r.mean_us) : nlohmann::json(nullptr);
         step["ratio_p50"] =
             r.calls && r.p50 > 0 ? nlohmann::json(f.p50 / r.p50) : nlohmann::json(nullptr);
