@@ -20,6 +20,36 @@ std::vector<DB_ENV*>& GivenUpEnvironments() {
 
 namespace {
 
+// Where the link `/proc/.../fd/N` points; empty when it cannot be read.
+std::string LinkTarget(const std::string& link) {
+  char target[4096];
+  ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
+  return n > 0 ? std::string(target, static_cast<size_t>(n)) : std::string();
+}
+
+// One line of a /proc/<pid>/maps file: its address range and whether it maps one of the
+// store's region files ("__db.*" in its home, `prefix`), and one since removed.
+struct MapLine {
+  uintptr_t start = 0;
+  uintptr_t end = 0;
+  bool region = false;
+  bool removed = false;
+};
+
+MapLine ParseMapLine(const std::string& line, const std::string& prefix) {
+  MapLine m;
+  m.start = std::strtoull(line.c_str(), nullptr, 16);
+  m.end = std::strtoull(line.c_str() + line.find('-') + 1, nullptr, 16);
+  auto slash = line.find('/');
+  m.region = slash != std::string::npos && line.compare(slash, prefix.size(), prefix) == 0;
+  m.removed = m.region && line.find(" (deleted)", slash) != std::string::npos;
+  return m;
+}
+
+std::string RegionPrefix() {
+  return vsk::platform::RootedPath(vsk::platform::kStoreHome) + "__db.";
+}
+
 // Descriptors of this process on the store's files (its home, not the interface table's
 // directory below it).
 std::vector<std::pair<int, std::string>> StoreDescriptors() {
@@ -31,11 +61,8 @@ std::vector<std::pair<int, std::string>> StoreDescriptors() {
   while (dirent* e = readdir(dir)) {
     int fd = std::atoi(e->d_name);
     if (fd <= 2 || fd == dirfd(dir)) continue;
-    char target[4096];
-    std::string link = std::string("/proc/self/fd/") + e->d_name;
-    ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
-    if (n <= 0) continue;
-    std::string path(target, static_cast<size_t>(n));
+    const std::string path = LinkTarget(std::string("/proc/self/fd/") + e->d_name);
+    if (path.empty()) continue;
     if (path.rfind(home, 0) == 0 && path.rfind(shmem, 0) != 0) fds.emplace_back(fd, path);
   }
   closedir(dir);
@@ -45,11 +72,8 @@ std::vector<std::pair<int, std::string>> StoreDescriptors() {
 // Closes `fd` if it still names `path`. A descriptor that Berkeley DB closed by itself
 // may have been given to something else since.
 void CloseIfStill(int fd, const std::string& path) {
-  char target[4096];
-  const std::string link = "/proc/self/fd/" + std::to_string(fd);
-  ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
-  if (n <= 0) return;
-  std::string now(target, static_cast<size_t>(n));
+  const std::string now = LinkTarget("/proc/self/fd/" + std::to_string(fd));
+  if (now.empty()) return;
   // A removed file shows with " (deleted)" added.
   if (now == path || now == path + " (deleted)") close(fd);
 }
@@ -57,17 +81,13 @@ void CloseIfStill(int fd, const std::string& path) {
 // The mappings of this process of the current environment's region files ("__db.*" in
 // the store's home, not yet removed: an older environment's show as deleted).
 std::vector<std::pair<uintptr_t, size_t>> RegionMappings() {
-  const std::string prefix = vsk::platform::RootedPath(vsk::platform::kStoreHome) + "__db.";
+  const std::string prefix = RegionPrefix();
   std::ifstream maps("/proc/self/maps");
   std::vector<std::pair<uintptr_t, size_t>> ranges;
-  std::string line;
-  while (std::getline(maps, line)) {
-    auto slash = line.find('/');
-    if (slash == std::string::npos || line.compare(slash, prefix.size(), prefix) != 0) continue;
-    if (line.find(" (deleted)", slash) != std::string::npos) continue;  // an older one's
-    uintptr_t start = std::strtoull(line.c_str(), nullptr, 16);
-    uintptr_t end = std::strtoull(line.c_str() + line.find('-') + 1, nullptr, 16);
-    ranges.emplace_back(start, end - start);
+  for (std::string line; std::getline(maps, line);) {
+    const MapLine m = ParseMapLine(line, prefix);
+    if (m.region && !m.removed)
+      ranges.emplace_back(m.start, m.end - m.start);  // not an older one's
   }
   return ranges;
 }
@@ -90,15 +110,11 @@ bool WaitsInsideGivenUpStore(pid_t pid) {
   std::string address;
   if (!(syscall >> number >> address) || number != SYS_futex) return false;
   const uintptr_t at = std::strtoull(address.c_str(), nullptr, 16);
-  const std::string prefix = vsk::platform::RootedPath(vsk::platform::kStoreHome) + "__db.";
+  const std::string prefix = RegionPrefix();
   std::ifstream maps(proc + "/maps");
   for (std::string line; std::getline(maps, line);) {
-    const uintptr_t start = std::strtoull(line.c_str(), nullptr, 16);
-    const uintptr_t end = std::strtoull(line.c_str() + line.find('-') + 1, nullptr, 16);
-    if (at < start || at >= end) continue;
-    auto slash = line.find('/');
-    return slash != std::string::npos && line.compare(slash, prefix.size(), prefix) == 0 &&
-           line.find(" (deleted)", slash) != std::string::npos;
+    const MapLine m = ParseMapLine(line, prefix);
+    if (at >= m.start && at < m.end) return m.removed;
   }
   return false;
 }

@@ -301,12 +301,7 @@ void Keeper::ReleaseOldEnvironments(Clock::time_point now) {
     } else {
       ++abandoned_workers_;
     }
-    MaintenanceFigures f = w.Figures();
-    past_figures_.failchk_runs += f.failchk_runs;
-    past_figures_.lock_waits_expired += f.lock_waits_expired;
-    past_figures_.checkpoints += f.checkpoints;
-    past_figures_.log_files_removed += f.log_files_removed;
-    past_figures_.replication_flushes += f.replication_flushes;
+    past_figures_ += w.Figures();
     it = old_envs_.erase(it);
   }
 }
@@ -366,16 +361,8 @@ void Keeper::CheckInterfaceTable() {
 
 void Keeper::WriteHealthFile(const Server& server) const {
   MaintenanceFigures m = past_figures_;
-  auto add = [&m](const Maintenance& w) {
-    MaintenanceFigures f = w.Figures();
-    m.failchk_runs += f.failchk_runs;
-    m.lock_waits_expired += f.lock_waits_expired;
-    m.checkpoints += f.checkpoints;
-    m.log_files_removed += f.log_files_removed;
-    m.replication_flushes += f.replication_flushes;
-  };
-  if (maintenance_) add(*maintenance_);
-  for (const auto& old : old_envs_) add(*old.worker);
+  if (maintenance_) m += maintenance_->Figures();
+  for (const auto& old : old_envs_) m += old.worker->Figures();
   ServerFigures s = server.Figures();
   const std::string path = vsk::platform::RootedPath(kHealthFile);
   const std::string tmp = path + ".tmp";

@@ -242,21 +242,17 @@ void Maintenance::Run(std::shared_ptr<State> s) {
   Clock::time_point next_checkpoint = Clock::now() + kCheckpointPeriod;
   if (s->master) s->StartCheckpointWatch(Clock::now());
   for (;;) {
-    bool draining;
+    bool draining, asked;
     Clock::time_point drain_until;
     {
       std::lock_guard<std::mutex> lock(s->mu);
       if (s->stop) break;
       draining = s->draining;
       drain_until = s->drain_until;
-    }
-    const Clock::time_point now = Clock::now();
-    bool asked;
-    {
-      std::lock_guard<std::mutex> lock(s->mu);
       asked = s->check_requested;
       s->check_requested = false;
     }
+    const Clock::time_point now = Clock::now();
     if (draining) {
       {
         // The in-flight call has returned: what the store holds in orvd now is this

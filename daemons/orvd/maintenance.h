@@ -64,6 +64,15 @@ struct MaintenanceFigures {
   uint64_t checkpoints = 0;
   uint64_t log_files_removed = 0;
   uint64_t replication_flushes = 0;
+
+  MaintenanceFigures& operator+=(const MaintenanceFigures& o) {
+    failchk_runs += o.failchk_runs;
+    lock_waits_expired += o.lock_waits_expired;
+    checkpoints += o.checkpoints;
+    log_files_removed += o.log_files_removed;
+    replication_flushes += o.replication_flushes;
+    return *this;
+  }
 };
 
 class Maintenance {

@@ -28,6 +28,8 @@ namespace {
 
 constexpr size_t kLeftBehindSample = 20000;
 constexpr int kJoinLimit = 120;  // seconds for orvd to answer the checker
+// Calls that meet a store busy with a recovery or a deadlock are repeated this often.
+constexpr int kTransientRetries = 200;
 
 void DropTrace(void*, int, const char*, va_list) {}
 
@@ -50,14 +52,15 @@ std::string Value(vsk_snapshot_handle* h, uint16_t type, bool* found) {
 }
 
 vsk_status_t Load(vsk_snapshot_handle* h, uint64_t id) {
-  *h = vsk_snapshot_handle{};
-  h->client_session_id = id;
-  vsk_status_t st = vsk_get_snapshot(h);
-  for (int i = 0; i < 200 && Transient(st); ++i) {
-    vsk_free_snapshot_handle(h);
+  auto get = [&] {
     *h = vsk_snapshot_handle{};
     h->client_session_id = id;
-    st = vsk_get_snapshot(h);
+    return vsk_get_snapshot(h);
+  };
+  vsk_status_t st = get();
+  for (int i = 0; i < kTransientRetries && Transient(st); ++i) {
+    vsk_free_snapshot_handle(h);
+    st = get();
   }
   return st;
 }
@@ -84,7 +87,7 @@ std::string CheckIds(const std::vector<uint64_t>& ids) {
 
 vsk_status_t Remove(uint64_t id) {
   vsk_status_t st = vsk_remove_client_session(id);
-  for (int i = 0; i < 200 && Transient(st); ++i) st = vsk_remove_client_session(id);
+  for (int i = 0; i < kTransientRetries && Transient(st); ++i) st = vsk_remove_client_session(id);
   return st;
 }
 

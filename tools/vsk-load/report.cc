@@ -48,6 +48,11 @@ double MedianLifecycleUs(const PhaseFigures& p) {
   return sum;
 }
 
+nlohmann::json ToJson(const StepFigures& f) {
+  return {{"calls", f.calls}, {"rate", f.rate},  {"mean_us", f.mean_us},
+          {"p50_us", f.p50},  {"p99_us", f.p99}, {"p999_us", f.p999}};
+}
+
 double Rate(const PhaseFigures& p) {
   return p.seconds > 0 ? static_cast<double>(p.lifecycles) / p.seconds : 0;
 }
@@ -62,8 +67,10 @@ void PrintTable(const Options& o, int workers, const PhaseFigures& lib, const Ph
   };
   const double lifecycle_ratio =
       raw && raw->lifecycles && lib.lifecycles ? cost_us(lib) / cost_us(*raw) : 0;
-  const double median_ratio =
-      raw && MedianLifecycleUs(*raw) > 0 ? MedianLifecycleUs(lib) / MedianLifecycleUs(*raw) : 0;
+  // Each sorts every step's samples: computed once, and only beside a raw run.
+  const double lib_median_us = raw ? MedianLifecycleUs(lib) : 0;
+  const double raw_median_us = raw ? MedianLifecycleUs(*raw) : 0;
+  const double median_ratio = raw_median_us > 0 ? lib_median_us / raw_median_us : 0;
   if (o.json) {
     nlohmann::json j;
     j["workers"] = workers;
@@ -75,12 +82,10 @@ void PrintTable(const Options& o, int workers, const PhaseFigures& lib, const Ph
     j["lifecycle_cost_us"] = cost_us(lib);
     for (int s = 0; s < kSteps; ++s) {
       StepFigures f = Figures(lib, s);
-      nlohmann::json step{{"calls", f.calls}, {"rate", f.rate},  {"mean_us", f.mean_us},
-                          {"p50_us", f.p50},  {"p99_us", f.p99}, {"p999_us", f.p999}};
+      nlohmann::json step = ToJson(f);
       if (raw != nullptr) {
         StepFigures r = Figures(*raw, s);
-        step["raw"] = {{"calls", r.calls}, {"rate", r.rate},  {"mean_us", r.mean_us},
-                       {"p50_us", r.p50},  {"p99_us", r.p99}, {"p999_us", r.p999}};
+        step["raw"] = ToJson(r);
         step["ratio"] = r.calls ? nlohmann::json(f.mean_us / r.mean_us) : nlohmann::json(nullptr);
         step["ratio_p50"] =
             r.calls && r.p50 > 0 ? nlohmann::json(f.p50 / r.p50) : nlohmann::json(nullptr);
@@ -93,8 +98,8 @@ void PrintTable(const Options& o, int workers, const PhaseFigures& lib, const Ph
                   {"lifecycles_per_second", Rate(*raw)},
                   {"lifecycle_cost_us", cost_us(*raw)}};
       j["lifecycle_ratio"] = lifecycle_ratio;
-      j["lifecycle_median_us"] = MedianLifecycleUs(lib);
-      j["raw"]["lifecycle_median_us"] = MedianLifecycleUs(*raw);
+      j["lifecycle_median_us"] = lib_median_us;
+      j["raw"]["lifecycle_median_us"] = raw_median_us;
       j["lifecycle_ratio_p50"] = median_ratio;
     }
     j["oracle"] = oracle.empty() ? "ok" : oracle;
@@ -133,7 +138,7 @@ void PrintTable(const Options& o, int workers, const PhaseFigures& lib, const Ph
         "(target <= 1.30x per step)\n",
         Rate(*raw), cost_us(*raw), lifecycle_ratio);
     std::printf("median lifecycle: library %.1f us, raw %.1f us; library/raw %.2fx\n",
-                MedianLifecycleUs(lib), MedianLifecycleUs(*raw), median_ratio);
+                lib_median_us, raw_median_us, median_ratio);
   }
   if (leftovers != 0)
     std::printf("sessions of killed workers read back and removed: %llu\n",

@@ -140,6 +140,20 @@ void WaitForOrvdCheck() {
 
 double Ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
 
+// Reaps `pid` into *status, killing it once `limit` has passed; false when it was killed.
+bool WaitOrKill(pid_t pid, int* status, Clock::duration limit, Clock::duration poll) {
+  const auto deadline = Clock::now() + limit;
+  while (waitpid(pid, status, WNOHANG) == 0) {
+    if (Clock::now() > deadline) {
+      kill(pid, SIGKILL);
+      waitpid(pid, status, 0);
+      return false;
+    }
+    std::this_thread::sleep_for(poll);
+  }
+  return true;
+}
+
 int Run(const Options& opt, const std::string& root) {
   const std::string log = root + "/orvd.log";
   pid_t orvd = StartOrvd(opt.orvd, log);
@@ -305,16 +319,7 @@ int Run(const Options& opt, const std::string& root) {
       return missing < 0 ? 255 : static_cast<int>(std::min<long>(missing, 254));
     });
     int status = 0;
-    const auto deadline = Clock::now() + seconds(120);
-    while (waitpid(checker, &status, WNOHANG) == 0) {
-      if (Clock::now() > deadline) {
-        kill(checker, SIGKILL);
-        waitpid(checker, &status, 0);
-        ++f.stuck;
-        break;
-      }
-      std::this_thread::sleep_for(milliseconds(20));
-    }
+    if (!WaitOrKill(checker, &status, seconds(120), milliseconds(20))) ++f.stuck;
     if (WIFEXITED(status) && WEXITSTATUS(status) != 255) lost = WEXITSTATUS(status);
   }
   const bool served_at_end = lost >= 0;
@@ -326,15 +331,7 @@ int Run(const Options& opt, const std::string& root) {
   auto [fds, rss] = Usage(orvd);
   kill(orvd, SIGTERM);
   int orvd_status = 0;
-  const auto stop_deadline = Clock::now() + seconds(20);
-  while (waitpid(orvd, &orvd_status, WNOHANG) == 0) {
-    if (Clock::now() > stop_deadline) {
-      kill(orvd, SIGKILL);
-      waitpid(orvd, &orvd_status, 0);
-      break;
-    }
-    std::this_thread::sleep_for(milliseconds(10));
-  }
+  WaitOrKill(orvd, &orvd_status, seconds(20), milliseconds(10));
 
   std::printf("vsk-soak: %d s, %d writers, %d interface-table users, a kill every ~%d ms\n",
               opt.seconds, opt.writers, opt.interface_users, opt.kill_every_ms);

@@ -64,10 +64,14 @@ bool MakeKey(const char* name, uint8_t (&key)[kKeyLength]) {
   return true;
 }
 
+// False, with a trace, for a missing record or one shorter than 8 bytes.
 bool Decode(const vsk_app_data_t* data, UidRecord* out) {
-  if (data == nullptr || data->data == nullptr) return false;
-  base::ByteReader r(static_cast<const uint8_t*>(data->data), data->length);
-  return r.Get(&out->uid) && r.Get(&out->refcount) && r.Get(&out->reserved);
+  if (data != nullptr && data->data != nullptr) {
+    base::ByteReader r(static_cast<const uint8_t*>(data->data), data->length);
+    if (r.Get(&out->uid) && r.Get(&out->refcount) && r.Get(&out->reserved)) return true;
+  }
+  VSK_TRACE("UID Hash table record of %u bytes is too short", data != nullptr ? data->length : 0);
+  return false;
 }
 
 vsk_status_t Write(const uint8_t (&key)[kKeyLength], const UidRecord& rec) {
@@ -98,21 +102,14 @@ vsk_status_t Read(const uint8_t (&key)[kKeyLength], UidRecord* rec) {
   vsk_status_t st = store::Check();
   if (st == VSK_OK) st = session::GetAppDefinedSnapshot(&h, VSK_SNAPSHOT_ACTION_GET, nullptr);
   if (st == VSK_OK && h.data == nullptr) st = VSK_ERR_NOT_FOUND;
-  if (st == VSK_OK && !Decode(h.data, rec)) {
-    VSK_TRACE("UID Hash table record of %u bytes is too short", h.data->length);
-    st = VSK_ERR_CORRUPT;
-  }
+  if (st == VSK_OK && !Decode(h.data, rec)) st = VSK_ERR_CORRUPT;
   session::FreeAppDefinedHandle(&h);
   return st;
 }
 
 int RecoverOne(vsk_app_defined_handle* h) noexcept {
   UidRecord rec{};
-  if (!Decode(h->data, &rec)) {
-    VSK_TRACE("UID Hash table record of %u bytes is too short",
-              h->data != nullptr ? h->data->length : 0);
-    return 0;
-  }
+  if (!Decode(h->data, &rec)) return 0;
   // A record written while the pool was empty holds no number of the pool.
   if (rec.uid == kNoUid) return 0;
   int rc = vsk_unit_recover(rec.uid, VSK_UNIT_POOL_UID);

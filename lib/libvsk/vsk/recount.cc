@@ -41,6 +41,12 @@ void CountUnit(uint64_t dynamic_id, SessionCounts* out) {
   vsk_db_release_dynamic_config(dyn, true);
 }
 
+// Only the first 8 bytes of a bitmap are counted bits.
+void CountConfigBits(const uint8_t* bits, uint16_t length, SessionCounts* out) {
+  if (length == 0) return;
+  vsk_summary_counter_increment_config_bits(bits, length < 8 ? length : 8, out->counters);
+}
+
 // The config bits of the client's services (first 8 bytes), as the recovery walk counts
 // them; a listed service without a record counts nothing.
 void CountServices(const vsk_client_session_t* rec, SessionCounts* out) {
@@ -50,10 +56,7 @@ void CountServices(const vsk_client_session_t* rec, SessionCounts* out) {
     uint64_t id = rec->service_ids[i];
     if (vsk_db_get_service_session(&txn, &id, &service, false, nullptr, 0) == VSK_OK) {
       ++out->services;
-      if (service->config_bits_len != 0) {
-        int32_t n = service->config_bits_len < 8 ? service->config_bits_len : 8;
-        vsk_summary_counter_increment_config_bits(service->config_bits, n, out->counters);
-      }
+      CountConfigBits(service->config_bits, service->config_bits_len, out);
     }
     vsk_db_release_service_session(service, true);
   }
@@ -69,10 +72,7 @@ void CountSession(uint64_t id, const vsk_client_session_t* rec, SessionCounts* o
   vsk_summary_counter_increment_type(
       U32(vsk_get_attribute_from_list(attrs, VSK_CLIENT_SESSION_TYPE)), out->counters);
   vsk_summary_counter_increment_total(out->counters);
-  if (rec->config_bits_len != 0) {
-    int32_t n = rec->config_bits_len < 8 ? rec->config_bits_len : 8;
-    vsk_summary_counter_increment_config_bits(rec->config_bits, n, out->counters);
-  }
+  CountConfigBits(rec->config_bits, rec->config_bits_len, out);
   const vsk_attr_t* uifl = vsk_get_attribute_from_list(attrs, VSK_UNDERLYING_INTERFACE_NAME);
   const vsk_attr_t* own = vsk_get_attribute_from_list(attrs, VSK_PROFILE_NAME) == nullptr
                               ? vsk_get_attribute_from_list(attrs, VSK_INTERFACE_NAME)
