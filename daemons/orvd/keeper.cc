@@ -155,7 +155,7 @@ vsk_status_t Keeper::Close() {
   if (maintenance_) {
     if (maintenance_->RecoveryNeeded()) clean = false;
     if (!maintenance_->Stop(kShutdownCallLimit)) clean = false;
-    past_figures_ = maintenance_->Figures();
+    past_figures_ += maintenance_->Figures();
     maintenance_.reset();
   }
   // Workers still watching given-up environments end with orvd.
