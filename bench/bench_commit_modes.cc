@@ -9,25 +9,19 @@
 // of the per-round ratios of two passes run back to back). Runs on its own throwaway
 // VSK_ROOT and removes what it made.
 #include <db.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "libvsk/orvd_ctx.h"
-#include "libvsk/shared/root_objects.h"
 #include "libvsk/store/context.h"
-#include "platform/paths.h"
+#include "support/bench_open.h"
+#include "support/bench_root.h"
 #include "vsk/dyn_db.h"
-#include "vsk/shared.h"
-#include "vsk/store.h"
-
-extern "C" char* __progname;
 
 namespace {
 
@@ -38,7 +32,6 @@ constexpr int kRounds = 15;
 constexpr uint32_t kValueSize = 300;
 constexpr double kTargetRatio = 1.5;  // writing through may cost at most half again
 
-char g_creator_name[] = "orvd";
 orvd_ctx g_link{};
 
 uint32_t EncodeId(const void* object, void* buffer, uint32_t room) {
@@ -81,18 +74,10 @@ double Quantile(std::vector<double> v, double q) {
 }  // namespace
 
 int main() {
-  char tmpl[] = "/tmp/vsk-bench.XXXXXX";
-  if (mkdtemp(tmpl) == nullptr) return 1;
-  const std::string root = tmpl;
-  setenv("VSK_ROOT", root.c_str(), 1);
-  setenv("VSK_RE_ROLE", "master", 1);
+  const vsk::bench::ThrowawayRoot root;
+  if (!root.ok()) return 1;
   int code = 1;
-  __progname = g_creator_name;
-  g_link.fd = -1;
-  g_link.is_orvd = true;
-  vsk_db_set_master(true);
-  if (vsk::platform::MakeSystemDirs() && vsk_open_internal(true) == 0 &&
-      vsk_db_init(&g_link, true) == VSK_OK) {
+  if (vsk::bench::OpenAsCreator(&g_link, false) == VSK_OK) {
     const vsk::store::StoreContext* ctx = vsk::store::Context();
     std::vector<double> no_write, write, ratio;
     bool ok = Pass(ctx->dbenv, ctx->client_session_db, DB_TXN_NOSYNC) > 0;  // warm-up
@@ -121,10 +106,5 @@ int main() {
       code = 0;
     }
   }
-  vsk_close_internal();
-  vsk_db_reset_orvd_handle();
-  vsk::shared::RemoveAllRootObjects();
-  std::error_code ec;
-  std::filesystem::remove_all(root, ec);
   return code;
 }
