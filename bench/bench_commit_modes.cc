@@ -10,7 +10,6 @@
 // VSK_ROOT and removes what it made.
 #include <db.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -21,11 +20,13 @@
 #include "libvsk/store/context.h"
 #include "support/bench_open.h"
 #include "support/bench_root.h"
+#include "support/bench_stats.h"
 #include "vsk/dyn_db.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using vsk::bench::Quantile;
 
 constexpr int kKeys = 20000;
 constexpr int kRounds = 15;
@@ -63,14 +64,6 @@ double Pass(DB_ENV* env, DB* db, uint32_t mode) {
   return kKeys / std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-double Quantile(std::vector<double> v, double q) {
-  std::sort(v.begin(), v.end());
-  double at = q * static_cast<double>(v.size() - 1);
-  size_t lo = static_cast<size_t>(at);
-  size_t hi = std::min(lo + 1, v.size() - 1);
-  return v[lo] + (v[hi] - v[lo]) * (at - static_cast<double>(lo));
-}
-
 }  // namespace
 
 int main() {
@@ -87,7 +80,7 @@ int main() {
                       write_first ? DB_TXN_WRITE_NOSYNC : DB_TXN_NOSYNC);
       double b = Pass(ctx->dbenv, ctx->client_session_db,
                       write_first ? DB_TXN_NOSYNC : DB_TXN_WRITE_NOSYNC);
-      ok = a > 0 && b > 0;
+      ok = a > 0 && b > 0 && !vsk::bench::ThrowawayRoot::Stopped();  // SIGINT ends the run
       double w = write_first ? a : b, n = write_first ? b : a;
       write.push_back(w);
       no_write.push_back(n);

@@ -36,12 +36,15 @@
 #include "platform/paths.h"
 #include "support/bench_open.h"
 #include "support/bench_root.h"
+#include "support/bench_stats.h"
 #include "vsk/dyn_db.h"
 #include "vsk/shared.h"
 #include "vsk/store.h"
 
 namespace {
 
+using vsk::bench::Median;
+using vsk::bench::Quantile;
 using vsk::bench::ThrowawayRoot;
 
 using Clock = std::chrono::steady_clock;
@@ -153,17 +156,6 @@ double Time(Pass pass, DB* db, const std::vector<uint64_t>& ids, const std::vect
   }
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
-
-// The q-quantile (0 to 1) of `v`, by linear interpolation. REQUIRES: v not empty.
-double Quantile(std::vector<double> v, double q) {
-  std::sort(v.begin(), v.end());
-  double at = q * static_cast<double>(v.size() - 1);
-  size_t lo = static_cast<size_t>(at);
-  size_t hi = std::min(lo + 1, v.size() - 1);
-  return v[lo] + (v[hi] - v[lo]) * (at - static_cast<double>(lo));
-}
-
-double Median(const std::vector<double>& v) { return Quantile(v, 0.5); }
 
 struct Pair {
   const char* name;
