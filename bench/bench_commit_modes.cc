@@ -9,36 +9,30 @@
 // of the per-round ratios of two passes run back to back). Runs on its own throwaway
 // VSK_ROOT and removes what it made.
 #include <db.h>
-#include <stdlib.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "libvsk/orvd_ctx.h"
-#include "libvsk/shared/root_objects.h"
 #include "libvsk/store/context.h"
-#include "platform/paths.h"
+#include "support/bench_open.h"
+#include "support/bench_root.h"
+#include "support/bench_stats.h"
 #include "vsk/dyn_db.h"
-#include "vsk/shared.h"
-#include "vsk/store.h"
-
-extern "C" char* __progname;
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using vsk::bench::Quantile;
 
 constexpr int kKeys = 20000;
 constexpr int kRounds = 15;
 constexpr uint32_t kValueSize = 300;
 constexpr double kTargetRatio = 1.5;  // writing through may cost at most half again
 
-char g_creator_name[] = "orvd";
 orvd_ctx g_link{};
 
 uint32_t EncodeId(const void* object, void* buffer, uint32_t room) {
@@ -70,29 +64,13 @@ double Pass(DB_ENV* env, DB* db, uint32_t mode) {
   return kKeys / std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-double Quantile(std::vector<double> v, double q) {
-  std::sort(v.begin(), v.end());
-  double at = q * static_cast<double>(v.size() - 1);
-  size_t lo = static_cast<size_t>(at);
-  size_t hi = std::min(lo + 1, v.size() - 1);
-  return v[lo] + (v[hi] - v[lo]) * (at - static_cast<double>(lo));
-}
-
 }  // namespace
 
 int main() {
-  char tmpl[] = "/tmp/vsk-bench.XXXXXX";
-  if (mkdtemp(tmpl) == nullptr) return 1;
-  const std::string root = tmpl;
-  setenv("VSK_ROOT", root.c_str(), 1);
-  setenv("VSK_RE_ROLE", "master", 1);
+  const vsk::bench::ThrowawayRoot root;
+  if (!root.ok()) return 1;
   int code = 1;
-  __progname = g_creator_name;
-  g_link.fd = -1;
-  g_link.is_orvd = true;
-  vsk_db_set_master(true);
-  if (vsk::platform::MakeSystemDirs() && vsk_open_internal(true) == 0 &&
-      vsk_db_init(&g_link, true) == VSK_OK) {
+  if (vsk::bench::OpenAsCreator(&g_link, false) == VSK_OK) {
     const vsk::store::StoreContext* ctx = vsk::store::Context();
     std::vector<double> no_write, write, ratio;
     bool ok = Pass(ctx->dbenv, ctx->client_session_db, DB_TXN_NOSYNC) > 0;  // warm-up
@@ -102,7 +80,7 @@ int main() {
                       write_first ? DB_TXN_WRITE_NOSYNC : DB_TXN_NOSYNC);
       double b = Pass(ctx->dbenv, ctx->client_session_db,
                       write_first ? DB_TXN_NOSYNC : DB_TXN_WRITE_NOSYNC);
-      ok = a > 0 && b > 0;
+      ok = a > 0 && b > 0 && !vsk::bench::ThrowawayRoot::Stopped();  // SIGINT ends the run
       double w = write_first ? a : b, n = write_first ? b : a;
       write.push_back(w);
       no_write.push_back(n);
@@ -121,10 +99,5 @@ int main() {
       code = 0;
     }
   }
-  vsk_close_internal();
-  vsk_db_reset_orvd_handle();
-  vsk::shared::RemoveAllRootObjects();
-  std::error_code ec;
-  std::filesystem::remove_all(root, ec);
   return code;
 }

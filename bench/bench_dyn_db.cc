@@ -16,7 +16,6 @@
 // Runs as the creating daemon on its own throwaway VSK_ROOT and removes the System V
 // objects and the root at the end, also after SIGINT or SIGTERM.
 #include <db.h>
-#include <signal.h>
 #include <stdlib.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
@@ -26,23 +25,27 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <random>
 #include <string>
 #include <vector>
 
-#include "libvsk/shared/root_objects.h"
 #include "libvsk/orvd_ctx.h"
 #include "libvsk/shared/layout.h"
 #include "libvsk/store/view.h"
 #include "platform/lodex.h"
 #include "platform/paths.h"
 #include "support/bench_open.h"
+#include "support/bench_root.h"
+#include "support/bench_stats.h"
 #include "vsk/dyn_db.h"
 #include "vsk/shared.h"
 #include "vsk/store.h"
 
 namespace {
+
+using vsk::bench::Median;
+using vsk::bench::Quantile;
+using vsk::bench::ThrowawayRoot;
 
 using Clock = std::chrono::steady_clock;
 
@@ -51,9 +54,6 @@ constexpr int kPassRepeats = 5;  // a pass goes over the keys this often (about 
 constexpr int kRounds = 21;
 constexpr uint32_t kValueSize = 64;
 constexpr double kTargetRatio = 1.10;  // the layer may cost at most 10% over bare calls
-
-volatile sig_atomic_t g_stop = 0;
-void OnSignal(int) { g_stop = 1; }
 
 orvd_ctx g_link{};
 
@@ -157,17 +157,6 @@ double Time(Pass pass, DB* db, const std::vector<uint64_t>& ids, const std::vect
   return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-// The q-quantile (0 to 1) of `v`, by linear interpolation. REQUIRES: v not empty.
-double Quantile(std::vector<double> v, double q) {
-  std::sort(v.begin(), v.end());
-  double at = q * static_cast<double>(v.size() - 1);
-  size_t lo = static_cast<size_t>(at);
-  size_t hi = std::min(lo + 1, v.size() - 1);
-  return v[lo] + (v[hi] - v[lo]) * (at - static_cast<double>(lo));
-}
-
-double Median(const std::vector<double>& v) { return Quantile(v, 0.5); }
-
 struct Pair {
   const char* name;
   Pass layer;
@@ -199,7 +188,7 @@ bool Measure(DB_ENV* env, DB* db, std::vector<Pair>& pairs) {
   // Round 0 warms the cache and the log and is not timed; it counts the transactions that
   // each side commits, to show that both follow the same pattern.
   constexpr double kOps = static_cast<double>(kKeys) * kPassRepeats;
-  for (int round = 0; round <= kRounds && !g_stop; ++round) {
+  for (int round = 0; round <= kRounds && !ThrowawayRoot::Stopped(); ++round) {
     for (Pair& p : pairs) {
       bool layer_first = round % 2 == 0;
       uint64_t c0 = Commits(env);
@@ -220,7 +209,7 @@ bool Measure(DB_ENV* env, DB* db, std::vector<Pair>& pairs) {
       p.ratio.push_back(layer / raw);
     }
   }
-  return !g_stop;
+  return !ThrowawayRoot::Stopped();
 }
 
 void Print(const std::vector<Pair>& pairs) {
@@ -253,16 +242,8 @@ void Print(const std::vector<Pair>& pairs) {
 }  // namespace
 
 int main() {
-  char tmpl[] = "/tmp/vsk-bench.XXXXXX";
-  if (mkdtemp(tmpl) == nullptr) {
-    std::perror("mkdtemp");
-    return 1;
-  }
-  std::string root = tmpl;
-  setenv("VSK_ROOT", root.c_str(), 1);
-  setenv("VSK_RE_ROLE", "master", 1);
-  signal(SIGINT, OnSignal);
-  signal(SIGTERM, OnSignal);
+  const ThrowawayRoot root;
+  if (!root.ok()) return 1;
 
   int code = 0;
   vsk_status_t st = vsk::bench::OpenAsCreator(&g_link, false);
@@ -276,14 +257,9 @@ int main() {
     if (Measure(store.env(), store.client_session_db(), pairs)) {
       Print(pairs);
     } else {
-      std::fprintf(stderr, g_stop ? "interrupted\n" : "a pass failed\n");
+      std::fprintf(stderr, ThrowawayRoot::Stopped() ? "interrupted\n" : "a pass failed\n");
       code = 1;
     }
   }
-  vsk_close_internal();
-  vsk_db_reset_orvd_handle();
-  vsk::shared::RemoveAllRootObjects();
-  std::error_code ec;
-  std::filesystem::remove_all(root, ec);
   return code;
 }

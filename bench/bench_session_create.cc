@@ -25,6 +25,7 @@
 #include "libvsk/store/context.h"
 #include "libvsk/store/records.h"
 #include "platform/paths.h"
+#include "support/bench_raw.h"
 #include "support/bench_root.h"
 #include "support/bench_stats.h"
 #include "vsk/vsk.h"
@@ -34,6 +35,8 @@ extern "C" char* __progname;  // the library tells the creating daemon by this n
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using vsk::bench::Encode;
+using vsk::bench::Put;
 using vsk::bench::Median;
 using vsk::bench::Quantile;
 
@@ -109,12 +112,6 @@ struct RawRecords {
   std::string client, dynamic, auth;
 };
 
-std::string Encode(uint32_t (*encoder)(const void*, void*, uint32_t), const void* record) {
-  std::string out(encoder(record, nullptr, 0), '\0');
-  encoder(record, out.data(), static_cast<uint32_t>(out.size()));
-  return out;
-}
-
 RawRecords EncodeLike(Client& c) {
   c.Link(1);
   vsk_client_session_t rec{};
@@ -148,21 +145,13 @@ bool LayerPass(Client& c, bool cached, uint64_t* first_id) {
 bool RawPass(const RawRecords& raw, bool cached, uint64_t* next_key) {
   const vsk::store::StoreContext* ctx = vsk::store::Context();
   DB_ENV* env = ctx->dbenv;
-  auto put = [](DB* db, DB_TXN* txn, uint64_t key, const std::string& bytes) {
-    DBT k{}, d{};
-    k.data = &key;
-    k.size = sizeof key;
-    d.data = const_cast<char*>(bytes.data());
-    d.size = static_cast<uint32_t>(bytes.size());
-    return db->put(db, txn, &k, &d, 0);
-  };
   for (int i = 0; i < kCreatesPerPass; ++i) {
     uint64_t key = (*next_key)++;
     DB_TXN* txn = nullptr;
     int ret = env->txn_begin(env, nullptr, &txn, 0);
-    if (ret == 0) ret = put(ctx->client_session_db, txn, key, raw.client);
-    if (ret == 0) ret = put(ctx->dynamic_config_db, txn, key, raw.dynamic);
-    if (ret == 0 && !cached) ret = put(ctx->auth_request_db, txn, key, raw.auth);
+    if (ret == 0) ret = Put(ctx->client_session_db, txn, key, raw.client);
+    if (ret == 0) ret = Put(ctx->dynamic_config_db, txn, key, raw.dynamic);
+    if (ret == 0 && !cached) ret = Put(ctx->auth_request_db, txn, key, raw.auth);
     if (ret != 0) {
       if (txn != nullptr) txn->abort(txn);
       std::fprintf(stderr, "bare puts: %s\n", db_strerror(ret));

@@ -27,6 +27,7 @@
 #include "libvsk/store/context.h"
 #include "libvsk/store/records.h"
 #include "support/bench_open.h"
+#include "support/bench_raw.h"
 #include "support/bench_root.h"
 #include "support/bench_stats.h"
 #include "vsk/vsk.h"
@@ -34,6 +35,8 @@
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using vsk::bench::Encode;
+using vsk::bench::Put;
 using vsk::bench::Median;
 using vsk::bench::Quantile;
 
@@ -80,21 +83,6 @@ struct Client {
     }
   }
 };
-
-std::string Encode(uint32_t (*encoder)(const void*, void*, uint32_t), const void* record) {
-  std::string out(encoder(record, nullptr, 0), '\0');
-  encoder(record, out.data(), static_cast<uint32_t>(out.size()));
-  return out;
-}
-
-int Put(DB* db, DB_TXN* txn, uint64_t key, const std::string& bytes) {
-  DBT k{}, d{};
-  k.data = &key;
-  k.size = sizeof key;
-  d.data = const_cast<char*>(bytes.data());
-  d.size = static_cast<uint32_t>(bytes.size());
-  return db->put(db, txn, &k, &d, 0);
-}
 
 // Writes clients [from, to) under kWalkBase, each with its own dynamic record, 1000 to a
 // transaction.

@@ -49,10 +49,7 @@ bool Exists(const Object& o) {
 // True once `pid` has ended (gone or a zombie waiting for its reaper).
 bool Ended(pid_t pid) {
   for (int i = 0; i < 500; ++i) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    size_t close = stat.rfind(')');
-    if (close == std::string::npos || stat.compare(close + 2, 1, "Z") == 0) return true;
+    if (ProcessEnded(pid)) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return false;

@@ -436,4 +436,11 @@ std::string VskTest::Path(std::string_view design_path) const {
   return root_ + std::string(design_path);
 }
 
+bool ProcessEnded(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  const size_t close = stat.rfind(')');  // the command name may hold spaces
+  return close == std::string::npos || stat.compare(close + 2, 1, "Z") == 0;
+}
+
 }  // namespace vsk::test

@@ -108,6 +108,9 @@ std::ostream& operator<<(std::ostream& os, const ChildResult& r);
 // already.
 void DieWithParent(pid_t parent);
 
+// True when `pid` has ended: gone, or a zombie its parent has not reaped yet.
+bool ProcessEnded(pid_t pid);
+
 // Runs `fn` in a forked child; the child exits with fn's result (0 means success).
 ChildResult RunInChild(const std::function<int()>& fn,
                        std::chrono::milliseconds timeout = std::chrono::seconds(60));

@@ -6,7 +6,6 @@
 
 #include <cstdarg>
 #include <cstring>
-#include <fstream>
 #include <string>
 
 #include "intf_fixture.h"
@@ -124,19 +123,12 @@ TEST_F(IntfTest, HolderKilledInsideTheTableIsDetectedEverywhereAndRepaired) {
 // file has been formatted anew.
 Child* g_late_client = nullptr;
 
-bool Ended(pid_t pid) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-  std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  size_t close = stat.rfind(')');
-  return close == std::string::npos || stat.compare(close + 2, 1, "Z") == 0;
-}
-
 void StartClientDuringTheRebuild(void*, int, const char* format, ...) {
   if (std::strcmp(format, "INIT MEMORY") != 0 || g_late_client->pid() > 0) return;
   g_late_client->Start([](Child::Channel&) { return vsk_db_interface_add("late", 2, 7, 0, 0); });
   // Until the client has either done its add or is waiting for the table.
   int set = semget(platform::SemaphoreKey(), 0, 0);
-  for (int i = 0; i < 5000 && !Ended(g_late_client->pid()); ++i) {
+  for (int i = 0; i < 5000 && !ProcessEnded(g_late_client->pid()); ++i) {
     if (semctl(set, VSK_LOCK_HEAP, GETNCNT) > 0) return;
     usleep(1000);
   }

@@ -2,28 +2,14 @@
 // the numbers that stored names hold are in use again, so a new name does not get one of
 // them, and a known name keeps its number and count.
 #include "../vsk/session_fixture.h"
-#include "support/orvd_process.h"
 
 namespace vsk::test {
 namespace {
 
-class UidRestartTest : public SessionSystemTest {
- protected:
-  void TearDown() override {
-    orvd_.Stop(SIGKILL);
-    SessionSystemTest::TearDown();
-  }
-  bool StartRealOrvd() {
-    if (!orvd_.Start()) return false;
-    AsClient();
-    vsk::shared::intf::TestSeam::Forget();
-    return vsk_open_internal(false) == 0;
-  }
-  OrvdProcess orvd_;
-};
+using UidRestartTest = RealOrvdSessionTest;
 
 TEST_F(UidRestartTest, RestartMarksStoredNumbersInUseAgain) {
-  ASSERT_TRUE(StartRealOrvd());
+  ASSERT_TRUE(StartRealOrvd(false));
   ChildResult before = AsClientDaemon([] {
     uint32_t uid = 0;
     for (const char* name : {"a", "b", "c"}) CHILD_CHECK(vsk_uid_add_db_entry(name, &uid) == 0);
@@ -35,7 +21,7 @@ TEST_F(UidRestartTest, RestartMarksStoredNumbersInUseAgain) {
 
   orvd_.Stop(SIGKILL);
   vsk_close_internal();
-  ASSERT_TRUE(StartRealOrvd());
+  ASSERT_TRUE(StartRealOrvd(false));
   // The rebuild marks 1000 and 1002 in use: 1001 is the first to go, 1003 the next.
   ChildResult after = AsClientDaemon([] {
     uint32_t uid = 0;

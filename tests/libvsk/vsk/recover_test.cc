@@ -105,27 +105,13 @@ int Load(int k, int steps) {
   return 0;
 }
 
-class RecoverSystemTest : public SessionSystemTest {
- protected:
-  void TearDown() override {
-    orvd_.Stop(SIGKILL);
-    SessionSystemTest::TearDown();
-  }
-  // A real orvd, and this process attached to the segments and the interface table only.
-  bool StartRealOrvd() {
-    if (!orvd_.Start()) return false;
-    AsClient();
-    vsk::shared::intf::TestSeam::Forget();  // the mapping of the orvd before
-    return vsk_open_internal(false) == 0 && vsk_db_secondary_init(false) == VSK_OK;
-  }
-  OrvdProcess orvd_;
-};
+using RecoverSystemTest = RealOrvdSessionTest;
 
 // Three client daemons and orvd are killed after a mix of creates, updates, unit reads and
 // removals; a new orvd rebuilds from the tables alone what they had built up live.
 TEST_F(RecoverSystemTest, RestartAfterKillingEveryProcessRebuildsTheSameState) {
   constexpr int kWorkers = 3, kSteps = 300;
-  ASSERT_TRUE(StartRealOrvd());
+  ASSERT_TRUE(StartRealOrvd(true));
   Child workers[kWorkers];
   for (int k = 0; k < kWorkers; ++k) {
     workers[k].Start([k](Child::Channel& ch) {
@@ -153,7 +139,7 @@ TEST_F(RecoverSystemTest, RestartAfterKillingEveryProcessRebuildsTheSameState) {
   for (Child& w : workers) w.Wait();
   orvd_.Stop(SIGKILL);
   vsk_close_internal();
-  ASSERT_TRUE(StartRealOrvd());
+  ASSERT_TRUE(StartRealOrvd(true));
 
   const SessionCounts after = ReadSharedCounts();
   EXPECT_EQ(CountDifferences(before, after), "");

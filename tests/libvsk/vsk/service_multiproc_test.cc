@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <fstream>
 #include <map>
 #include <random>
 #include <set>
@@ -209,16 +208,6 @@ TEST_F(ServiceSystemTest, CreateGivesUpAfterFourPassesAndRemovalOutlastsTheHolde
 
 // ---- processes killed in the middle of service operations ------------------------------
 
-// orvd has ended (a zombie of this process, not reaped yet): it must outlive every kill,
-// whatever it had to recover.
-bool OrvdDied(const OrvdProcess& orvd) {
-  std::ifstream in("/proc/" + std::to_string(orvd.pid()) + "/stat");
-  std::string stat;
-  std::getline(in, stat);
-  const size_t end = stat.rfind(')');
-  return end == std::string::npos || end + 2 >= stat.size() || stat[end + 2] == 'Z';
-}
-
 // Workers creating, updating and removing services on clients 1..4 are SIGKILLed at
 // random moments, many of them inside Berkeley DB. After each kill, once orvd has taken
 // stock, every link is whole: a service and its place in its client's list commit or
@@ -280,13 +269,15 @@ TEST_F(VskTest, KilledServiceWorkersLeaveEveryLinkWhole) {
            OrvdProcess::HealthFigure("recoveries") == recoveries) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    ASSERT_FALSE(OrvdDied(orvd)) << "orvd died handling kill " << k << " (its log is above)";
+    // orvd must outlive every kill, whatever it had to recover.
+    ASSERT_FALSE(ProcessEnded(orvd.pid()))
+        << "orvd died handling kill " << k << " (its log is above)";
     ChildResult whole = check(false);
-    ASSERT_FALSE(OrvdDied(orvd)) << "orvd died during the check after kill " << k;
+    ASSERT_FALSE(ProcessEnded(orvd.pid())) << "orvd died during the check after kill " << k;
     ASSERT_TRUE(whole.Ok()) << "after kill " << k << ": " << whole;
   }
   ChildResult emptied = check(true);
-  EXPECT_FALSE(OrvdDied(orvd)) << "orvd died during the final removals";
+  EXPECT_FALSE(ProcessEnded(orvd.pid())) << "orvd died during the final removals";
   EXPECT_TRUE(emptied.Ok()) << emptied;
 }
 

@@ -11,6 +11,7 @@
 #include "../shared/shared_fixture.h"
 #include "libvsk/orvd_ctx.h"
 #include "libvsk/shared/intf_file.h"
+#include "support/orvd_process.h"
 #include "vsk/vsk.h"
 
 namespace vsk::test {
@@ -119,6 +120,25 @@ class SessionSystemTest : public SharedTest {
 
  private:
   std::unique_ptr<Child> orvd_;
+};
+
+// A real orvd program in its own process (killed with SIGKILL at the end) and this process
+// attached to it as an observer.
+class RealOrvdSessionTest : public SessionSystemTest {
+ protected:
+  void TearDown() override {
+    orvd_.Stop(SIGKILL);
+    SessionSystemTest::TearDown();
+  }
+  // Starts orvd (again), then attaches to the segments and the interface table and, with
+  // `tables`, opens the derived tables too.
+  bool StartRealOrvd(bool tables) {
+    if (!orvd_.Start()) return false;
+    AsClient();
+    vsk::shared::intf::TestSeam::Forget();  // the mapping of the orvd before
+    return vsk_open_internal(false) == 0 && (!tables || vsk_db_secondary_init(false) == VSK_OK);
+  }
+  OrvdProcess orvd_;
 };
 
 }  // namespace vsk::test

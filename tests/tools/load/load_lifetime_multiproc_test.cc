@@ -46,12 +46,6 @@ std::vector<pid_t> ChildrenOf(pid_t parent) {
   return out;
 }
 
-bool Gone(pid_t pid) {
-  pid_t pp = 0;
-  char state = 0;
-  return !Stat(pid, &pp, &state) || state == 'Z';
-}
-
 std::set<int> SysvIds(const char* kind) {
   std::set<int> ids;
   std::ifstream in(std::string("/proc/sysvipc/") + kind);
@@ -154,9 +148,9 @@ TEST_F(LoadLifetimeTest, NothingOutlivesTheRun) {
     kill(load.pid, c.signal);
     EXPECT_EQ(load.Wait(), c.code);
     for (pid_t child : children) {
-      for (int i = 0; i < 3000 && !Gone(child); ++i)
+      for (int i = 0; i < 3000 && !ProcessEnded(child); ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
-      EXPECT_TRUE(Gone(child)) << "pid " << child;
+      EXPECT_TRUE(ProcessEnded(child)) << "pid " << child;
     }
     if (c.root_left) {
       EXPECT_TRUE(std::filesystem::exists(load.root));
